@@ -1,0 +1,42 @@
+#pragma once
+
+#include <exception>
+#include <string>
+
+namespace kel {
+
+/// How every unit logs: one constant of this class per source file, one call per line. Goes to the
+/// logger that logName() names at that moment. A logging failure never becomes the caller's.
+class UnitLog {
+public:
+    /// @param sourceFile  a string literal: POCO messages keep the pointer.
+    constexpr explicit UnitLog(const char* sourceFile) : _sourceFile(sourceFile) {}
+
+    void error(const std::string& text, int line = __builtin_LINE()) const noexcept;
+    void error(const std::exception& exc, int line = __builtin_LINE()) const noexcept;
+    void information(const std::string& text, int line = __builtin_LINE()) const noexcept;
+
+    /// Whether information() would write; saves building a long text.
+    bool informationEnabled() const noexcept;
+
+private:
+    const char* _sourceFile;
+};
+
+/// displayText() of a POCO exception, what() of any other.
+std::string exceptionText(const std::exception& exc);
+
+/// Runs `call`, a callback of the host: what it throws is logged, and `fallback` returned.
+template <typename Call, typename Result>
+Result contained(const UnitLog& log, Result fallback, Call&& call, int line = __builtin_LINE()) {
+    try {
+        return call();
+    } catch (const std::exception& exc) {
+        log.error(exc, line);
+    } catch (...) {
+        log.error("unknown exception", line);
+    }
+    return fallback;
+}
+
+}  // namespace kel

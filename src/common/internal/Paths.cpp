@@ -1,0 +1,13 @@
+#include "Paths.h"
+
+#include "Platform.h"
+
+namespace kel::paths {
+
+Poco::Path executable() { return Poco::Path(platform::executablePath()); }
+
+Poco::Path applicationDirectory(const std::string& home) {
+    return Poco::Path::forDirectory(home).pushDirectory("kelhost");
+}
+
+}  // namespace kel::paths

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+// Our only door to the system: Platform_posix.cpp and Platform_windows.cpp implement it, CMake
+// compiles one of them. It depends on nothing but the system and the standard library. Paths and
+// names are UTF-8. All functions may be called from any thread.
+namespace kel::platform {
+
+/// Full path of the running executable.
+/// @throws std::system_error  the system does not tell.
+std::string executablePath();
+
+/// Creates `path`, its parents existing, for the owner only where the system knows that (POSIX).
+/// A directory that exists stays as it is.
+/// @throws std::system_error  it cannot be created.
+void createPrivateDirectory(const std::string& path);
+
+/// Puts `content` in the place of the file `path` in one step: written to a neighbour file, which
+/// is then renamed over it. The file is readable by the owner only (POSIX).
+/// @throws std::system_error  what failed and on which path; the old file is as it was.
+void replaceFileContent(const std::string& path, const std::string& content);
+
+/// Lets colour sequences on standard output through. Failures are ignored; without a console, or
+/// where terminals take them anyway, it does nothing.
+void enableConsoleColors() noexcept;
+
+/// Ids of the processes whose executable file name is `name`, byte for byte, in system order.
+std::vector<unsigned long> processesByName(const std::string& name);
+
+unsigned long currentProcessId() noexcept;
+
+/// Shell command that ends the process `pid` at once.
+std::string killCommand(unsigned int pid);
+
+/// File name endings of plug-in libraries.
+const std::vector<std::string>& pluginSuffixes();
+
+/// Whether a static destructor may join threads. Not on Windows, where it runs under the loader
+/// lock, which an ending thread needs.
+bool canJoinAtExit() noexcept;
+
+}  // namespace kel::platform

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+/// A real mosquitto of the test's own on a loopback port that it keeps across restarts. Stopped
+/// by the destructor.
+class Broker {
+public:
+    enum class Login { kAnonymous, kPassword };  // kPassword: user "edge", password "secret"
+
+    explicit Broker(Login login = Login::kAnonymous);
+    ~Broker();
+    Broker(const Broker&) = delete;
+    Broker& operator=(const Broker&) = delete;
+
+    /// "tcp://127.0.0.1:<port>"
+    std::string address() const;
+    int port() const { return _port; }
+
+    /// Starts it and returns once it accepts connections. Throws std::runtime_error if it does not.
+    void start();
+    /// Ends it at once, as a crash would.
+    void kill();
+    void suspend();
+    void resume();
+
+    /// Publishes with an independent client and waits until that is done.
+    void publish(const std::string& topic, const std::string& payload, int qos = 0,
+                 bool retain = false) const;
+
+private:
+    bool tryStart();
+
+    std::string _folder;
+    Login _login;
+    int _port = 0;
+    pid_t _pid = -1;
+};
+
+/// A loopback TCP port that was free a moment ago.
+int freePort();
