@@ -91,7 +91,9 @@ void initHttpOption() {
     configInstance().setBool(http::kApiDebug, true);
 }
 
-void initRpcOption() { configInstance().setUInt(rpc::kRpcPort, 9527); }
+void initRpcOption() {
+    configInstance().setUInt(rpc::kRpcPort, 9527);
+}
 
 void initSSLOption() {
     Poco::Util::JSONConfiguration& store = configInstance();

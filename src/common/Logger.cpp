@@ -81,8 +81,8 @@ struct Chain {
 
 struct State {
     std::mutex setupMutex;
-    Chain chain;             // guarded by setupMutex
-    std::string chainPath;   // guarded by setupMutex
+    Chain chain;            // guarded by setupMutex
+    std::string chainPath;  // guarded by setupMutex
 
     std::mutex nameMutex;
     std::string loggerName;   // guarded by nameMutex
@@ -120,8 +120,7 @@ Chain buildChain(const std::string& path, Writing writing) {
     for (const ChannelPtr& sink : {consoleChannel(), fileChannel(path)}) {
         ChannelPtr tolerant(new TolerantChannel(sink));
         if (writing == Writing::kInBackground) {
-            chain.writers.emplace_back(
-                new Poco::AsyncChannel(tolerant, Poco::Thread::PRIO_LOWEST));
+            chain.writers.emplace_back(new Poco::AsyncChannel(tolerant, Poco::Thread::PRIO_LOWEST));
             tolerant = chain.writers.back();
         }
         splitter->addChannel(tolerant);
@@ -206,9 +205,8 @@ public:
     void load() {
         if (stopped()) return;
         setUp();
-        std::call_once(_refreshOnce, [this] {
-            _refreshThread = std::thread([this] { refresh(); });
-        });
+        std::call_once(_refreshOnce,
+                       [this] { _refreshThread = std::thread([this] { refresh(); }); });
     }
 
     void stop() {

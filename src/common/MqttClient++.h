@@ -8,6 +8,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -86,8 +87,8 @@ public:
                    std::string topic, int qos);
 
     /// As above, with the payload bytes as they came; they are always a JSON object's text.
-    void Subscribe(std::function<void(MQTTClient_message*, std::string)> handler,
-                   std::string topic, int qos);
+    void Subscribe(std::function<void(MQTTClient_message*, std::string)> handler, std::string topic,
+                   int qos);
 
     /// Unsubscribes `topic` at the broker, waiting for its answer, and forgets the handler in any
     /// case. From a handler that runs on the library's receive thread it takes effect shortly
@@ -132,14 +133,29 @@ private:
 
     void createHandle();
     void closeHandle();
-    int connectOnce(SubscribeMap& restored);
+    std::optional<int> connectOnce(SubscribeMap& restored);
+    void endSession(MQTTClient handle);
+    bool askAfterConnect(int rc);
+    void beginSession(const SubscribeMap& restored);
+    void sessionLost(void* ticket, const std::string& cause);
+    void messageDelivered(int token);
+    void offLibraryThread(std::function<void(MqttClient&)> call);
     bool unsubscribeAtBroker(const std::string& topic);
+    int publishInSession(const std::string& payload, const std::string& topic, int qos,
+                         int retained);
     int publishOnce(const std::string& payload, const std::string& topic, int qos, int retained);
     void dispatch(const std::string& payload, const std::string& topic);
     std::list<MessageHandler> handlersFor(const std::string& topic);
 
+    template <typename Callback>
+    Callback callbackCopy(const Callback& member);
+
+    // Background work, which holds the client only weakly between its steps.
     static void runConnectTask(const std::weak_ptr<MqttClient>& weak);
     static void reconnect(const std::weak_ptr<MqttClient>& weak, const std::string& cause);
+    static bool askAfterLoss(const std::weak_ptr<MqttClient>& weak, const std::string& cause);
+    static bool awaitBrokerHost(const std::weak_ptr<MqttClient>& weak);
+    static void rebuild(const std::weak_ptr<MqttClient>& weak);
 
     // Called by the MQTT library. `context` is a ticket of the callback gate, never a pointer.
     static void connlost(void* context, char* cause);

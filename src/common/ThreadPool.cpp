@@ -81,7 +81,9 @@ ThreadPool::ThreadPool(const std::string& name, int minCapacity, int maxCapacity
                        int stackSize)
     : Poco::ThreadPool(name, minCapacity, maxCapacity, idleTime, stackSize) {}
 
-ThreadPool::~ThreadPool() { stop(); }
+ThreadPool::~ThreadPool() {
+    stop();
+}
 
 ThreadPool& ThreadPool::defaultPool() {
     struct Holder {
@@ -97,7 +99,9 @@ ThreadPool& ThreadPool::defaultPool() {
     return *holder->pool;
 }
 
-void ThreadPool::start(std::function<void()> func) { start(std::move(func), ""); }
+void ThreadPool::start(std::function<void()> func) {
+    start(std::move(func), "");
+}
 
 void ThreadPool::start(std::function<void()> func, const std::string& name) {
     try {
@@ -115,6 +119,13 @@ void ThreadPool::start(std::function<void()> func, const std::string& name) {
         log.error(Poco::format("exception: %s", std::string(exc.what())), kRefusedLine);
         throw;
     }
+}
+
+std::size_t ThreadPool::pendingTasks() {
+    const Poco::FastMutex::ScopedLock lock(_mutex);
+    return static_cast<std::size_t>(
+        std::count_if(_adapters.begin(), _adapters.end(),
+                      [](const auto& adapter) { return !adapter->finished(); }));
 }
 
 void ThreadPool::stop() {

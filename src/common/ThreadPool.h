@@ -47,6 +47,9 @@ public:
     /// As above, on a thread named `name` meanwhile.
     void start(std::function<void()> func, const std::string& name);
 
+    /// Tasks that have been accepted and have not ended.
+    std::size_t pendingTasks();
+
     /// Refuses further tasks and waits until those accepted have ended, for each thread at most
     /// POCO's 10 s; a task that takes longer goes on, and what it holds stays alive. Repeatable.
     void stop();

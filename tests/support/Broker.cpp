@@ -40,7 +40,9 @@ bool accepts(int port) {
 
 }  // namespace
 
-int freePort() { return Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0)).address().port(); }
+int freePort() {
+    return Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0)).address().port();
+}
 
 Broker::Broker(Login login) : _login(login) {
     char folder[] = "/tmp/kel-broker-XXXXXX";
@@ -53,7 +55,9 @@ Broker::~Broker() {
     std::filesystem::remove_all(_folder);
 }
 
-std::string Broker::address() const { return "tcp://127.0.0.1:" + std::to_string(_port); }
+std::string Broker::address() const {
+    return "tcp://127.0.0.1:" + std::to_string(_port);
+}
 
 void Broker::start() {
     if (_port != 0) {
@@ -99,14 +103,19 @@ void Broker::kill() {
     _pid = -1;
 }
 
-void Broker::suspend() { ::kill(_pid, SIGSTOP); }
+void Broker::suspend() {
+    ::kill(_pid, SIGSTOP);
+}
 
-void Broker::resume() { ::kill(_pid, SIGCONT); }
+void Broker::resume() {
+    ::kill(_pid, SIGCONT);
+}
 
 void Broker::publish(const std::string& topic, const std::string& payload, int qos,
                      bool retain) const {
-    std::vector<std::string> words{"mosquitto_pub", "-h", "127.0.0.1", "-p", std::to_string(_port),
-                                   "-t",            topic, "-q",       std::to_string(qos)};
+    std::vector<std::string> words{"mosquitto_pub",       "-h", "127.0.0.1", "-p",
+                                   std::to_string(_port), "-t", topic,       "-q",
+                                   std::to_string(qos)};
     if (retain) words.emplace_back("-r");
     if (payload.empty()) {
         words.emplace_back("-n");

@@ -14,10 +14,9 @@ public:
     }
 
     std::size_t count(const std::string& text) const {
-        return static_cast<std::size_t>(
-            std::count_if(messages.begin(), messages.end(), [&](const Poco::Message& m) {
-                return m.getText().find(text) != std::string::npos;
-            }));
+        return static_cast<std::size_t>(std::count_if(
+            messages.begin(), messages.end(),
+            [&](const Poco::Message& m) { return m.getText().find(text) != std::string::npos; }));
     }
 
     mutable std::mutex mutex;
@@ -30,7 +29,9 @@ CapturedLog::CapturedLog() : _collector(new Collector) {
     Poco::Logger::root().setChannel(_collector);
 }
 
-CapturedLog::~CapturedLog() { Poco::Logger::root().setChannel(nullptr); }
+CapturedLog::~CapturedLog() {
+    Poco::Logger::root().setChannel(nullptr);
+}
 
 bool CapturedLog::await(const std::string& text, std::size_t count) {
     std::unique_lock<std::mutex> lock(_collector->mutex);

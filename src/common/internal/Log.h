@@ -26,17 +26,19 @@ private:
 /// displayText() of a POCO exception, what() of any other.
 std::string exceptionText(const std::exception& exc);
 
-/// Runs `call`, a callback of the host: what it throws is logged, and `fallback` returned.
-template <typename Call, typename Result>
-Result contained(const UnitLog& log, Result fallback, Call&& call, int line = __builtin_LINE()) {
+/// Runs `call` at an edge that no exception may cross: what it throws is logged.
+/// @return whether it threw nothing.
+template <typename Call>
+bool contained(const UnitLog& log, Call&& call, int line = __builtin_LINE()) {
     try {
-        return call();
+        call();
+        return true;
     } catch (const std::exception& exc) {
         log.error(exc, line);
     } catch (...) {
         log.error("unknown exception", line);
     }
-    return fallback;
+    return false;
 }
 
 }  // namespace kel

@@ -4,7 +4,9 @@
 
 namespace kel::paths {
 
-Poco::Path executable() { return Poco::Path(platform::executablePath()); }
+Poco::Path executable() {
+    return Poco::Path(platform::executablePath());
+}
 
 Poco::Path applicationDirectory(const std::string& home) {
     return Poco::Path::forDirectory(home).pushDirectory("kelhost");

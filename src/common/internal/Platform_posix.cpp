@@ -57,8 +57,8 @@ std::string processName(const fs::path& entry) {
 }
 
 bool isNumber(const std::string& text) {
-    return !text.empty() && std::all_of(text.begin(), text.end(),
-                                        [](char c) { return c >= '0' && c <= '9'; });
+    return !text.empty() &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
 }  // namespace
@@ -80,9 +80,8 @@ void replaceFileContent(const std::string& path, const std::string& content) {
     const int fd = ::mkstemp(neighbour.data());  // readable by the owner only
     if (fd < 0) fail("create", neighbour);
     try {
-        std::unique_ptr<const int, void (*)(const int*)> closer(&fd, [](const int* f) {
-            ::close(*f);
-        });
+        std::unique_ptr<const int, void (*)(const int*)> closer(&fd,
+                                                                [](const int* f) { ::close(*f); });
         writeAll(fd, content, neighbour);
         if (::fsync(fd) != 0) fail("write", neighbour);
         if (::rename(neighbour.c_str(), target.c_str()) != 0) fail("replace", target);
@@ -105,15 +104,21 @@ std::vector<unsigned long> processesByName(const std::string& name) {
     return pids;
 }
 
-unsigned long currentProcessId() noexcept { return static_cast<unsigned long>(::getpid()); }
+unsigned long currentProcessId() noexcept {
+    return static_cast<unsigned long>(::getpid());
+}
 
-std::string killCommand(unsigned int pid) { return "kill -KILL " + std::to_string(pid); }
+std::string killCommand(unsigned int pid) {
+    return "kill -KILL " + std::to_string(pid);
+}
 
 const std::vector<std::string>& pluginSuffixes() {
     static const std::vector<std::string> suffixes{".dll", ".so"};
     return suffixes;
 }
 
-bool canJoinAtExit() noexcept { return true; }
+bool canJoinAtExit() noexcept {
+    return true;
+}
 
 }  // namespace kel::platform
