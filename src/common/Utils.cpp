@@ -1,15 +1,30 @@
 #include "Utils.h"
 
+#include <Poco/DirectoryIterator.h>
 #include <Poco/Exception.h>
+#include <Poco/File.h>
 #include <Poco/Format.h>
 #include <Poco/JSON/ParseHandler.h>
 #include <Poco/JSON/Parser.h>
+#include <Poco/Net/ICMPClient.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/Process.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
 #include <sstream>
+#include <stdexcept>
+#include <tuple>
+#include <utility>
 
 #include "internal/Log.h"
+#include "internal/Paths.h"
+#include "internal/Platform.h"
+#include "internal/ServerUri.h"
 
 namespace kel {
 
@@ -18,8 +33,14 @@ namespace {
 constexpr UnitLog log("src/common/Utils");
 
 // Line numbers that operators filter on.
+constexpr int kMicroServiceLine = 37;
+constexpr int kPluginLine = 47;
+constexpr int kSystemCommandLine = 157;
+constexpr int kKillPocoExceptionLine = 163;
+constexpr int kKillStdExceptionLine = 166;
 constexpr int kStringifyFailedLine = 179;
 constexpr int kParseFailedLine = 193;
+constexpr int kPingFailedLine = 214;
 
 constexpr std::array<std::uint32_t, 256> makeCrcTable() {
     std::array<std::uint32_t, 256> table{};
@@ -40,6 +61,127 @@ std::string stringify(const Poco::JSON::Object& object) {
     return text.str();
 }
 
+// The text of the failure without its kind, which is all that POCO's what() holds.
+std::string parseFailure(const std::exception& exc) {
+    const auto* poco = dynamic_cast<const Poco::Exception*>(&exc);
+    return poco && !poco->message().empty() ? poco->message() : exc.what();
+}
+
+// Whether `test` holds for a file. None does for one that is gone or for a link that leads nowhere.
+template <typename Test>
+bool holds(Test&& test) {
+    try {
+        return test();
+    } catch (const Poco::FileAccessDeniedException&) {
+        throw;
+    } catch (const Poco::FileException&) {
+        return false;
+    }
+}
+
+// One call of listFilesRecursively().
+class Listing {
+public:
+    Listing(std::list<std::string>& files, ListFileType type, const std::string& keyword)
+        : _files(files), _type(type), _keyword(keyword) {}
+
+    void run(const Poco::Path& directory) {
+        if (isOpen(directory)) return;
+        _open.push_back(systemPath(directory));
+        const Poco::DirectoryIterator end;
+        for (Poco::DirectoryIterator entry(directory); entry != end; ++entry) {
+            if (holds([&] { return entry->isDirectory(); })) {
+                run(entry.path());
+            } else if (!collect(*entry, entry.name())) {
+                break;
+            }
+        }
+        _open.pop_back();
+    }
+
+private:
+    // From UTF-8 on Windows; byte by byte, whatever they mean, on POSIX.
+    static std::filesystem::path systemPath(const Poco::Path& path) {
+        const std::string text = path.toString();
+        return std::u8string(text.begin(), text.end());
+    }
+
+    // A link may lead back to where the listing came from.
+    bool isOpen(const Poco::Path& directory) const {
+        const std::filesystem::path path = systemPath(directory);
+        return std::any_of(_open.begin(), _open.end(), [&](const auto& open) {
+            std::error_code unreadable;  // the directory iterator reports that better
+            return std::filesystem::equivalent(open, path, unreadable);
+        });
+    }
+
+    /// @return false for a type that is none of the three.
+    bool collect(const Poco::File& file, const std::string& name) {
+        switch (_type) {
+            case ListFileType::MicroService:
+                if (holds([&] { return file.isFile() && file.canExecute(); })) {
+                    add(file, "microservice: %s", kMicroServiceLine);
+                }
+                return true;
+            case ListFileType::Plugin:
+                if (isPlugin(name)) add(file, "pulugin: %s", kPluginLine);
+                return true;
+            case ListFileType::LogFile:
+                if (matches(name, ".log")) _files.push_back(file.path());
+                return true;
+        }
+        return false;
+    }
+
+    void add(const Poco::File& file, const char* logFormat, int line) {
+        log.information(Poco::format(logFormat, file.path()), line);
+        _files.push_back(file.path());
+    }
+
+    bool isPlugin(const std::string& name) const {
+        const auto& suffixes = platform::pluginSuffixes();
+        return std::any_of(suffixes.begin(), suffixes.end(),
+                           [&](const std::string& suffix) { return matches(name, suffix); });
+    }
+
+    bool matches(const std::string& name, const std::string& suffix) const {
+        return name.starts_with(_keyword) && name.ends_with(suffix);
+    }
+
+    std::list<std::string>& _files;
+    const ListFileType _type;
+    const std::string& _keyword;
+    std::vector<std::filesystem::path> _open;  // from the top to the directory being read
+};
+
+// Ids 0 and 1 mean a group of processes and the system itself; one that does not fit would turn
+// into another number, -1 for "all" among them.
+void refuseUnsafe(unsigned int pid) {
+    if (pid <= 1 || !std::in_range<Poco::Process::PID>(pid)) {
+        throw Poco::InvalidArgumentException("process id " + std::to_string(pid));
+    }
+}
+
+// POCO takes any packet with this process's id for the answer, so that two pings at once would
+// take each other's.
+std::mutex& pingMutex() {
+    static auto* mutex = new std::mutex;
+    return *mutex;
+}
+
+bool answersPing(const std::string& host) {
+    constexpr int kDataBytes = 48;
+    constexpr int kTtl = 128;
+    constexpr int kTimeout = 2'000'000;  // POCO counts microseconds here
+    Poco::Net::SocketAddress address(host, Poco::UInt16{0});
+    if (address.family() != Poco::Net::SocketAddress::IPv4) {
+        throw std::invalid_argument("only IPv4 hosts can be pinged");
+    }
+    const std::lock_guard<std::mutex> lock(pingMutex());
+    return Poco::Net::ICMPClient::ping(address, Poco::Net::SocketAddress::IPv4, 1, kDataBytes, kTtl,
+                                       kTimeout) == 1;
+}
+
 }  // namespace
 
 Poco::JSON::Object::Ptr stringToJson(const std::string& text) {
@@ -47,7 +189,7 @@ Poco::JSON::Object::Ptr stringToJson(const std::string& text) {
         Poco::JSON::Parser parser(new Poco::JSON::ParseHandler(false));
         return parser.parse(text).extract<Poco::JSON::Object::Ptr>();
     } catch (const std::exception& exc) {
-        log.error(std::string(exc.what()), kParseFailedLine);
+        log.error(parseFailure(exc), kParseFailedLine);
         return {};
     }
 }
@@ -67,6 +209,62 @@ unsigned int GetCRC32(unsigned int crc, unsigned char* buffer, int length) {
     std::uint32_t value = ~crc;
     for (; length != 0; --length) value = kCrcTable[(value ^ *buffer++) & 0xFF] ^ (value >> 8);
     return ~value;
+}
+
+bool findProcessByName(const std::string& name, std::vector<unsigned long>& pids) {
+    // A process that has just ended has no name any more.
+    if (!name.empty()) {
+        const auto found = contained(log, std::vector<unsigned long>(),
+                                     [&] { return platform::processesByName(name); });
+        pids.insert(pids.end(), found.begin(), found.end());
+    }
+    return !pids.empty();
+}
+
+void cleanProcessByName(const std::string& name) {
+    std::vector<unsigned long> pids;
+    findProcessByName(name, pids);
+    // The caller, where it is asked for by its own name, would not get to the ones after it.
+    std::stable_partition(pids.begin(), pids.end(),
+                          [](unsigned long pid) { return pid != platform::currentProcessId(); });
+    for (const unsigned long pid : pids) cleanProcessById(static_cast<unsigned int>(pid));
+}
+
+void cleanProcessById(const unsigned int& pid) {
+    try {
+        refuseUnsafe(pid);
+        const std::string command = platform::killCommand(pid);
+        log.information(Poco::format("system command: %s", command), kSystemCommandLine);
+        std::ignore = std::system(command.c_str());  // the kill below tells what is wrong
+        Poco::Process::kill(static_cast<Poco::Process::PID>(pid));
+    } catch (const Poco::Exception& exc) {
+        log.error(exc.displayText(), kKillPocoExceptionLine);
+    } catch (const std::exception& exc) {
+        log.error(std::string(exc.what()), kKillStdExceptionLine);
+    }
+}
+
+std::string getCurrentPath() {
+    return paths::executable().parent().toString();
+}
+
+std::string getCurrentChildPath(const std::string& child) {
+    return Poco::Path(getCurrentPath()).pushDirectory(child).toString();
+}
+
+void listFilesRecursively(const Poco::Path& dir, std::list<std::string>& files,
+                          const ListFileType& type, const std::string& keyword) {
+    Listing(files, type, keyword).run(dir);
+}
+
+bool pingIp(const std::string& ip) {
+    try {
+        return answersPing(hostOfServerUri(ip));
+    } catch (const std::exception& exc) {
+        log.error(Poco::format("ping failed: %s, ip: %s", std::string(exc.what()), ip),
+                  kPingFailedLine);
+        return false;
+    }
 }
 
 }  // namespace kel

@@ -36,7 +36,8 @@ enum class ListFileType {
 };
 
 /// Appends the ids of all processes whose executable file name is exactly `name`, letter case
-/// included. Processes whose executable cannot be read count by the kernel's short name.
+/// included. Processes whose executable cannot be read count by the kernel's short name. An empty
+/// name finds nothing.
 /// @param pids  not cleared first.
 /// @return whether `pids` holds any id afterwards, earlier ones included.
 /// Threads: any.
@@ -47,13 +48,14 @@ KEL_API bool findProcessByName(const std::string& name, std::vector<unsigned lon
 /// Never throws; failures are logged. Threads: any; waits for a system command per process.
 KEL_API void cleanProcessByName(const std::string& name);
 
-/// Ends the process `pid` at once. Ids 0 and 1 are refused with an error line.
+/// Ends the process `pid` at once. Ids 0 and 1, and any that the system does not have, are refused
+/// with an error line.
 /// Never throws; failures are logged, also that of the second attempt, which finds the process
 /// already gone after a successful first one. Threads: any; waits for a system command.
 KEL_API void cleanProcessById(const unsigned int& pid);
 
 /// Directory of the running executable, ending in a separator.
-/// @throws Poco::SystemException  the system does not tell. Threads: any.
+/// @throws std::system_error  the system does not tell. Threads: any.
 KEL_API std::string getCurrentPath();
 
 /// The sub-directory `child` of getCurrentPath(), ending in a separator. It need not exist.
@@ -61,7 +63,9 @@ KEL_API std::string getCurrentChildPath(const std::string& child);
 
 /// Appends the full paths of the files below `dir` that `type` and `keyword` select, depth first.
 /// Tests are byte-wise and case-sensitive; an empty keyword matches every name. Links to
-/// directories are not followed. Micro-services and plug-ins are logged as they are found.
+/// directories are followed, but never into a directory that is being listed already.
+/// Micro-services and plug-ins are logged as they are found. A `type` that is none of the above
+/// collects nothing.
 /// @throws Poco::FileException  `dir` or a directory below is missing or unreadable; `files` keeps
 ///         what was found before.
 /// Threads: any.
@@ -70,9 +74,9 @@ KEL_API void listFilesRecursively(const Poco::Path& dir, std::list<std::string>&
 
 /// Sends one ICMP echo request (48 bytes, TTL 128) and waits up to 2000 ms for the answer.
 /// @param ip  IPv4 address or host name, also as a server URI ("tcp://host:1883", "host:1883").
-/// @return false without an answer, or if the name does not resolve or the process may not open a
-///         raw socket (both logged).
-/// Threads: any; one ping at a time in the process, later calls wait.
+/// @return false without an answer, or if the name does not resolve to an IPv4 address or the
+///         process may not open a raw socket (both logged).
+/// Threads: any; one ping at a time in the process, later calls wait. Never throws.
 KEL_API bool pingIp(const std::string& ip);
 
 }  // namespace kel

@@ -39,21 +39,26 @@ std::string realTarget(const std::string& path) {
     return real.empty() ? path : real.string();
 }
 
+// The kernel marks an executable that was replaced or removed, as an update does.
+std::string withoutDeletedMark(std::string exe) {
+    const std::string mark = " (deleted)";
+    std::error_code unreadable;
+    if (exe.ends_with(mark) && !fs::exists(exe, unreadable)) exe.resize(exe.size() - mark.size());
+    return exe;
+}
+
 // Base name of the executable, or the kernel's short name where the link cannot be read (a kernel
 // thread, another user's process).
 std::string processName(const fs::path& entry) {
     std::error_code unreadable;
-    std::string exe = fs::read_symlink(entry / "exe", unreadable).string();
+    const fs::path exe = fs::read_symlink(entry / "exe", unreadable);
     if (unreadable) {
         std::string shortName;
         std::ifstream in(entry / "comm");
         std::getline(in, shortName);
         return shortName;
     }
-    // The kernel marks an executable that was replaced or removed, as an update does.
-    const std::string deleted = " (deleted)";
-    if (exe.ends_with(deleted) && !fs::exists(exe)) exe.resize(exe.size() - deleted.size());
-    return fs::path(exe).filename().string();
+    return fs::path(withoutDeletedMark(exe.string())).filename().string();
 }
 
 bool isNumber(const std::string& text) {
@@ -67,7 +72,7 @@ std::string executablePath() {
     std::error_code failed;
     const fs::path exe = fs::read_symlink("/proc/self/exe", failed);
     if (failed) throw std::system_error(failed, "read /proc/self/exe");
-    return exe.string();
+    return withoutDeletedMark(exe.string());
 }
 
 void createPrivateDirectory(const std::string& path) {
@@ -95,10 +100,10 @@ void enableConsoleColors() noexcept {}
 
 std::vector<unsigned long> processesByName(const std::string& name) {
     std::vector<unsigned long> pids;
-    std::error_code gone;  // a process may end while we look at it
-    for (const fs::directory_entry& entry : fs::directory_iterator("/proc", gone)) {
-        const std::string id = entry.path().filename().string();
-        if (isNumber(id) && processName(entry.path()) == name) pids.push_back(std::stoul(id));
+    std::error_code failed;  // ends the loop; what was found by then counts
+    for (fs::directory_iterator entry("/proc", failed), end; entry != end; entry.increment(failed)) {
+        const std::string id = entry->path().filename().string();
+        if (isNumber(id) && processName(entry->path()) == name) pids.push_back(std::stoul(id));
     }
     std::sort(pids.begin(), pids.end());
     return pids;
