@@ -244,7 +244,7 @@ TEST_F(ListFiles, AMissingOrUnreadableDirectoryThrows) {
         listFilesRecursively(Poco::Path(_root + "/none"), files, ListFileType::LogFile, ""),
         Poco::FileNotFoundException);
     fs::create_directories(_folder.path() / "sub/closed");
-    for (const auto perms : {fs::perms::none, fs::perms::owner_read | fs::perms::others_read}) {
+    for (const auto perms : {fs::perms::none, fs::perms::group_read | fs::perms::others_read}) {
         const std::string closed = perms == fs::perms::none ? "/sub/closed" : "/sub";
         fs::permissions(_root + closed, perms);
         {
