@@ -1,0 +1,174 @@
+// HttpServer.cpp - one callback behind POCO's HTTP server.
+//
+// POCO's connection threads outlive the server object: a request in progress, or a client that
+// keeps its connection open, holds a thread of POCO's default pool. Each connection also holds the
+// handler factory. So a process-wide list keeps the factories of all servers, living and gone,
+// until their last connection has ended; through it the end of the process closes what is still
+// open, after the callbacks in progress have returned. Otherwise POCO, which joins its pool at
+// exit, would wait 10 s for each idle connection and then carry on without it.
+
+#include "HttpServer.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Net/HTTPRequestHandler.h>
+#include <Poco/Net/HTTPRequestHandlerFactory.h>
+#include <Poco/SharedPtr.h>
+#include <Poco/ThreadPool.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <list>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "internal/ExitHooks.h"
+
+namespace kel {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kThreads = 16;
+constexpr std::chrono::seconds kCallbackGrace(10);
+// From a callback's return to its reply on the wire: POCO writes it out afterwards.
+constexpr std::chrono::milliseconds kReplyGrace(100);
+
+// POCO makes a connection's thread only when one arrives, and never retries: with all threads still
+// held by the connections of an earlier server, a new one would leave its first clients waiting.
+void provideThreads() {
+    Poco::ThreadPool& pool = Poco::ThreadPool::defaultPool();
+    const int missing = kThreads - pool.available();
+    if (missing > 0) pool.addCapacity(missing);
+}
+
+// Whether what follows on the connection is another request, not the rest of this one's body.
+bool bodyConsumed(Poco::Net::HTTPServerRequest& request) {
+    const bool announced = request.getChunkedTransferEncoding() ||
+                           (request.hasContentLength() && request.getContentLength64() != 0);
+    return !announced || request.stream().eof();
+}
+
+}  // namespace
+
+class HttpServer::RequestHandlerFactory : public Poco::Net::HTTPRequestHandlerFactory {
+public:
+    explicit RequestHandlerFactory(Callback callback) : _callback(std::move(callback)) {}
+
+    Poco::Net::HTTPRequestHandler* createRequestHandler(
+        const Poco::Net::HTTPServerRequest&) override;
+
+    // Ends the connections that hold this factory, whatever they are doing.
+    void closeConnections() { serverStopped(this, true); }
+
+private:
+    Callback _callback;
+};
+
+// Never destroyed: connection threads use it until the last one has ended.
+struct HttpServer::Process {
+    std::mutex mutex;
+    // Guarded by mutex.
+    std::set<HttpServer*> servers;
+    std::list<Poco::SharedPtr<RequestHandlerFactory>> factories;
+    int callbacks = 0;  // in progress
+    Clock::time_point lastCallback;
+
+    std::condition_variable callbackEnded;
+
+    void enter() {
+        const std::lock_guard<std::mutex> lock(mutex);
+        ++callbacks;
+    }
+
+    void leave() {
+        const std::lock_guard<std::mutex> lock(mutex);
+        --callbacks;
+        lastCallback = Clock::now();
+        callbackEnded.notify_all();
+    }
+};
+
+class HttpServer::RequestHandler : public Poco::Net::HTTPRequestHandler {
+public:
+    explicit RequestHandler(Callback callback) : _callback(std::move(callback)) {}
+
+    void handleRequest(Poco::Net::HTTPServerRequest& request,
+                       Poco::Net::HTTPServerResponse& response) override {
+        if (!_callback) throw Poco::NullPointerException("request handle callabck is empty");
+        struct InProgress {
+            InProgress() { process().enter(); }
+            ~InProgress() { process().leave(); }
+        } inProgress;
+        _callback(request, response);
+        // A client left without a reply must not wait for one.
+        if (!response.sent() || !bodyConsumed(request)) response.setKeepAlive(false);
+    }
+
+private:
+    Callback _callback;
+};
+
+Poco::Net::HTTPRequestHandler* HttpServer::RequestHandlerFactory::createRequestHandler(
+    const Poco::Net::HTTPServerRequest&) {
+    return new RequestHandler(_callback);
+}
+
+HttpServer::Process& HttpServer::process() {
+    static Process& instance = []() -> Process& {
+        onLibraryStop(ExitStage::kRequests, &HttpServer::stopAll);
+        return *new Process;
+    }();
+    return instance;
+}
+
+std::shared_ptr<HttpServer> HttpServer::createInstance(
+    const Poco::Net::ServerSocket& socket, Poco::AutoPtr<Poco::Net::HTTPServerParams> params,
+    Callback callback) {
+    return std::shared_ptr<HttpServer>(new HttpServer(socket, params, std::move(callback)));
+}
+
+HttpServer::HttpServer(const Poco::Net::ServerSocket& socket,
+                       Poco::AutoPtr<Poco::Net::HTTPServerParams> params, Callback callback)
+    : _server(nullptr) {
+    provideThreads();
+    const Poco::SharedPtr<RequestHandlerFactory> factory(
+        new RequestHandlerFactory(std::move(callback)));
+    const std::lock_guard<std::mutex> lock(process().mutex);
+    process().factories.remove_if([](const auto& held) { return held.referenceCount() == 1; });
+    process().factories.push_back(factory);
+    process().servers.insert(this);
+    _server = new Poco::Net::HTTPServer(factory, socket, params);
+}
+
+HttpServer::~HttpServer() {
+    const std::lock_guard<std::mutex> lock(process().mutex);
+    process().servers.erase(this);
+    delete _server;
+    _server = nullptr;
+}
+
+void HttpServer::start() {
+    const std::lock_guard<std::mutex> lock(process().mutex);
+    if (_server) _server->start();
+}
+
+void HttpServer::stop() {
+    const std::lock_guard<std::mutex> lock(process().mutex);
+    if (_server) _server->stop();
+}
+
+void HttpServer::stopAll() {
+    Process& all = process();
+    std::unique_lock<std::mutex> lock(all.mutex);
+    for (HttpServer* server : all.servers) server->_server->stop();
+    all.callbackEnded.wait_for(lock, kCallbackGrace, [&] { return all.callbacks == 0; });
+    const auto factories = all.factories;
+    const Clock::time_point written = all.lastCallback + kReplyGrace;
+    lock.unlock();
+    std::this_thread::sleep_until(written);
+    for (auto factory : factories) factory->closeConnections();
+}
+
+}  // namespace kel

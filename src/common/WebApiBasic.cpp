@@ -1,0 +1,196 @@
+// WebApiBasic.cpp - the route table and what stands between it and the handlers.
+//
+// A request takes its handler out of the table under the lock and calls it without. The handler is
+// shared, not copied, so that state which a handler captured by value is the same in every request;
+// whoever replaces or forgets a route does not disturb the requests that have begun.
+
+#include "WebApiBasic.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Format.h>
+#include <Poco/Net/HTTPServerParams.h>
+#include <Poco/NullStream.h>
+#include <Poco/URI.h>
+
+#include "HttpServer.h"
+#include "internal/JsonBody.h"
+#include "internal/Log.h"
+
+namespace kel {
+
+using Poco::Net::HTTPServerRequest;
+using Poco::Net::HTTPServerResponse;
+
+namespace {
+
+constexpr UnitLog log("src/common/WebApiBasic");
+
+// Logs what leaves `call` and passes it on: the server turns it into what the client receives, but
+// tells nobody.
+template <typename Call>
+void loggingFailure(Call&& call, int line = __builtin_LINE()) {
+    try {
+        call();
+    } catch (const std::exception& exc) {
+        log.error(exc, line);
+        throw;
+    } catch (...) {
+        log.error("unknown exception", line);
+        throw;
+    }
+}
+
+void logRegistration(const std::string& path) {
+    log.information(Poco::format("web api regist: %s", path));
+}
+
+WebApiBasic::ApiParams queryParameters(const Poco::URI& uri) {
+    WebApiBasic::ApiParams params;
+    for (const auto& [name, value] : uri.getQueryParameters()) params.emplace(name, value);
+    return params;
+}
+
+void prepareJsonReply(HTTPServerResponse& response) {
+    response.setChunkedTransferEncoding(true);
+    response.setContentType("application/json");
+}
+
+void sendResult(HTTPServerResponse& response, const Poco::JSON::Object& result) {
+    if (result.size() > 0) result.stringify(response.send(), 0, -1);
+}
+
+// POCO up to 1.14 takes a body without a length to end with the connection, which would hold the
+// thread until the client goes.
+bool hasBody(const HTTPServerRequest& request) {
+    return request.getChunkedTransferEncoding() || request.hasContentLength();
+}
+
+Poco::JSON::Object::Ptr jsonBody(HTTPServerRequest& request) {
+    if (request.hasContentLength()) checkJsonBodyLength(request.getContentLength64());
+    Poco::NullInputStream none;
+    return readJsonObject(hasBody(request) ? request.stream() : static_cast<std::istream&>(none));
+}
+
+}  // namespace
+
+std::shared_ptr<WebApiBasic> WebApiBasic::instance() {
+    static const auto& instance = *new std::shared_ptr<WebApiBasic>(new WebApiBasic);
+    return instance;
+}
+
+WebApiBasic::WebApiBasic() = default;
+
+WebApiBasic::~WebApiBasic() = default;
+
+void WebApiBasic::apiNotFound(HTTPServerResponse& response) {
+    response.send() << R"({"code": -1, "msg": "api not found"})";
+}
+
+void WebApiBasic::apiSuccess(HTTPServerResponse& response) {
+    response.send() << R"({"code": 0, "msg": "success"})";
+}
+
+void WebApiBasic::bodyNotFound(HTTPServerResponse& response) {
+    response.send() << R"({"code": -1, "msg": "body not found or cannot be resolved to json"})";
+}
+
+void WebApiBasic::apiRegist(std::string path) {
+    store(std::move(path), [](HTTPServerRequest&, HTTPServerResponse& response, const ApiParams&) {
+        apiSuccess(response);
+    });
+}
+
+void WebApiBasic::apiRegist(std::string path, ApiHandler handler) {
+    logRegistration(path);
+    store(std::move(path), std::move(handler));
+}
+
+void WebApiBasic::apiRegist(std::string path, ApiJsonHandler handler) {
+    logRegistration(path);
+    store(std::move(path),
+          [handler = std::move(handler)](HTTPServerRequest& request, HTTPServerResponse& response,
+                                         const ApiParams& params) {
+              prepareJsonReply(response);
+              if (!handler) return apiNotFound(response);
+              loggingFailure([&] {
+                  Poco::JSON::Object result;
+                  handler(request, response, params, result);
+                  sendResult(response, result);
+              });
+          });
+}
+
+void WebApiBasic::apiRegist(std::string path, ApiJsonBodyHandler handler) {
+    logRegistration(path);
+    store(std::move(path),
+          [handler = std::move(handler)](HTTPServerRequest& request, HTTPServerResponse& response,
+                                         const ApiParams& params) {
+              prepareJsonReply(response);
+              const Poco::JSON::Object::Ptr body = jsonBody(request);
+              if (!body) bodyNotFound(response);
+              if (!handler) return apiNotFound(response);
+              loggingFailure([&] {
+                  Poco::JSON::Object result;
+                  handler(request, response, params, result, *body);
+                  sendResult(response, result);
+              });
+          });
+}
+
+void WebApiBasic::start(const Poco::Net::ServerSocket& socket) {
+    const std::lock_guard<std::mutex> lifecycle(_lifecycle_mutex);
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        if (_server) throw Poco::LogicException();
+    }
+    const auto noReply = [](HTTPServerRequest&, HTTPServerResponse&, const ApiParams&) {};
+    store("/", noReply);
+    store("/index/api/getApiList", noReply);
+    const auto server = HttpServer::createInstance(
+        socket, new Poco::Net::HTTPServerParams,
+        [this](HTTPServerRequest& request, HTTPServerResponse& response) {
+            dispatch(request, response);
+        });
+    exchangeServer(server);
+    try {
+        server->start();
+    } catch (...) {
+        exchangeServer(nullptr);
+        throw;
+    }
+}
+
+void WebApiBasic::stop() {
+    const std::lock_guard<std::mutex> lifecycle(_lifecycle_mutex);
+    if (const auto server = exchangeServer(nullptr)) server->stop();
+    std::map<std::string, Route> forgotten;  // what the handlers captured goes without the lock
+    const std::lock_guard<std::mutex> lock(_mutex);
+    forgotten.swap(_apis);
+}
+
+void WebApiBasic::store(std::string path, ApiHandler handler) {
+    auto route = std::make_shared<const ApiHandler>(std::move(handler));
+    const std::lock_guard<std::mutex> lock(_mutex);
+    _apis[std::move(path)].swap(route);  // so that the earlier one goes without the lock
+}
+
+std::shared_ptr<HttpServer> WebApiBasic::exchangeServer(std::shared_ptr<HttpServer> server) {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    _server.swap(server);
+    return server;
+}
+
+void WebApiBasic::dispatch(HTTPServerRequest& request, HTTPServerResponse& response) {
+    const Poco::URI uri(request.getURI());
+    Route route;
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        if (!_server) return;  // a connection from before stop(); without a reply it is closed
+        const auto found = _apis.find(uri.getPath());
+        if (found != _apis.end()) route = found->second;
+    }
+    if (!route) return apiNotFound(response);
+    loggingFailure([&] { (*route)(request, response, queryParameters(uri)); });
+}
+
+}  // namespace kel

@@ -1,0 +1,110 @@
+#pragma once
+
+#include <Poco/JSON/Object.h>
+#include <Poco/Net/HTTPServerRequest.h>
+#include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/Net/ServerSocket.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "Export.h"
+
+namespace kel {
+
+class HttpServer;
+
+/// The process's web API: handlers by URL path, behind one HTTP server.
+/// @code
+///   auto api = kel::WebApiBasic::instance();
+///   api->apiRegist("/index/api/add", [](auto&, auto&, const auto& params, auto& result) {
+///       result.set("sum", std::stoi(params.at("a")) + std::stoi(params.at("b")));
+///   });
+///   api->start(Poco::Net::ServerSocket(9528));
+/// @endcode
+/// A path is matched exactly, letter case and a trailing slash included; the method is not looked
+/// at. An unknown path is answered with {"code": -1, "msg": "api not found"} and status 200.
+///
+/// Errors: what a handler throws is logged; after a Poco::Exception the client gets status 500,
+/// after any other its connection is closed without a reply. Nothing a client sends ends the
+/// process.
+/// Threads: all operations may be called from any thread, also from handlers and while requests are
+/// served. Handlers run on many threads at once, and with no lock held.
+class KEL_API WebApiBasic {
+public:
+    /// Query parameters, decoded. Of a name that occurs more than once the first value counts.
+    using ApiParams = std::unordered_map<std::string, std::string>;
+
+    /// Sends the reply itself. If it sends nothing, the connection is closed without a reply.
+    using ApiHandler = std::function<void(Poco::Net::HTTPServerRequest&,
+                                          Poco::Net::HTTPServerResponse&, const ApiParams&)>;
+
+    /// Fills `result`, which is then sent as a chunked "application/json" reply. If it leaves
+    /// `result` empty, it sends the reply itself. It may set the status.
+    using ApiJsonHandler =
+        std::function<void(Poco::Net::HTTPServerRequest&, Poco::Net::HTTPServerResponse&,
+                           const ApiParams&, Poco::JSON::Object& result)>;
+
+    /// As ApiJsonHandler, with the request's body. It is not called for a body that is no JSON
+    /// object, nested deeper than 128 levels or longer than 8 MiB: that is logged, and the client
+    /// gets status 500. A request without a length (neither Content-Length nor chunked) has an
+    /// empty body.
+    using ApiJsonBodyHandler = std::function<void(
+        Poco::Net::HTTPServerRequest&, Poco::Net::HTTPServerResponse&, const ApiParams&,
+        Poco::JSON::Object& result, const Poco::JSON::Object& body)>;
+
+    /// The process's only one.
+    static std::shared_ptr<WebApiBasic> instance();
+
+    ~WebApiBasic();
+
+    WebApiBasic(const WebApiBasic&) = delete;
+    WebApiBasic& operator=(const WebApiBasic&) = delete;
+
+    /// Has `path` answered with {"code": 0, "msg": "success"}.
+    void apiRegist(std::string path);
+
+    /// Has `handler` called for `path`, replacing an earlier one; requests in progress finish with
+    /// the handler they began with. The number of a lambda's parameters selects the overload; a
+    /// std::bind expression or a variadic lambda, which fit all three, has to be named:
+    /// `apiRegist(path, WebApiBasic::ApiHandler(...))`.
+    void apiRegist(std::string path, ApiHandler handler);
+    void apiRegist(std::string path, ApiJsonHandler handler);
+    void apiRegist(std::string path, ApiJsonBodyHandler handler);
+
+    /// Serves the registered routes on `socket`, and the two built-in ones "/" and
+    /// "/index/api/getApiList", which send no reply unless the host registers its own afterwards.
+    /// @throws Poco::LogicException  it is serving already; nothing changes.
+    void start(const Poco::Net::ServerSocket& socket);
+
+    /// Accepts no further connection, answers no further request and forgets every route; returns
+    /// within 250 ms. Requests in progress are not waited for. Does nothing more when not serving.
+    /// Afterwards routes can be registered and start() be called again.
+    void stop();
+
+private:
+    WebApiBasic();
+
+    static void apiNotFound(Poco::Net::HTTPServerResponse& response);
+    static void apiSuccess(Poco::Net::HTTPServerResponse& response);
+    static void bodyNotFound(Poco::Net::HTTPServerResponse& response);
+
+    using Route = std::shared_ptr<const ApiHandler>;
+
+    void store(std::string path, ApiHandler handler);
+    void dispatch(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response);
+    std::shared_ptr<HttpServer> exchangeServer(std::shared_ptr<HttpServer> server);
+
+    // Guarded by _mutex, which is never held while a handler runs.
+    std::shared_ptr<HttpServer> _server;
+    std::map<std::string, Route> _apis;
+
+    std::mutex _lifecycle_mutex;  // one start() or stop() at a time; taken before _mutex
+    std::mutex _mutex;
+};
+
+}  // namespace kel

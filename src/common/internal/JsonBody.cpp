@@ -1,0 +1,40 @@
+#include "JsonBody.h"
+
+#include <Poco/JSON/JSONException.h>
+#include <Poco/JSON/ParseHandler.h>
+#include <Poco/JSON/Parser.h>
+
+#include <string>
+#include <vector>
+
+namespace kel {
+
+namespace {
+
+constexpr std::int64_t kMaxLength = 8 * 1024 * 1024;
+
+// Read whole first: the parser's C code must not have exceptions of the stream pass through it.
+std::string readText(std::istream& body) {
+    body.exceptions(std::ios::badbit);  // rethrow what the buffer threw
+    std::string text;
+    std::vector<char> block(16 * 1024);
+    while (body) {
+        body.read(block.data(), static_cast<std::streamsize>(block.size()));
+        text.append(block.data(), static_cast<std::size_t>(body.gcount()));
+        checkJsonBodyLength(static_cast<std::int64_t>(text.size()));
+    }
+    return text;
+}
+
+}  // namespace
+
+void checkJsonBodyLength(std::int64_t length) {
+    if (length > kMaxLength) throw Poco::JSON::JSONException("body is longer than 8 MiB");
+}
+
+Poco::JSON::Object::Ptr readJsonObject(std::istream& body) {
+    Poco::JSON::Parser parser(new Poco::JSON::ParseHandler(false));
+    return parser.parse(readText(body)).extract<Poco::JSON::Object::Ptr>();
+}
+
+}  // namespace kel
