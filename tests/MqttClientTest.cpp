@@ -22,28 +22,28 @@ public:
     FullPool(MqttClient& client, const Broker& broker) {
         client.Subscribe(
             [this](MQTTClient_message*, std::string) {
-                ++_waiting;
+                ++_begun;
                 _gate.wait();
+                ++_ended;
             },
             "block/all", 0);
         // One by one: a message too many would block the library's thread instead.
-        for (int occupied = 1; occupied <= 32; ++occupied) {
+        for (int occupied = 1; occupied <= kThreads; ++occupied) {
             broker.publish("block/all", "{}");
-            EXPECT_TRUE(await([&] { return _waiting == occupied; }));
+            EXPECT_TRUE(await([&] { return _begun == occupied; }));
         }
     }
 
-    ~FullPool() { release(); }
-
-    void release() {
-        if (!_released.exchange(true)) _release.set_value();
+    ~FullPool() {
+        _release.set_value();
+        EXPECT_TRUE(await([&] { return _ended == kThreads; }));
     }
 
 private:
-    std::atomic<int> _waiting{0};
-    std::atomic<bool> _released{false};
+    static constexpr int kThreads = 32;
+    std::atomic<int> _begun{0}, _ended{0};
     std::promise<void> _release;
-    std::shared_future<void> _gate{_release.get_future()};
+    const std::shared_future<void> _gate{_release.get_future()};
 };
 
 }  // namespace
@@ -213,7 +213,7 @@ TEST_F(MqttClientTest, PublishersWaitForAcknowledgementsNotForATimer) {
 TEST_F(MqttClientTest, AFullPoolRunsHandlersInlineAndBlocksNobody) {
     const ClientPtr client = newClient("edge-1");
     ASSERT_NO_FATAL_FAILURE(connect(client));
-    FullPool full(*client, _broker);
+    const FullPool full(*client, _broker);
 
     std::promise<bool> published;
     client->Subscribe(
@@ -293,15 +293,16 @@ TEST_F(MqttClientTest, MayBeReleasedFromTheLibrarysThread) {
         ASSERT_TRUE(ClientPtr(client)->PublishMessage("{}", "out", 1, 0, 0));
         EXPECT_TRUE(await([&] { return weak.expired(); }));
     }
-    FullPool full(*other, _broker);
-    ClientPtr client = newClient("edge-2");
-    const std::weak_ptr<MqttClient> weak = client;
-    ASSERT_NO_FATAL_FAILURE(connect(client));
-    client->Subscribe([&](MQTTClient_message*, std::string) { client.reset(); }, "last", 0);
-    ASSERT_TRUE(_log.await("Success to subscribe topic last"));
-    _broker.publish("last", "{}");
-    EXPECT_TRUE(await([&] { return weak.expired(); }));
-    full.release();
+    {
+        const FullPool full(*other, _broker);
+        ClientPtr client = newClient("edge-2");
+        const std::weak_ptr<MqttClient> weak = client;
+        ASSERT_NO_FATAL_FAILURE(connect(client));
+        client->Subscribe([&](MQTTClient_message*, std::string) { client.reset(); }, "last", 0);
+        ASSERT_TRUE(_log.await("Success to subscribe topic last"));
+        _broker.publish("last", "{}");
+        EXPECT_TRUE(await([&] { return weak.expired(); }));
+    }
     EXPECT_TRUE(other->PublishMessage("{}", "out", 1, 0, 0));
 }
 

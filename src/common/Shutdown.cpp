@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "internal/ExitHooks.h"
+#include "internal/Log.h"
 #include "internal/Platform.h"
 
 namespace kel {
@@ -38,6 +39,7 @@ std::vector<void (*)()> takeNextStage() {
 struct AtProcessEnd {
     ~AtProcessEnd() {
         if (platform::canJoinAtExit()) stopLibrary();
+        endLogging();
     }
 } atProcessEnd;
 

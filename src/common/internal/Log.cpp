@@ -4,14 +4,19 @@
 #include <Poco/Logger.h>
 #include <Poco/Message.h>
 
+#include <atomic>
+
 #include "../Logger.h"
 
 namespace kel {
 
 namespace {
 
+std::atomic<bool> ended{false};
+
 void write(const char* file, int line, Poco::Message::Priority priority,
            const std::string& text) noexcept {
+    if (ended) return;
     try {
         Poco::Logger& logger = Poco::Logger::get(logName());
         if (logger.getLevel() < priority) return;
@@ -40,11 +45,16 @@ void UnitLog::information(const std::string& text, int line) const noexcept {
 }
 
 bool UnitLog::informationEnabled() const noexcept {
+    if (ended) return false;
     try {
         return Poco::Logger::get(logName()).information();
     } catch (...) {
         return false;
     }
+}
+
+void endLogging() noexcept {
+    ended = true;
 }
 
 std::string exceptionText(const std::exception& exc) {

@@ -23,6 +23,10 @@ private:
     const char* _sourceFile;
 };
 
+/// Nothing is logged any more: POCO's own statics are about to go. Threads of the host may still
+/// be running, and calling.
+void endLogging() noexcept;
+
 /// displayText() of a POCO exception, what() of any other.
 std::string exceptionText(const std::exception& exc);
 

@@ -101,7 +101,8 @@ void enableConsoleColors() noexcept {}
 std::vector<unsigned long> processesByName(const std::string& name) {
     std::vector<unsigned long> pids;
     std::error_code failed;  // ends the loop; what was found by then counts
-    for (fs::directory_iterator entry("/proc", failed), end; entry != end; entry.increment(failed)) {
+    for (fs::directory_iterator entry("/proc", failed), end; entry != end;
+         entry.increment(failed)) {
         const std::string id = entry->path().filename().string();
         if (isNumber(id) && processName(entry->path()) == name) pids.push_back(std::stoul(id));
     }
