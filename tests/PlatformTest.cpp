@@ -7,9 +7,9 @@
 #include <iterator>
 #include <system_error>
 
+#include "Child.h"
+#include "Sandbox.h"
 #include "common/internal/Platform.h"
-#include "support/Child.h"
-#include "support/Sandbox.h"
 
 namespace fs = std::filesystem;
 using namespace kel;

@@ -14,11 +14,11 @@
 #include <thread>
 #include <tuple>
 
+#include "CapturedLog.h"
+#include "Child.h"
+#include "Sandbox.h"
+#include "SlowHost.h"
 #include "common/internal/ServerUri.h"
-#include "support/CapturedLog.h"
-#include "support/Child.h"
-#include "support/Sandbox.h"
-#include "support/SlowHost.h"
 
 namespace fs = std::filesystem;
 using namespace kel;

@@ -6,9 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <stdexcept>
-#include <thread>
+
+#include "Await.h"
 
 Child::Child(const std::string& executable, const std::vector<std::string>& arguments) {
     int ends[2];
@@ -47,11 +47,7 @@ bool Child::running() {
 }
 
 int Child::awaitSignal() {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!reap()) {
-        if (std::chrono::steady_clock::now() > deadline) return -1;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    if (!await([this] { return reap(); })) return -1;
     return WIFSIGNALED(_status) ? WTERMSIG(_status) : 0;
 }
 
