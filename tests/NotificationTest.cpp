@@ -143,30 +143,24 @@ TEST_F(Notifications, ReplacedUnderTrafficReachEitherTheOldOrTheNew) {
 }
 
 TEST_F(Notifications, NoCallBeginsOnceAnObserverIsRemoved) {
-    std::atomic<bool> done{false};
-    std::vector<std::thread> posters;
-    for (int i = 0; i < 2; ++i) {
-        posters.emplace_back([&] {
-            while (!done) post();
-        });
-    }
-    int late = 0;
-    for (int round = 0; round < 500; ++round) {
-        std::atomic<bool> removed{false};
-        std::atomic<int> lateCalls{0};
-        std::atomic<bool> called{false};
-        add("short-lived", [&](Poco::Notification*) {
-            if (removed) ++lateCalls;
-            called = true;
-        });
-        while (!called) std::this_thread::yield();
-        _center.removeObserver("short-lived");
-        removed = true;
-        late += lateCalls;
-    }
-    done = true;
-    for (auto& poster : posters) poster.join();
-    EXPECT_EQ(late, 0);
+    std::latch posting(1);
+    std::latch removed(1);
+    std::string calls;
+    add("first", [&](Poco::Notification*) {
+        posting.count_down();
+        removed.wait();
+    });
+    add("removed", [&](Poco::Notification*) { calls += "removed"; });
+    add("replaced", [&](Poco::Notification*) { calls += "former"; });
+    std::thread poster([&] { post(); });
+    posting.wait();  // by now POCO has its list of whom to call
+    _center.removeObserver("removed");
+    add("replaced", [&](Poco::Notification*) { calls += "latter"; });
+    removed.count_down();
+    poster.join();
+    EXPECT_EQ(calls, "latter");
+    _center.removeObserver("first");
+    _center.removeObserver("replaced");
 }
 
 TEST_F(Notifications, RemovalWaitsForACallOnAnotherThread) {
@@ -175,6 +169,7 @@ TEST_F(Notifications, RemovalWaitsForACallOnAnotherThread) {
     add("slow", [&](Poco::Notification*) {
         started.count_down();
         while (_poco.hasObservers()) std::this_thread::yield();  // until it is being removed
+        for (int i = 0; i < 10'000; ++i) std::this_thread::yield();
         ended = true;
     });
     std::thread poster([&] { post(); });

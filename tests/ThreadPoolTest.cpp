@@ -90,11 +90,13 @@ TEST(ThreadPool, LogsWhatATaskThrowsAndGoesOn) {
     };
     CapturedLog log;
     const auto pool = std::make_shared<ThreadPool>(1, 1);
+    const auto idle = [&] { return pool->available() == 1; };
     pool->start([] { throw 42; });  // nobody's exception type; must not end the process
+    ASSERT_TRUE(await(idle));
     pool->start({});
     for (const Case& c : cases) {
         SCOPED_TRACE(c.text);
-        ASSERT_TRUE(await([&] { return pool->available() == 1; }));
+        ASSERT_TRUE(await(idle));
         pool->start(c.task);
         ASSERT_TRUE(log.await(c.text));
         EXPECT_EQ(c.line, log.find(c.text).getSourceLine());

@@ -214,9 +214,10 @@ unsigned int GetCRC32(unsigned int crc, unsigned char* buffer, int length) {
 bool findProcessByName(const std::string& name, std::vector<unsigned long>& pids) {
     // A process that has just ended has no name any more.
     if (!name.empty()) {
-        const auto found = contained(log, std::vector<unsigned long>(),
-                                     [&] { return platform::processesByName(name); });
-        pids.insert(pids.end(), found.begin(), found.end());
+        contained(log, [&] {
+            const auto found = platform::processesByName(name);
+            pids.insert(pids.end(), found.begin(), found.end());
+        });
     }
     return !pids.empty();
 }
