@@ -166,17 +166,24 @@ TEST(WebHook, MayGoWhileItsRequestsRunAlsoFromTheirCallbacks) {
 }
 
 TEST(WebHook, AndAllElseLetTheProcessEndWithRequestsUnderWay) {
-    ScriptedServer silent(staySilent);
+    // Answers byte by byte, without end: no time-out of the client's ever passes.
+    ScriptedServer slow([](Poco::Net::StreamSocket& connection) {
+        connection.sendBytes("HTTP/1.1 200 ", 13);
+        for (int i = 0; i < 600; ++i) {
+            connection.sendBytes("x", 1);
+            connection.poll(Poco::Timespan(0, 100000), Poco::Net::Socket::SELECT_READ);
+        }
+    });
     Poco::Pipe out;
     Poco::ProcessHandle host =
-        Poco::Process::launch(KEL_EXITING_HOST, {silent.url()}, nullptr, &out, nullptr);
+        Poco::Process::launch(KEL_EXITING_HOST, {slow.url()}, nullptr, &out, &out);
     Poco::PipeInputStream lines(out);
     int port = 0;
     for (std::string line; port == 0 && std::getline(lines, line);) {
         if (line.rfind("port ", 0) == 0) port = std::stoi(line.substr(5));
     }
     ASSERT_NE(0, port);
-    silent.awaitRequests(2);  // both the hook's and the client's wait for their replies
+    slow.awaitRequests(2);  // both the hook's and the client's wait for their replies
 
     std::vector<RawClient> idle;
     for (int i = 0; i < 4; ++i) idle.emplace_back(port);
@@ -185,5 +192,10 @@ TEST(WebHook, AndAllElseLetTheProcessEndWithRequestsUnderWay) {
     const std::string reply = asking.readReply();
     EXPECT_NE(std::string::npos, reply.find("{\"reply\":\"whole\"}")) << reply;
     for (auto& client : idle) EXPECT_EQ("", client.readAll());
+    int cutOff = 0;
+    for (std::string line; std::getline(lines, line);) {
+        cutOff += line.find("requst url '") != std::string::npos;
+    }
+    EXPECT_EQ(2, cutOff);
     EXPECT_EQ(0, host.wait());
 }

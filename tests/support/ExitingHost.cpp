@@ -38,7 +38,7 @@ int main(int, char** argv) {
         for (int i = 0; i < 200 && accepts(address); ++i) Poco::Thread::sleep(10);
         result.set("reply", "whole");
     });
-    api->apiRegist("/ok");
+    api->apiRegist("/echo", [](auto&, auto&, const auto&, auto& result) { result.set("a", 1); });
     api->start(socket);
     kel::WebHookBasic::defaultWebHook()->reportServerKeepalive();
     kel::HttpClient::defaultHttpClient()->doHttpRequest(argv[1], "{}", nullptr);
