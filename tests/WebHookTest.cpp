@@ -93,6 +93,7 @@ TEST(WebHook, SendsNothingWithoutAUrl) {
     hook->reportServerStarted();
     hook->reportServerKeepalive();
     hook->doHttpRequest(server.url(), nullptr);
+    kel::ThreadPool::defaultPool().stop();  // waits for all that was sent
     EXPECT_EQ(1u, server.awaitRequests(1).size());
     EXPECT_EQ(0u, log.count(""));
 }
