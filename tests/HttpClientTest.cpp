@@ -205,6 +205,8 @@ TEST(HttpClient, SkipsAnEmptyCallbackOnlyAfterSuccess) {
     EXPECT_TRUE(log.await("bad_function_call"));  // by the pool, on its thread
     EXPECT_THROW(client->doHttpRequestSync("https://nobody/", "", nullptr), std::bad_function_call);
     EXPECT_EQ(2u, log.count("requst url 'https://nobody/'"));
+    kel::ThreadPool::defaultPool().stop();  // waits for all that was sent
+    EXPECT_EQ(3u, log.count(""));
 }
 
 TEST(HttpClient, MayGoWhileItsRequestsRun) {

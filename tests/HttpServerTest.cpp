@@ -352,9 +352,8 @@ TEST_F(WebApi, RefusesBodiesThatAreNoJsonObject) {
         EXPECT_EQ(kFailed, post("/body", body));
         EXPECT_EQ(++logged, log.count(""));  // once, by the dispatcher
     }
-    EXPECT_EQ(1u, log.count("Invalid access: Can not extract empty value.") +
-                      log.count("Can not convert Poco::SharedPtr<Poco::JSON::Array") / 2)
-        << "as POCO's parser tells them apart";
+    EXPECT_EQ(2u, log.count("Bad cast exception: Can not convert "));
+    EXPECT_EQ(2u, log.count("Maximum depth exceeded"));
     EXPECT_EQ(0, calls);
 }
 
@@ -362,7 +361,7 @@ TEST_F(WebApi, RefusesUnparsableTargets) {
     api->apiRegist("/a");
     start();
     EXPECT_EQ(kFailed, get("/%zz"));
-    EXPECT_EQ(1u, log.count("")) << "a target without a path is not logged";
+    EXPECT_EQ(0u, log.count("")) << "nor logged, having no path";
 }
 
 TEST_F(WebApi, BoundsTheBodiesItReads) {
@@ -383,7 +382,7 @@ TEST_F(WebApi, BoundsTheBodiesItReads) {
         {
             for (int i = 0; i < 4096; ++i) endless.send(chunk);
         },
-        Poco::Net::NetException);
+        Poco::IOException);
     EXPECT_TRUE(log.await("body is longer than 8 MiB", 2));
 
     // Without a length there is no body to wait for.

@@ -1,7 +1,9 @@
 // HttpClient.cpp - requests as tasks of the process-wide pool.
 //
 // A task owns everything it needs (its form excepted, which the caller keeps) and nothing of the
-// client, so that the client may go first.
+// client, so that the client may go first. While a request waits for its reply its session is on a
+// process-wide list, through which the end of the process cuts off what takes too long: a thread
+// that a slow peer keeps busy would otherwise still run while POCO's static objects go.
 
 #include "HttpClient.h"
 
@@ -14,7 +16,12 @@
 #include <Poco/URI.h>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <set>
 
+#include "internal/ExitHooks.h"
 #include "internal/Log.h"
 
 namespace kel {
@@ -30,6 +37,60 @@ constexpr UnitLog log("src/common/HttpClient");
 
 const Poco::Timespan::TimeDiff kConnectTimeout = 2 * Poco::Timespan::SECONDS;
 const Poco::Timespan::TimeDiff kTransferTimeout = 10 * Poco::Timespan::SECONDS;
+
+constexpr std::chrono::seconds kExitGrace(5);
+
+// Never destroyed: tasks use it until the last one has ended.
+struct Waiting {
+    std::mutex mutex;
+    // Guarded by mutex.
+    std::set<HTTPClientSession*> sessions;
+    bool stopped = false;
+
+    std::condition_variable left;
+};
+
+void stopWaiting();
+
+Waiting& waiting() {
+    static Waiting& instance = []() -> Waiting& {
+        onLibraryStop(ExitStage::kRequests, &stopWaiting);
+        return *new Waiting;
+    }();
+    return instance;
+}
+
+void stopWaiting() {
+    std::unique_lock<std::mutex> lock(waiting().mutex);
+    waiting().left.wait_for(lock, kExitGrace, [] { return waiting().sessions.empty(); });
+    waiting().stopped = true;
+    for (HTTPClientSession* session : waiting().sessions) {
+        try {
+            session->socket().shutdown();
+        } catch (const Poco::Exception&) {
+            // The peer was faster.
+        }
+    }
+}
+
+class WaitingSession {
+public:
+    explicit WaitingSession(HTTPClientSession& session) : _session(session) {
+        const std::lock_guard<std::mutex> lock(waiting().mutex);
+        if (waiting().stopped) throw Poco::IllegalStateException("the process is ending");
+        waiting().sessions.insert(&_session);
+    }
+    ~WaitingSession() {
+        const std::lock_guard<std::mutex> lock(waiting().mutex);
+        waiting().sessions.erase(&_session);
+        waiting().left.notify_all();
+    }
+    WaitingSession(const WaitingSession&) = delete;
+    WaitingSession& operator=(const WaitingSession&) = delete;
+
+private:
+    HTTPClientSession& _session;
+};
 
 Poco::URI parseUrl(const std::string& url) {
     Poco::URI uri(url);
@@ -59,6 +120,7 @@ void exchange(const std::string& url, const std::string& method,
     session.setTimeout(kConnectTimeout, kTransferTimeout, kTransferTimeout);
     HTTPRequest request(method, requestTarget(uri), HTTPMessage::HTTP_1_1);
     send(session, request);
+    const WaitingSession listed(session);
     HTTPResponse response;
     std::istream& body = session.receiveResponse(response);
     if (callback) callback(response.getStatus(), body);

@@ -78,6 +78,14 @@ public:
 
     /// Serves the registered routes on `socket`, and the two built-in ones "/" and
     /// "/index/api/getApiList", which send no reply unless the host registers its own afterwards.
+    ///
+    /// The server runs with POCO's default parameters: 16 connections are served at a time (the
+    /// capacity of Poco::ThreadPool::defaultPool()), 64 more wait, further ones are closed at once.
+    /// A connection holds its thread while it is open: up to 60 s before its first request, 15 s
+    /// between requests. Measured with 200 connections that sent nothing: 120 were closed at once,
+    /// new clients were turned away until the others had gone, and a client whose connection was
+    /// served already had each of 2000 requests answered within 7 ms. Where strangers can reach
+    /// the port, put a proxy that limits connections in front.
     /// @throws Poco::LogicException  it is serving already; nothing changes.
     void start(const Poco::Net::ServerSocket& socket);
 
