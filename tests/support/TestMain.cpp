@@ -1,19 +1,29 @@
 // Every test binary runs with private home folders, made afresh and removed afterwards.
 
+#include <Poco/Environment.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
+#include <random>
 #include <string>
+
+namespace fs = std::filesystem;
 
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
-    char home[] = "/tmp/kel-home-XXXXXX";
-    if (::mkdtemp(home) == nullptr) return 1;
-    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME"}) ::setenv(name, home, 1);
+    const fs::path home =
+        fs::temp_directory_path() / ("kel-home-" + std::to_string(std::random_device{}()));
+    if (!fs::create_directory(home)) return 1;
+    for (const char* name :
+         {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "APPDATA", "LOCALAPPDATA"}) {
+        Poco::Environment::set(name, home.string());
+    }
     // The child of a death test writes where its parent looks.
-    if (const char* data = ::getenv("KEL_TEST_DATA_HOME")) ::setenv("XDG_DATA_HOME", data, 1);
+    if (Poco::Environment::has("KEL_TEST_DATA_HOME")) {
+        Poco::Environment::set("XDG_DATA_HOME", Poco::Environment::get("KEL_TEST_DATA_HOME"));
+    }
     const int result = RUN_ALL_TESTS();
-    std::filesystem::remove_all(home);
+    std::error_code stillOpen;  // Windows removes no file that a log still writes to
+    fs::remove_all(home, stillOpen);
     return result;
 }

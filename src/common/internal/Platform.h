@@ -26,7 +26,8 @@ void replaceFileContent(const std::string& path, const std::string& content);
 /// where terminals take them anyway, it does nothing.
 void enableConsoleColors() noexcept;
 
-/// Ids of the processes whose executable file name is `name`, byte for byte, in system order.
+/// Ids of the processes whose executable file name is `name`, byte for byte, in system order. On
+/// Windows the names come in the system's ANSI code page, the one text here that is not UTF-8.
 std::vector<unsigned long> processesByName(const std::string& name);
 
 unsigned long currentProcessId() noexcept;
