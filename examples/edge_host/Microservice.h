@@ -1,0 +1,20 @@
+#pragma once
+
+#include "Node.h"
+
+/// A microservice: says that it is there, asks the server for its state and takes its alarms.
+class Microservice : public Node {
+public:
+    using Node::Node;
+
+    /// Also publishes a sign of life, at QoS 0.
+    void askPeer() override;
+
+private:
+    void subscribe() override;
+    Poco::JSON::Object::Ptr state() const override;
+
+    void onAlarm(MQTTClient_message* alarm, const std::string& topic);
+
+    std::atomic<unsigned> _alarms{0};
+};
