@@ -62,6 +62,7 @@ bool Link::connected(int code) {
         return !_closing;
     }
     poco_notice(hostLog(), "connected to " + _address);
+    _up = true;
     subscribeAll();
     return true;
 }
@@ -74,6 +75,7 @@ void Link::subscribeAll() {
 
 // True has the library wait for the broker's host and connect anew.
 bool Link::lost(const std::string& cause) {
+    _up = false;
     ++_losses;
     poco_warning(hostLog(), "lost the broker: " + quoted(cause));
     return !_closing;

@@ -28,6 +28,9 @@ public:
     /// Ends the connection and the attempts at one. Waits up to 2 s for unacknowledged messages.
     void close();
 
+    /// Whether there is a connection, as far as known.
+    bool isUp() const { return _up; }
+
     /// @return whether the library accepted the message; a refusal is in the log.
     bool publish(const std::string& payload, const std::string& topic, int qos);
 
@@ -44,6 +47,7 @@ private:
     std::vector<std::function<void()>> _subscriptions;  // complete before open()
 
     std::atomic<bool> _closing{false};
+    std::atomic<bool> _up{false};
     std::atomic<bool> _subscribed{false};
     std::atomic<unsigned> _accepted[3]{};  // by QoS
     std::atomic<unsigned> _refused{0};

@@ -12,12 +12,11 @@ Poco::JSON::Object::Ptr Microservice::state() const {
     return state;
 }
 
-void Microservice::askPeer() {
+void Microservice::sayHello() {
     Poco::JSON::Object::Ptr presence(new Poco::JSON::Object);
     presence->set("api", "presence");
     presence->set("from", _settings.clientId);
     publish(presence, _settings.busTopic + "/presence", 0);
-    Node::askPeer();
 }
 
 // A raw handler gets the bytes as they came; they are valid during the call only.

@@ -7,10 +7,8 @@ class Microservice : public Node {
 public:
     using Node::Node;
 
-    /// Also publishes a sign of life, at QoS 0.
-    void askPeer() override;
-
 private:
+    void sayHello() override;
     void subscribe() override;
     Poco::JSON::Object::Ptr state() const override;
 

@@ -37,6 +37,8 @@ void Node::stop() {
 }
 
 void Node::askPeer() {
+    if (!_link->isUp()) return;
+    sayHello();
     Poco::JSON::Object::Ptr request(new Poco::JSON::Object);
     request->set("api", "state");
     request->set("type", "request");

@@ -25,10 +25,13 @@ public:
     /// Disconnects and logs the summary.
     void stop();
 
-    /// Sends one request to the peer.
-    virtual void askPeer();
+    /// Asks the peer for its state; without a connection it does nothing.
+    void askPeer();
 
 protected:
+    /// What the role sends along with each request.
+    virtual void sayHello() {}
+
     /// Registers the role's own handlers.
     virtual void subscribe() = 0;
 

@@ -25,6 +25,11 @@
 
 namespace {
 
+int fail(int exitCode, const std::string& reason) {
+    std::cerr << "edge_host: " << reason << " (see --help)" << std::endl;
+    return exitCode;
+}
+
 class EdgeHost : public Poco::Util::ServerApplication {
 public:
     /// @return the process's exit code.
@@ -33,8 +38,7 @@ public:
             init(argc, argv);
             return run();
         } catch (const Poco::Exception& exc) {
-            std::cerr << "edge_host: " << exc.displayText() << " (see --help)" << std::endl;
-            return EXIT_USAGE;
+            return fail(EXIT_USAGE, exc.displayText());
         }
     }
 
@@ -66,6 +70,7 @@ void EdgeHost::defineOptions(Poco::Util::OptionSet& options) {
 }
 
 void EdgeHost::handleOption(const std::string& name, const std::string& value) {
+    ServerApplication::handleOption(name, value);  // validates
     if (name == "help") {
         _help = true;
         stopOptionsProcessing();
@@ -139,16 +144,14 @@ void EdgeHost::serve(const Settings& settings) {
 
 int EdgeHost::main(const std::vector<std::string>& arguments) {
     if (_help) return showHelp();
+    if (!arguments.empty()) return fail(EXIT_USAGE, "unexpected argument " + arguments.front());
     int result = EXIT_OK;
     try {
-        if (!arguments.empty()) {
-            throw Poco::InvalidArgumentException("unexpected argument", arguments.front());
-        }
         kel::loadLogging();
         serve(loadSettings());
     } catch (const Poco::Exception& exc) {
-        std::cerr << "edge_host: " << exc.displayText() << std::endl;
-        result = EXIT_CONFIG;
+        poco_fatal(hostLog(), exc.displayText());
+        result = fail(EXIT_CONFIG, exc.displayText());
     }
     kel::stopLibrary();
     kel::deleteLogger();
