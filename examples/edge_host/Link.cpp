@@ -4,8 +4,18 @@
 #include "Link.h"
 
 #include <Poco/Format.h>
+#include <common/NotificationCenter.h>
 
 #include "HostLog.h"
+#include "LinkNotification.h"
+
+namespace {
+
+void tell(bool up, const std::string& detail) {
+    kel::NotificationCenter::defaultCenter().postNotification(new LinkNotification(up, detail));
+}
+
+}  // namespace
 
 Link::Link(const Settings& settings)
     : _address(settings.address),
@@ -61,9 +71,9 @@ bool Link::connected(int code) {
         poco_warning(hostLog(), Poco::format("no connection to %s, code %d", _address, code));
         return !_closing;
     }
-    poco_notice(hostLog(), "connected to " + _address);
     _up = true;
     subscribeAll();
+    tell(true, _address);
     return true;
 }
 
@@ -77,6 +87,6 @@ void Link::subscribeAll() {
 bool Link::lost(const std::string& cause) {
     _up = false;
     ++_losses;
-    poco_warning(hostLog(), "lost the broker: " + quoted(cause));
+    tell(false, cause);
     return !_closing;
 }

@@ -11,8 +11,8 @@
 #include "Settings.h"
 
 /// One broker connection that comes back by itself, with its subscriptions and the count of what
-/// was published and confirmed. Threads: any, except onJson() and onRaw(), which come before
-/// open().
+/// was published and confirmed. Posts a LinkNotification whenever it comes or goes. Threads: any,
+/// except onJson() and onRaw(), which come before open().
 class Link : public std::enable_shared_from_this<Link> {
 public:
     /// Makes no connection yet; takes a second.

@@ -1,5 +1,7 @@
 #include "Microservice.h"
 
+#include <common/Utils.h>
+
 #include "HostLog.h"
 
 void Microservice::subscribe() {
@@ -19,9 +21,11 @@ void Microservice::sayHello() {
     publish(presence, _settings.busTopic + "/presence", 0);
 }
 
-// A raw handler gets the bytes as they came; they are valid during the call only.
+// A raw handler gets the bytes as they came, valid during the call only. They are written anew for
+// the log, in which a line break of a peer's must not begin a line.
 void Microservice::onAlarm(MQTTClient_message* alarm, const std::string&) {
     ++_alarms;
-    poco_warning(hostLog(), "alarm " + std::string(static_cast<const char*>(alarm->payload),
-                                                   static_cast<std::size_t>(alarm->payloadlen)));
+    const std::string text(static_cast<const char*>(alarm->payload),
+                           static_cast<std::size_t>(alarm->payloadlen));
+    poco_warning(hostLog(), "alarm " + kel::jsonToString(kel::stringToJson(text)));
 }

@@ -60,7 +60,9 @@ void Server::raiseAlarm(const std::string& sensor, double value) {
     alarm->set("sensor", sensor);
     alarm->set("value", value);
     alarm->set("limit", _settings.alarmLimit);
-    if (publish(alarm, _settings.alarmTopic, 1)) ++_alarms;
+    if (!publish(alarm, _settings.alarmTopic, 1)) return;
+    ++_alarms;
+    poco_notice(hostLog(), "raising an alarm for " + quoted(sensor));
 }
 
 void Server::onPresence(const Poco::JSON::Object&, const std::string&) {

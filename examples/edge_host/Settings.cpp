@@ -42,6 +42,7 @@ void Settings::visit(Self& self, Visitor&& visitor) {
     visitor("topics.bus", self.busTopic);
     visitor("alarms.limit", self.alarmLimit);
     visitor("bus.askEveryMs", self.askEvery);
+    visitor("scan.folder", self.scanFolder);
 }
 
 void Settings::store() const {

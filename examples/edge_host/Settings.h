@@ -20,6 +20,8 @@ struct Settings {
     double alarmLimit = 90;
     int askEvery = 1000;  // milliseconds; 0: never
 
+    std::string scanFolder;  // log files below it are counted at start; "" for none
+
     /// Writes these values into the configuration store, under their keys.
     void store() const;
 

@@ -17,9 +17,12 @@
 #include <csignal>
 #include <iostream>
 
+#include "FolderScan.h"
 #include "HostLog.h"
 #include "Microservice.h"
+#include "Outages.h"
 #include "Periodic.h"
+#include "Progress.h"
 #include "Server.h"
 #include "Settings.h"
 
@@ -127,13 +130,21 @@ std::shared_ptr<Node> makeNode(const Settings& settings) {
     throw Poco::DataFormatException("setting host.role is neither server nor microservice");
 }
 
-void EdgeHost::serve(const Settings& settings) {
-    const std::shared_ptr<Node> node = makeNode(settings);
-    node->start();
-    kel::TaskManager tasks;
+void startTasks(kel::TaskManager& tasks, const Settings& settings,
+                const std::shared_ptr<Node>& node) {
     if (settings.askEvery > 0) {
         tasks.start(new Periodic("ask the peer", settings.askEvery, [node] { node->askPeer(); }));
     }
+    if (!settings.scanFolder.empty()) tasks.start(new FolderScan(settings.scanFolder));
+}
+
+void EdgeHost::serve(const Settings& settings) {
+    const Outages outages;
+    const std::shared_ptr<Node> node = makeNode(settings);
+    node->start();
+    kel::TaskManager tasks;
+    const Progress progress(tasks);
+    startTasks(tasks, settings, node);
     poco_notice(hostLog(), settings.role + " is up");
     waitForTerminationRequest();
     poco_notice(hostLog(), settings.role + " is shutting down");
