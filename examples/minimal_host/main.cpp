@@ -4,6 +4,7 @@
 #include <common/Config.h>
 #include <common/Logger.h>
 #include <common/MqttClient++.h>
+#include <common/NotificationCenter.h>
 #include <common/Shutdown.h>
 #include <common/ThreadPool.h>
 #include <common/Utils.h>
@@ -21,24 +22,22 @@ int main() {
     kel::loadConfig();  // ... unless there is a ~/.config/kelhost/minimal_host.json
     const std::string broker = kel::configInstance().getString("mqtt.address", "127.0.0.1");
 
+    // Any part of the host can listen to any other, without knowing it.
+    auto& center = kel::NotificationCenter::defaultCenter();
+    center.addObserver(kel::Observer::createInstance("main", [](auto*) { heard.set(); }));
+
     auto bus = kel::MqttClient::createInstance(broker, "minimal-host", "", "");
-    bus->SetDeliveryCompleteCallback(
-        [](int token) { say("delivered " + std::to_string(token), __LINE__); });
     const std::weak_ptr<kel::MqttClient> weak = bus;
-    bus->Connect(
-        [weak](int code) {  // after each attempt
-            auto client = weak.lock();
-            if (code == 0 && client) {
-                client->Subscribe(
-                    [](const Poco::JSON::Object& hello, std::string topic) {
-                        say(topic + ": " + hello.optValue<std::string>("text", ""), __LINE__);
-                        heard.set();
-                    },
-                    "/kelbus/minimal/hello", 1);
-            }
-            return true;  // not connected: try again in 4 s
-        },
-        [](std::string) { return true; });  // connection lost: wait for the broker, connect anew
+    auto onHello = [&center](const Poco::JSON::Object& hello, std::string topic) {
+        say(topic + ": " + hello.optValue<std::string>("text", ""), __LINE__);
+        center.postNotification(new Poco::Notification);
+    };
+    auto onConnectResult = [=](int code) {
+        auto client = weak.lock();
+        if (code == 0 && client) client->Subscribe(onHello, "/kelbus/minimal/hello", 1);
+        return true;  // after a failure: try again in 4 s
+    };
+    bus->Connect(onConnectResult, [](std::string) { return true; });  // lost: connect anew
 
     // Runs on the pool of the process; whoever publishes may be on any thread.
     kel::ThreadPool::defaultPool().start([bus] {
