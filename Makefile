@@ -5,7 +5,6 @@ help:
 	@echo "make demo          install what is missing, build, show two processes talk; KEEP=1 goes on until Ctrl-C"
 	@echo "make test          install what is missing, build, run all tests; PRESET=debug|release|asan|tsan"
 	@echo "make build         build everything; PRESET as above"
-	@echo "make bench         build the benchmarks and run them"
 	@echo "make format        format the C++ files"
 	@echo "make clean         remove the build folder"
 
@@ -21,14 +20,10 @@ build:
 	@scripts/install-deps
 	@scripts/build $(PRESET)
 
-bench:
-	@scripts/install-deps
-	@scripts/bench
-
 format:
 	@scripts/format
 
 clean:
 	rm -rf build
 
-.PHONY: help demo test build bench format clean
+.PHONY: help demo test build format clean
