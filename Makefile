@@ -1,0 +1,29 @@
+# The project's everyday commands; `make` alone lists them.
+PRESET ?= debug
+
+help:
+	@echo "make demo          install what is missing, build, show two processes talk; KEEP=1 goes on until Ctrl-C"
+	@echo "make test          install what is missing, build, run all tests; PRESET=debug|release|asan|tsan"
+	@echo "make build         build everything; PRESET as above"
+	@echo "make format        format the C++ files"
+	@echo "make clean         remove the build folder"
+
+demo:
+	@scripts/install-deps
+	@KEEP=$(KEEP) scripts/demo
+
+test:
+	@scripts/install-deps
+	@scripts/test $(PRESET)
+
+build:
+	@scripts/install-deps
+	@scripts/build $(PRESET)
+
+format:
+	@scripts/format
+
+clean:
+	rm -rf build
+
+.PHONY: help demo test build format clean

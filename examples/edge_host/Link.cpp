@@ -1,0 +1,92 @@
+// Link.cpp - the library calls back on threads of its own, at any time until the client has gone.
+// Every callback therefore holds the link weakly and does nothing once it has gone.
+
+#include "Link.h"
+
+#include <Poco/Format.h>
+#include <common/NotificationCenter.h>
+
+#include "HostLog.h"
+#include "LinkNotification.h"
+
+namespace {
+
+void tell(bool up, const std::string& detail) {
+    kel::NotificationCenter::defaultCenter().postNotification(new LinkNotification(up, detail));
+}
+
+}  // namespace
+
+Link::Link(const Settings& settings)
+    : _address(settings.address),
+      _client(kel::MqttClient::createInstance(settings.address, settings.clientId,
+                                              settings.username, settings.password)) {}
+
+void Link::onJson(const std::string& topic, int qos, kel::MqttClient::JsonMessageHandler handler) {
+    _subscriptions.push_back([=] { _client->Subscribe(handler, topic, qos); });
+}
+
+void Link::onRaw(const std::string& topic, int qos, kel::MqttClient::MessageHandler handler) {
+    _subscriptions.push_back([=] { _client->Subscribe(handler, topic, qos); });
+}
+
+void Link::open() {
+    const std::weak_ptr<Link> weak = weak_from_this();
+    _client->SetDeliveryCompleteCallback([weak](int) {
+        if (const auto self = weak.lock()) ++self->_confirmed;
+    });
+    _client->Connect(
+        [weak](int code) {
+            const auto self = weak.lock();
+            return self && self->connected(code);
+        },
+        [weak](const std::string& cause) {
+            const auto self = weak.lock();
+            return self && self->lost(cause);
+        });
+}
+
+void Link::close() {
+    _closing = true;
+    _client->Disconnect();
+}
+
+bool Link::publish(const std::string& payload, const std::string& topic, int qos) {
+    const bool accepted = _client->PublishMessage(payload, topic, qos, 0, 0);
+    ++(accepted ? _accepted[qos] : _refused);
+    return accepted;
+}
+
+std::string Link::summary() const {
+    return Poco::format(
+        "published: QoS 0 %u, QoS 1 %u, QoS 2 %u; confirmed %u; refused %u; "
+        "connection lost %u times",
+        _accepted[0].load(), _accepted[1].load(), _accepted[2].load(), _confirmed.load(),
+        _refused.load(), _losses.load());
+}
+
+// True asks for another attempt in 4 seconds.
+bool Link::connected(int code) {
+    if (code != 0) {
+        poco_warning(hostLog(), Poco::format("no connection to %s, code %d", _address, code));
+        return !_closing;
+    }
+    _up = true;
+    subscribeAll();
+    tell(true, _address);
+    return true;
+}
+
+// Only the first time: the library restores the subscriptions of later connections itself.
+void Link::subscribeAll() {
+    if (_subscribed.exchange(true)) return;
+    for (const auto& subscribe : _subscriptions) subscribe();
+}
+
+// True has the library wait for the broker's host and connect anew.
+bool Link::lost(const std::string& cause) {
+    _up = false;
+    ++_losses;
+    tell(false, cause);
+    return !_closing;
+}

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "Node.h"
+
+/// A microservice: says that it is there, asks the server for its state and takes its alarms.
+class Microservice : public Node {
+public:
+    using Node::Node;
+
+private:
+    void sayHello() override;
+    void subscribe() override;
+    Poco::JSON::Object::Ptr state() const override;
+
+    void onAlarm(MQTTClient_message* alarm, const std::string& topic);
+
+    std::atomic<unsigned> _alarms{0};
+};

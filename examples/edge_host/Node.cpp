@@ -1,0 +1,83 @@
+// Node.cpp - handlers run on the library's pool, several at a time: what they change is atomic.
+
+#include "Node.h"
+
+#include <Poco/Format.h>
+#include <common/Utils.h>
+
+#include "HostLog.h"
+
+namespace {
+
+const char* peerOf(const std::string& role) {
+    return role == "server" ? "microservice" : "server";
+}
+
+}  // namespace
+
+Node::Node(const Settings& settings)
+    : _settings(settings),
+      _ownTopic(settings.busTopic + "/" + settings.role),
+      _peerTopic(settings.busTopic + "/" + peerOf(settings.role)),
+      _link(std::make_shared<Link>(settings)) {}
+
+void Node::start() {
+    handle(_ownTopic + "/requests", 1, &Node::onRequest);
+    handle(_ownTopic + "/answers", 2, &Node::onAnswer);
+    subscribe();
+    _link->open();
+}
+
+void Node::stop() {
+    _link->close();
+    poco_notice(hostLog(), _link->summary());
+    poco_notice(hostLog(),
+                Poco::format("asked %d times, answered %d times; state %s", _asked.load(),
+                             _answered.load(), kel::jsonToString(state())));
+}
+
+void Node::askPeer() {
+    if (!_link->isUp()) return;
+    sayHello();
+    Poco::JSON::Object::Ptr request(new Poco::JSON::Object);
+    request->set("api", "state");
+    request->set("type", "request");
+    request->set("id", _asked + 1);
+    request->set("replyTo", _ownTopic + "/answers");
+    if (publish(request, _peerTopic + "/requests", 1)) ++_asked;
+}
+
+bool Node::publish(const Poco::JSON::Object::Ptr& message, const std::string& topic, int qos) {
+    return _link->publish(kel::jsonToString(message), topic, qos);
+}
+
+// A peer may ask for answers on the bus only.
+bool Node::isBusTopic(const std::string& topic) const {
+    const std::string bus = _settings.busTopic + "/";
+    return topic.compare(0, bus.size(), bus) == 0 && topic.find_first_of("#+") == std::string::npos;
+}
+
+void Node::onRequest(const Poco::JSON::Object& request, const std::string&) {
+    const std::string replyTo = request.optValue<std::string>("replyTo", "");
+    if (!isBusTopic(replyTo)) {
+        poco_warning(hostLog(), "request without a usable \"replyTo\": " + quoted(replyTo));
+        return;
+    }
+    Poco::JSON::Object::Ptr answer(new Poco::JSON::Object);
+    answer->set("type", "answer");
+    answer->set("id", request.optValue<Poco::Int64>("id", 0));
+    answer->set("from", _settings.clientId);
+    if (request.optValue<std::string>("api", "") == "state") {
+        answer->set("state", state());
+    } else {
+        answer->set("error", "unknown api");
+    }
+    publish(answer, replyTo, 2);
+}
+
+void Node::onAnswer(const Poco::JSON::Object& answer, const std::string&) {
+    ++_answered;
+    poco_information(hostLog(), "answer from " + quoted(answer.optValue<std::string>("from", "")) +
+                                    " to request " +
+                                    std::to_string(answer.optValue<Poco::Int64>("id", 0)));
+}

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <Poco/JSON/Object.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "Link.h"
+#include "Settings.h"
+
+/// One process of the family: its connection, and the bus on which it asks its peer for its state
+/// and answers the same question. The roles derive from it.
+///
+/// On the bus, requests go to <bus>/<role>/requests and answers to the topic that the request
+/// names. An answer's "type" is "answer": a "response" would not reach a handler.
+class Node : public std::enable_shared_from_this<Node> {
+public:
+    explicit Node(const Settings& settings);
+    virtual ~Node() = default;
+
+    /// Subscribes and connects in the background.
+    void start();
+
+    /// Disconnects and logs the summary.
+    void stop();
+
+    /// Asks the peer for its state; without a connection it does nothing.
+    void askPeer();
+
+protected:
+    /// What the role sends along with each request.
+    virtual void sayHello() {}
+
+    /// Registers the role's own handlers.
+    virtual void subscribe() = 0;
+
+    /// What the role has counted so far.
+    virtual Poco::JSON::Object::Ptr state() const = 0;
+
+    /// Registers `method` of the role; the handler does nothing once the role has gone.
+    template <typename Role, typename Message>
+    void handle(const std::string& topic, int qos,
+                void (Role::*method)(Message, const std::string&)) {
+        auto call = [weak = weak_from_this(), method](Message message, const std::string& from) {
+            if (const auto self = weak.lock()) (static_cast<Role&>(*self).*method)(message, from);
+        };
+        if constexpr (std::is_pointer_v<Message>) {
+            _link->onRaw(topic, qos, call);
+        } else {
+            _link->onJson(topic, qos, call);
+        }
+    }
+
+    bool publish(const Poco::JSON::Object::Ptr& message, const std::string& topic, int qos);
+
+    const Settings _settings;
+
+private:
+    void onRequest(const Poco::JSON::Object& request, const std::string& topic);
+    void onAnswer(const Poco::JSON::Object& answer, const std::string& topic);
+    bool isBusTopic(const std::string& topic) const;
+
+    const std::string _ownTopic;
+    const std::string _peerTopic;
+    const std::shared_ptr<Link> _link;
+    std::atomic<int> _asked{0};
+    std::atomic<int> _answered{0};
+};

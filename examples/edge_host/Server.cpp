@@ -1,0 +1,70 @@
+#include "Server.h"
+
+#include <Poco/Format.h>
+#include <Poco/NumberFormatter.h>
+
+#include "HostLog.h"
+
+namespace {
+
+bool isNumber(const Poco::Dynamic::Var& value) {
+    return !value.isEmpty() && value.isNumeric() && !value.isBoolean();
+}
+
+bool isName(const Poco::Dynamic::Var& value) {
+    return !value.isEmpty() && value.isString() && !value.toString().empty();
+}
+
+std::string label(const Poco::JSON::Object& reading) {
+    return "#" + std::to_string(reading.optValue<Poco::Int64>("seq", 0));
+}
+
+}  // namespace
+
+void Server::subscribe() {
+    handle(_settings.telemetryTopic, 1, &Server::onTelemetry);
+    handle(_settings.busTopic + "/presence", 0, &Server::onPresence);
+}
+
+Poco::JSON::Object::Ptr Server::state() const {
+    Poco::JSON::Object::Ptr state(new Poco::JSON::Object);
+    state->set("readings", _readings.load());
+    state->set("odd", _odd.load());
+    state->set("alarms", _alarms.load());
+    state->set("presences", _presences.load());
+    return state;
+}
+
+// Anything may come from the plant as long as it is a JSON object.
+void Server::onTelemetry(const Poco::JSON::Object& reading, const std::string&) {
+    const Poco::Dynamic::Var sensor = reading.get("sensor");
+    const Poco::Dynamic::Var value = reading.get("value");
+    if (!isName(sensor) || !isNumber(value)) {
+        ++_odd;
+        const char* missing = isName(sensor) ? "value" : "sensor";
+        poco_warning(hostLog(), Poco::format("odd reading %s: no usable %s", label(reading),
+                                             std::string(missing)));
+        return;
+    }
+    ++_readings;
+    const double number = value.convert<double>();
+    const std::string name = sensor.toString();
+    poco_information(hostLog(), "reading " + label(reading) + " " + quoted(name) + " = " +
+                                    Poco::NumberFormatter::format(number));
+    if (number > _settings.alarmLimit) raiseAlarm(name, number);
+}
+
+void Server::raiseAlarm(const std::string& sensor, double value) {
+    Poco::JSON::Object::Ptr alarm(new Poco::JSON::Object);
+    alarm->set("api", "alarm");
+    alarm->set("sensor", sensor);
+    alarm->set("value", value);
+    alarm->set("limit", _settings.alarmLimit);
+    if (!publish(alarm, _settings.alarmTopic, 1)) return;
+    ++_alarms;
+    poco_notice(hostLog(), "raising an alarm for " + quoted(sensor));
+}
+
+void Server::onPresence(const Poco::JSON::Object&, const std::string&) {
+    ++_presences;
+}

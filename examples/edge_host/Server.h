@@ -1,0 +1,22 @@
+#pragma once
+
+#include "Node.h"
+
+/// The main server: takes the plant's telemetry and raises alarms.
+class Server : public Node {
+public:
+    using Node::Node;
+
+private:
+    void subscribe() override;
+    Poco::JSON::Object::Ptr state() const override;
+
+    void onTelemetry(const Poco::JSON::Object& reading, const std::string& topic);
+    void onPresence(const Poco::JSON::Object& presence, const std::string& topic);
+    void raiseAlarm(const std::string& sensor, double value);
+
+    std::atomic<unsigned> _readings{0};
+    std::atomic<unsigned> _odd{0};
+    std::atomic<unsigned> _alarms{0};
+    std::atomic<unsigned> _presences{0};
+};
