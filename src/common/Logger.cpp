@@ -17,6 +17,7 @@
 #include <Poco/Ascii.h>
 #include <Poco/AsyncChannel.h>
 #include <Poco/ConsoleChannel.h>
+#include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <Poco/FileChannel.h>
 #include <Poco/FormattingChannel.h>
@@ -72,6 +73,7 @@ private:
 // What the logger writes to between two set-ups.
 struct Chain {
     ChannelPtr head;
+    ChannelPtr file;
     std::vector<Poco::AutoPtr<Poco::AsyncChannel>> writers;
 
     void drain() const {
@@ -114,10 +116,22 @@ ChannelPtr fileChannel(const std::string& path) {
     return file;
 }
 
+// Windows opens no file for two writers: while the file in use is still there, the next chain may
+// go on with it. A file that was removed is opened anew or is an error.
+ChannelPtr openedOrKept(const std::string& path) {
+    try {
+        return fileChannel(path);
+    } catch (const Poco::FileException&) {
+        if (path != state().chainPath || !Poco::File(path).exists()) throw;
+        return state().chain.file;
+    }
+}
+
 Chain buildChain(const std::string& path, Writing writing) {
     Chain chain;
+    chain.file = openedOrKept(path);
     Poco::AutoPtr<Poco::SplitterChannel> splitter(new Poco::SplitterChannel);
-    for (const ChannelPtr& sink : {consoleChannel(), fileChannel(path)}) {
+    for (const ChannelPtr& sink : {consoleChannel(), chain.file}) {
         ChannelPtr tolerant(new TolerantChannel(sink));
         if (writing == Writing::kInBackground) {
             chain.writers.emplace_back(new Poco::AsyncChannel(tolerant, Poco::Thread::PRIO_LOWEST));
