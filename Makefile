@@ -5,6 +5,7 @@ help:
 	@echo "make demo          install what is missing, build, show two processes talk; KEEP=1 goes on until Ctrl-C"
 	@echo "make test          install what is missing, build, run all tests; PRESET=debug|release|asan|tsan"
 	@echo "make build         build everything; PRESET as above"
+	@echo "make test-windows  install what is missing, run the Windows platform file under Wine"
 	@echo "make format        format the C++ files"
 	@echo "make clean         remove the build folder"
 
@@ -20,10 +21,13 @@ build:
 	@scripts/install-deps
 	@scripts/build $(PRESET)
 
+test-windows:
+	@scripts/test-windows
+
 format:
 	@scripts/format
 
 clean:
 	rm -rf build
 
-.PHONY: help demo test build format clean
+.PHONY: help demo test build test-windows format clean
