@@ -4,6 +4,7 @@ PRESET ?= debug
 help:
 	@echo "make demo          install what is missing, build, show two processes talk; KEEP=1 goes on until Ctrl-C"
 	@echo "make test          install what is missing, build, run all tests; PRESET=debug|release|asan|tsan"
+	@echo "make bench         messages per second over a broker of its own"
 	@echo "make build         build everything; PRESET as above"
 	@echo "make test-windows  install what is missing, run the Windows platform file under Wine"
 	@echo "make format        format the C++ files"
@@ -24,10 +25,15 @@ build:
 test-windows:
 	@scripts/test-windows
 
+bench:
+	@scripts/install-deps
+	@scripts/build release PublishBench
+	@PATH=$$PATH:/usr/sbin build/release/bench/PublishBench
+
 format:
 	@scripts/format
 
 clean:
 	rm -rf build
 
-.PHONY: help demo test build test-windows format clean
+.PHONY: help demo test bench build test-windows format clean

@@ -127,9 +127,9 @@ ChannelPtr openedOrKept(const std::string& path) {
     }
 }
 
-Chain buildChain(const std::string& path, Writing writing) {
+Chain buildChain(ChannelPtr file, Writing writing) {
     Chain chain;
-    chain.file = openedOrKept(path);
+    chain.file = std::move(file);
     Poco::AutoPtr<Poco::SplitterChannel> splitter(new Poco::SplitterChannel);
     for (const ChannelPtr& sink : {consoleChannel(), chain.file}) {
         ChannelPtr tolerant(new TolerantChannel(sink));
@@ -186,7 +186,7 @@ void setUp() {
     const std::lock_guard<std::mutex> oneSetup(s.setupMutex);
     const std::string baseName = lowerBaseName();
     const std::string path = logFilePathFor(baseName);
-    exchangeChain(buildChain(path, Writing::kInBackground));
+    exchangeChain(buildChain(openedOrKept(path), Writing::kInBackground));
     s.chainPath = path;
     attachLogger(baseName + "_logger");
     const std::lock_guard<std::mutex> lock(s.nameMutex);
@@ -199,7 +199,7 @@ void writeAtOnceFromNowOn() {
     State& s = state();
     const std::lock_guard<std::mutex> oneSetup(s.setupMutex);
     if (s.chain.writers.empty()) return;
-    exchangeChain(buildChain(s.chainPath, Writing::kAtOnce));
+    exchangeChain(buildChain(s.chain.file, Writing::kAtOnce));
 }
 
 // Owns the refresh thread. One object per process, from the library's load to deleteLogger().
