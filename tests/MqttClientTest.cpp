@@ -288,9 +288,14 @@ TEST_F(MqttClientTest, MayBeReleasedFromTheLibrarysThread) {
     {
         ClientPtr client = newClient("edge-1");
         const std::weak_ptr<MqttClient> weak = client;
-        client->SetDeliveryCompleteCallback([&](int) { client.reset(); });
+        std::promise<void> released;
+        client->SetDeliveryCompleteCallback([&](int) {
+            client.reset();
+            released.set_value();
+        });
         ASSERT_NO_FATAL_FAILURE(connect(client));
         ASSERT_TRUE(ClientPtr(client)->PublishMessage("{}", "out", 1, 0, 0));
+        released.get_future().wait();
         EXPECT_TRUE(await([&] { return weak.expired(); }));
     }
     {
@@ -298,9 +303,16 @@ TEST_F(MqttClientTest, MayBeReleasedFromTheLibrarysThread) {
         ClientPtr client = newClient("edge-2");
         const std::weak_ptr<MqttClient> weak = client;
         ASSERT_NO_FATAL_FAILURE(connect(client));
-        client->Subscribe([&](MQTTClient_message*, std::string) { client.reset(); }, "last", 0);
+        std::promise<void> released;
+        client->Subscribe(
+            [&](MQTTClient_message*, std::string) {
+                client.reset();
+                released.set_value();
+            },
+            "last", 0);
         ASSERT_TRUE(_log.await("Success to subscribe topic last"));
         _broker.publish("last", "{}");
+        released.get_future().wait();
         EXPECT_TRUE(await([&] { return weak.expired(); }));
     }
     EXPECT_TRUE(other->PublishMessage("{}", "out", 1, 0, 0));

@@ -285,8 +285,9 @@ MqttClient::MqttClient(std::string address, std::string clientId, std::string us
     Create_l();
 }
 
+// Needs no lock: nobody else has the object any more. It may run inside the library's callback,
+// which holds the library's own.
 MqttClient::~MqttClient() {
-    const std::lock_guard<std::mutex> lock(_client_mutex);
     closeHandle();
 }
 
