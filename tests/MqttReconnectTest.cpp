@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "MqttFixture.h"
+#include "Sandbox.h"
 
 using kel::MqttClient;
 
@@ -267,7 +268,7 @@ public:
     }
 
     ~RemoteHost() {
-        run(inside("sh -c 'kill -KILL $(cat " + _pidFile + ")'"));
+        killBroker();
         run("ip link del " + _cable);
         run("ip netns del " + _name);
     }
@@ -278,13 +279,11 @@ public:
     bool unplug() { return run(inside("ip link set " + _cable + "p down")); }
 
     bool startBroker() {
-        const std::string config = _pidFile + ".conf";
-        std::ofstream(config) << "listener 18830 10.203.77.2\nallow_anonymous true\nuser root\n"
-                              << "pid_file " << _pidFile << "\n";
-        return run(inside("mosquitto -d -c " + config));
+        std::ofstream(_config) << "listener 18830 10.203.77.2\nallow_anonymous true\nuser root\n";
+        return run(inside("mosquitto -d -c " + _config));
     }
 
-    bool killBroker() { return run("kill -KILL $(cat " + _pidFile + ")"); }
+    bool killBroker() { return run("ip netns pids " + _name + " | xargs -r kill -KILL"); }
 
 private:
     static bool run(const std::string& command) {
@@ -297,7 +296,8 @@ private:
 
     const std::string _name = "kel" + std::to_string(::getpid());
     const std::string _cable = "k" + std::to_string(::getpid());
-    const std::string _pidFile = "/tmp/" + _name + ".pid";
+    const TempFolder _folder;
+    const std::string _config = (_folder.path() / "mosquitto.conf").string();
     bool _works = false;
 };
 
@@ -319,7 +319,8 @@ long echoRequests() {
 
 TEST(MqttReconnectNetworkTest, WaitsUntilTheBrokersHostAnswersAgain) {
     RemoteHost host;
-    if (!host.works()) GTEST_SKIP() << "network namespaces are not allowed here (ip netns add)";
+    if (!host.works())
+        GTEST_SKIP() << "no network namespace here (it takes root and the command ip)";
     ASSERT_TRUE(host.startBroker());
     CapturedLog log;
     std::promise<void> unplugged;
