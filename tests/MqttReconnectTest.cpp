@@ -297,7 +297,7 @@ private:
     const std::string _name = "kel" + std::to_string(::getpid());
     const std::string _cable = "k" + std::to_string(::getpid());
     const TempFolder _folder;
-    const std::string _config = (_folder.path() / "mosquitto.conf").string();
+    const std::string _config = (_folder.path / "mosquitto.conf").string();
     bool _works = false;
 };
 
