@@ -1,8 +1,7 @@
 // Logger.cpp - one logger per executable, to the coloured console and a dated file.
 //
 // The POCO logger is made once and never destroyed while threads may use it. It writes to an
-// ExchangeableChannel; a set-up builds a new chain (formatter, then one asynchronous writer each
-// for console and file) and exchanges it there:
+// ExchangeableChannel, at which a set-up exchanges everything behind but the console's writer:
 //
 //   Poco::Logger -> ExchangeableChannel -> FormattingChannel -> SplitterChannel
 //                                              -> AsyncChannel -> ColorConsoleChannel
@@ -31,7 +30,9 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <future>
 #include <iostream>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -49,6 +50,7 @@ namespace {
 
 constexpr UnitLog log("src/common/Logger");
 constexpr auto kRefreshInterval = std::chrono::seconds(60);
+constexpr auto kConsolePatience = std::chrono::seconds(2);
 constexpr const char* kLinePattern = "%Y-%m-%d-%H:%M:%S.%c-%s:%O:%u:%p:%t";
 
 using ChannelPtr = Poco::AutoPtr<Poco::Channel>;
@@ -70,21 +72,15 @@ private:
     ChannelPtr _target;
 };
 
-// What the logger writes to between two set-ups.
-struct Chain {
-    ChannelPtr head;
-    ChannelPtr file;
-    std::vector<Poco::AutoPtr<Poco::AsyncChannel>> writers;
-
-    void drain() const {
-        for (Poco::AutoPtr<Poco::AsyncChannel> writer : writers) writer->close();
-    }
-};
+using WriterPtr = Poco::AutoPtr<Poco::AsyncChannel>;
 
 struct State {
     std::mutex setupMutex;
-    Chain chain;            // guarded by setupMutex
-    std::string chainPath;  // guarded by setupMutex
+    // Guarded by setupMutex.
+    WriterPtr consoleWriter;
+    WriterPtr fileWriter;  // null before the first set-up, and when lines are written at once
+    ChannelPtr file;
+    std::string filePath;
 
     std::mutex nameMutex;
     std::string loggerName;   // guarded by nameMutex
@@ -97,8 +93,6 @@ State& state() {
     static auto* instance = new State;
     return *instance;
 }
-
-enum class Writing { kInBackground, kAtOnce };
 
 ChannelPtr consoleChannel() {
     Poco::AutoPtr<Poco::ColorConsoleChannel> console(new Poco::ColorConsoleChannel);
@@ -116,33 +110,38 @@ ChannelPtr fileChannel(const std::string& path) {
     return file;
 }
 
-// Windows opens no file for two writers: while the file in use is still there, the next chain may
+// Windows opens no file for two writers: while the file in use is still there, the next set-up may
 // go on with it. A file that was removed is opened anew or is an error.
 ChannelPtr openedOrKept(const std::string& path) {
     try {
         return fileChannel(path);
     } catch (const Poco::FileException&) {
-        if (path != state().chainPath || !Poco::File(path).exists()) throw;
-        return state().chain.file;
+        if (path != state().filePath || !Poco::File(path).exists()) throw;
+        return state().file;
     }
 }
 
-Chain buildChain(ChannelPtr file, Writing writing) {
-    Chain chain;
-    chain.file = std::move(file);
+// Has its thread from the start, so that no line finds that it cannot be had.
+WriterPtr inBackground(const ChannelPtr& sink) {
+    const ChannelPtr tolerant(new TolerantChannel(sink));
+    WriterPtr writer(new Poco::AsyncChannel(tolerant, Poco::Thread::PRIO_LOWEST));
+    writer->open();
+    return writer;
+}
+
+// A console that takes nothing, as a stopped terminal, must not take the memory: the file has all.
+WriterPtr consoleWriter() {
+    WriterPtr writer = inBackground(consoleChannel());
+    writer->setProperty("queueSize", "100000");
+    return writer;
+}
+
+ChannelPtr formatted(const std::vector<ChannelPtr>& sinks) {
     Poco::AutoPtr<Poco::SplitterChannel> splitter(new Poco::SplitterChannel);
-    for (const ChannelPtr& sink : {consoleChannel(), chain.file}) {
-        ChannelPtr tolerant(new TolerantChannel(sink));
-        if (writing == Writing::kInBackground) {
-            chain.writers.emplace_back(new Poco::AsyncChannel(tolerant, Poco::Thread::PRIO_LOWEST));
-            tolerant = chain.writers.back();
-        }
-        splitter->addChannel(tolerant);
-    }
+    for (const ChannelPtr& sink : sinks) splitter->addChannel(sink);
     Poco::AutoPtr<Poco::PatternFormatter> formatter(new Poco::PatternFormatter(kLinePattern));
     formatter->setProperty("times", "local");
-    chain.head = new Poco::FormattingChannel(formatter, splitter);
-    return chain;
+    return new Poco::FormattingChannel(formatter, splitter);
 }
 
 std::string today() {
@@ -174,32 +173,53 @@ void attachLogger(const std::string& name) {
     if (logger.getLevel() != Poco::Message::PRIO_TRACE) logger.setLevel(Poco::Message::PRIO_TRACE);
 }
 
-void exchangeChain(Chain next) {
-    State& s = state();
-    s.channel->exchange(next.head, [&] { s.chain.drain(); });
-    s.chain = std::move(next);
-}
-
-// Everything that can fail happens before anything changes.
+// What can fail happens before anything changes. The console stays as it is: waiting for one that
+// takes nothing would hold up the file.
 void setUp() {
     State& s = state();
     const std::lock_guard<std::mutex> oneSetup(s.setupMutex);
     const std::string baseName = lowerBaseName();
     const std::string path = logFilePathFor(baseName);
-    exchangeChain(buildChain(openedOrKept(path), Writing::kInBackground));
-    s.chainPath = path;
+    const ChannelPtr file = openedOrKept(path);
+    const WriterPtr writer = inBackground(file);
+    if (!s.consoleWriter) s.consoleWriter = consoleWriter();
+    s.channel->exchange([&] {
+        if (s.fileWriter) s.fileWriter->close();
+        return formatted({s.consoleWriter, writer});
+    });
+    s.fileWriter = writer;
+    s.file = file;
+    s.filePath = path;
     attachLogger(baseName + "_logger");
     const std::lock_guard<std::mutex> lock(s.nameMutex);
     s.loggerName = baseName + "_logger";
     s.logFilePath = path;
 }
 
+// @return whether the writer has written everything in time; otherwise it is left to itself.
+bool closedInTime(WriterPtr writer) {
+    const auto done = std::make_shared<std::promise<void>>();
+    std::future<void> closed = done->get_future();
+    std::thread([writer, done]() mutable {
+        writer->close();
+        done->set_value();
+    }).detach();
+    return closed.wait_for(kConsolePatience) == std::future_status::ready;
+}
+
 // Ends the writer threads; later lines are written by the thread that logs them.
 void writeAtOnceFromNowOn() {
     State& s = state();
     const std::lock_guard<std::mutex> oneSetup(s.setupMutex);
-    if (s.chain.writers.empty()) return;
-    exchangeChain(buildChain(s.chain.file, Writing::kAtOnce));
+    if (!s.fileWriter) return;
+    s.channel->exchange([&] {
+        s.fileWriter->close();
+        std::vector<ChannelPtr> sinks{new TolerantChannel(s.file)};
+        if (closedInTime(s.consoleWriter))
+            sinks.emplace_back(new TolerantChannel(consoleChannel()));
+        return formatted(sinks);
+    });
+    s.fileWriter = nullptr;
 }
 
 // Owns the refresh thread. One object per process, from the library's load to deleteLogger().
@@ -216,11 +236,13 @@ public:
     LoggerImpl(const LoggerImpl&) = delete;
     LoggerImpl& operator=(const LoggerImpl&) = delete;
 
-    void load() {
-        if (stopped()) return;
+    // False once it has been stopped.
+    bool load() {
+        if (stopped()) return false;
         setUp();
         std::call_once(_refreshOnce,
                        [this] { _refreshThread = std::thread([this] { refresh(); }); });
+        return true;
     }
 
     void stop() {
@@ -292,7 +314,7 @@ void loadLogging() {
         if (!instance().impl) return;
         static std::once_flag stopHook;
         std::call_once(stopHook, [] { onLibraryStop(ExitStage::kLogging, stopAtLibraryStop); });
-        instance().impl->load();
+        if (!instance().impl->load()) return;
     }
     log.information("Log initialized");
 }

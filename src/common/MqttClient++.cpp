@@ -51,7 +51,11 @@ constexpr auto kPauseBeforeCreate = 1000ms;
 constexpr auto kPauseBeforeRetry = 3000ms;
 constexpr auto kPauseBetweenPings = 2000ms;
 constexpr auto kHandlerPatience = 2000ms;
+constexpr auto kUntilConnectShows = 1000ms;
 constexpr auto kForever = std::chrono::hours(24 * 365);
+
+// In the delivery callback, from which nothing else of the library may be called.
+thread_local bool libraryHoldsItsLock = false;
 
 // What msgarrvd tells the library.
 constexpr int kMessageTaken = 1;
@@ -77,6 +81,7 @@ CallbackGate& gate() {
 }
 
 void stopMessaging() {
+    gate().close();
     messaging().stop.set();
     messaging().helpers->stop();
     messaging().mqttPool->stop();
@@ -114,7 +119,7 @@ void runConnectInBackground(const std::function<void()>& task) {
 // A connect that has begun shows as one to the library after a moment, so waiting a little is
 // enough.
 int disconnect(MQTTClient handle) {
-    const ConnectTurn turn(kHandlerPatience);
+    const ConnectTurn turn(kUntilConnectShows);
     return MQTTClient_disconnect(handle, kDisconnectTimeoutMs);
 }
 
@@ -285,8 +290,11 @@ void MqttClient::Create_l() {
 
 void MqttClient::createHandle() {
     MQTTClient handle = nullptr;
-    int rc = MQTTClient_create(&handle, _address.c_str(), _client_id.c_str(),
+    int rc = MQTTCLIENT_FAILURE;
+    if (!libraryHoldsItsLock) {
+        rc = MQTTClient_create(&handle, _address.c_str(), _client_id.c_str(),
                                MQTTCLIENT_PERSISTENCE_NONE, nullptr);
+    }
     if (rc != 0) {
         log.error(format("Failed to create mqtt client, return code %d", rc));
         return;
@@ -365,6 +373,7 @@ std::optional<int> MqttClient::connectOnce(SubscribeMap& restored) {
         log.error(format("Failed to connect, return code %d", rc));
         return rc;
     }
+    gate().acceptMessages(_ticket);
     const std::lock_guard<std::mutex> tableLock(_subscribe_mutex);
     restored.swap(_subscribe_map);
     return rc;
@@ -451,14 +460,16 @@ void MqttClient::sessionLost(void* ticket, const std::string& cause) {
     gate().closeSession(ticket);
     _in_flight->close();
     _connected = false;
+    const unsigned loss = ++_losses;
     if (!callbackCopy(_connection_lost_callback)) return;
-    runOnHelper([weak = weak_from_this(), cause] { reconnect(weak, cause); });
+    runOnHelper([weak = weak_from_this(), loss, cause] { reconnect(weak, loss, cause); });
 }
 
-void MqttClient::reconnect(const std::weak_ptr<MqttClient>& weak, const std::string& cause) {
+void MqttClient::reconnect(const std::weak_ptr<MqttClient>& weak, unsigned loss,
+                           const std::string& cause) {
     if (!askAfterLoss(weak, cause)) return;
     log.information("start reconnect mqtt.");
-    if (awaitBrokerHost(weak)) rebuild(weak);
+    if (awaitBrokerHost(weak, loss)) rebuild(weak);
 }
 
 bool MqttClient::askAfterLoss(const std::weak_ptr<MqttClient>& weak, const std::string& cause) {
@@ -470,11 +481,12 @@ bool MqttClient::askAfterLoss(const std::weak_ptr<MqttClient>& weak, const std::
     return again;
 }
 
-// False if the client or the library goes first.
-bool MqttClient::awaitBrokerHost(const std::weak_ptr<MqttClient>& weak) {
+// False if it is not worth waiting any more: the client is gone, the host has connected it by
+// itself, a later loss has its own reconnection, or the process ends.
+bool MqttClient::awaitBrokerHost(const std::weak_ptr<MqttClient>& weak, unsigned loss) {
     do {
         const std::shared_ptr<MqttClient> client = weak.lock();
-        if (!client) return false;
+        if (!client || client->_connected || client->_losses != loss) return false;
         if (!client->_mqtt_client) return true;
         if (pingIp(client->_address)) {
             log.information("ping succeed, ip: " + client->_address);
@@ -494,7 +506,9 @@ void MqttClient::Subscribe(std::function<void(const Poco::JSON::Object&, std::st
 void MqttClient::Subscribe(std::function<void(MQTTClient_message*, std::string)> handler,
                            std::string topic, int qos) {
     const auto subscribe = [handler = std::move(handler), topic = std::move(topic),
-                            qos](MqttClient& client) { client.Subscribe_l(handler, topic, qos); };
+                            qos](MqttClient& client) {
+        contained(log, [&] { client.Subscribe_l(handler, topic, qos); });
+    };
     try {
         mqttPool().start([weak = weak_from_this(), subscribe] {
             if (const auto client = weak.lock()) subscribe(*client);
@@ -525,8 +539,9 @@ void MqttClient::Subscribe_l(const MessageHandler& handler, const std::string& t
 }
 
 void MqttClient::Unsubscribe(std::string topic) {
-    offLibraryThread(
-        [topic = std::move(topic)](MqttClient& client) { client.Unsubscribe_l(topic); });
+    offLibraryThread([topic = std::move(topic)](MqttClient& client) {
+        contained(log, [&] { client.Unsubscribe_l(topic); });
+    });
 }
 
 void MqttClient::Unsubscribe_l(const std::string& topic) {
@@ -603,9 +618,12 @@ int MqttClient::publishOnce(const std::string& payload, const std::string& topic
     message.payload = const_cast<char*>(payload.data());  // the library only reads it
     message.qos = qos;
     message.retained = retained;
-    MQTTClient_deliveryToken token = 0;
     const std::lock_guard<std::mutex> lock(_client_mutex);
-    return MQTTClient_publishMessage(_mqtt_client, topic.c_str(), &message, &token);
+    const MQTTClient handle = _mqtt_client;
+    if (!handle) return MQTTCLIENT_FAILURE;
+    const CallbackGate::Call call(gate(), _ticket);
+    // Asked for the token, the library reads it after the acknowledgement may have freed it.
+    return MQTTClient_publishMessage(handle, topic.c_str(), &message, nullptr);
 }
 
 void MqttClient::delivered(void* context, MQTTClient_deliveryToken token) {
@@ -613,10 +631,12 @@ void MqttClient::delivered(void* context, MQTTClient_deliveryToken token) {
         log.error("context is null");
         return;
     }
+    libraryHoldsItsLock = true;
     contained(log, [&] {
         const CallbackGate::Visit visit(gate(), context);
         if (visit.client()) visit.client()->messageDelivered(token);
     });
+    libraryHoldsItsLock = false;
 }
 
 void MqttClient::messageDelivered(int token) {
@@ -660,7 +680,8 @@ void MqttClient::dispatch(const std::string& payload, const std::string& topic) 
     const std::list<MessageHandler> handlers = handlersFor(topic);
     if (!quiet) log.information(format("Begin handle msg, topic: %s", topic));
     for (const MessageHandler& handler : handlers) {
-        if (handler) submitMessageTask(messageTask(handler, payload, topic, quiet));
+        if (!handler) continue;
+        contained(log, [&] { submitMessageTask(messageTask(handler, payload, topic, quiet)); });
     }
 }
 

@@ -40,7 +40,8 @@ public:
     /// A payload that is a JSON object, and its topic.
     using JsonMessageHandler = std::function<void(const Poco::JSON::Object&, std::string)>;
 
-    /// Creates the library handle; makes no connection. Takes one second.
+    /// Creates the library handle; makes no connection. Takes one second. In a delivery callback
+    /// it fails (logged), since the MQTT library holds its lock there.
     /// @param address   server URI "tcp://host:port", also without scheme (tcp) or port (1883).
     /// @param clientId  unique at the broker; a second client with the same id ends the first's
     ///                  connection.
@@ -58,7 +59,7 @@ public:
     MqttClient& operator=(const MqttClient&) = delete;
 
     /// Connects in the background; returns at once. After success every subscription is made
-    /// again at the broker, at QoS 0.
+    /// again at the broker, at QoS 0. A client that is connected already ends that session first.
     /// @param onConnectResult   called with the library's return code after each attempt (0:
     ///        connected). Returning true after a failure asks for another attempt 4 s later,
     ///        without limit; after success the result is ignored. May be empty: no retry.
@@ -152,9 +153,10 @@ private:
 
     // Background work, which holds the client only weakly between its steps.
     static void runConnectTask(const std::weak_ptr<MqttClient>& weak);
-    static void reconnect(const std::weak_ptr<MqttClient>& weak, const std::string& cause);
+    static void reconnect(const std::weak_ptr<MqttClient>& weak, unsigned loss,
+                          const std::string& cause);
     static bool askAfterLoss(const std::weak_ptr<MqttClient>& weak, const std::string& cause);
-    static bool awaitBrokerHost(const std::weak_ptr<MqttClient>& weak);
+    static bool awaitBrokerHost(const std::weak_ptr<MqttClient>& weak, unsigned loss);
     static void rebuild(const std::weak_ptr<MqttClient>& weak);
 
     // Called by the MQTT library. `context` is a ticket of the callback gate, never a pointer.
@@ -189,6 +191,7 @@ private:
     // Own locking.
     std::atomic<bool> _vehicle_conn{false};
     std::atomic<bool> _connected{false};
+    std::atomic<unsigned> _losses{0};
     std::unique_ptr<InFlightWindow> _in_flight;
 };
 

@@ -1,19 +1,21 @@
 // ThreadPool.cpp - callables on POCO's threads.
 //
-// POCO only borrows the Runnable it runs, so each task lives in an adapter. The pool's list holds
+// POCO only borrows the Runnable it runs, so each task lives in an adapter. The list of tasks holds
 // one reference from start() to the task's end; run() holds another, so that a task which outlasts
-// the pool's stop still owns itself.
+// the pool's stop still owns itself. Adapters know the list and not the pool: whoever releases the
+// pool destroys it, never one of its own threads.
 
 #include "ThreadPool.h"
 
-#include <Poco/Event.h>
+#include <Poco/AutoPtr.h>
 #include <Poco/Exception.h>
 #include <Poco/Format.h>
 #include <Poco/RefCountedObject.h>
 #include <Poco/Runnable.h>
 
-#include <algorithm>
-#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <list>
 #include <mutex>
 
 #include "internal/ExitHooks.h"
@@ -30,26 +32,33 @@ constexpr int kRefusedLine = 36;
 constexpr int kPocoExceptionLine = 49;
 constexpr int kStdExceptionLine = 52;
 
+constexpr std::chrono::seconds kStopPatience(10);
+
 }  // namespace
+
+struct ThreadPool::Tasks {
+    void taskFinished(RunnableAdapter* adapter);
+
+    std::mutex mutex;
+    std::condition_variable changed;
+    // Guarded by mutex.
+    std::list<Poco::AutoPtr<RunnableAdapter>> adapters;
+    bool stopped = false;
+};
 
 class ThreadPool::RunnableAdapter : public Poco::Runnable, public Poco::RefCountedObject {
 public:
-    RunnableAdapter(std::function<void()> func, std::weak_ptr<ThreadPool> pool)
-        : _func(std::move(func)), _pool(std::move(pool)) {}
+    RunnableAdapter(std::function<void()> func, std::shared_ptr<Tasks> tasks)
+        : _func(std::move(func)), _tasks(std::move(tasks)) {}
 
     void run() override {
         const Poco::AutoPtr<RunnableAdapter> self(this, true);
-        _begun.set();
         struct Report {
             RunnableAdapter& adapter;
             ~Report() { adapter.finish(); }
         } report{*this};
         callFunc();
     }
-
-    void waitUntilBegun() { _begun.wait(); }
-
-    bool finished() const { return _finished; }
 
 private:
     void callFunc() {
@@ -63,41 +72,39 @@ private:
     }
 
     void finish() {
-        _func = nullptr;  // what the task captured goes now, not with the list entry
-        _finished = true;
-        if (const std::shared_ptr<ThreadPool> pool = _pool.lock()) pool->taskFinished(this);
+        _func = nullptr;  // what the task captured goes before the task counts as ended
+        _tasks->taskFinished(this);
     }
 
     std::function<void()> _func;
-    std::weak_ptr<ThreadPool> _pool;
-    // Not std::atomic's wait(), which can miss its notification with GCC 12 on Windows.
-    Poco::Event _begun{Poco::Event::EVENT_MANUALRESET};
-    std::atomic<bool> _finished{false};
+    const std::shared_ptr<Tasks> _tasks;
 };
 
+void ThreadPool::Tasks::taskFinished(RunnableAdapter* adapter) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    adapters.remove_if([&](const auto& held) { return held.get() == adapter; });
+    changed.notify_all();
+}
+
 ThreadPool::ThreadPool(int minCapacity, int maxCapacity, int idleTime, int stackSize)
-    : Poco::ThreadPool(minCapacity, maxCapacity, idleTime, stackSize) {}
+    : Poco::ThreadPool(minCapacity, maxCapacity, idleTime, stackSize),
+      _tasks(std::make_shared<Tasks>()) {}
 
 ThreadPool::ThreadPool(const std::string& name, int minCapacity, int maxCapacity, int idleTime,
                        int stackSize)
-    : Poco::ThreadPool(name, minCapacity, maxCapacity, idleTime, stackSize) {}
+    : Poco::ThreadPool(name, minCapacity, maxCapacity, idleTime, stackSize),
+      _tasks(std::make_shared<Tasks>()) {}
 
 ThreadPool::~ThreadPool() {
     stop();
 }
 
 ThreadPool& ThreadPool::defaultPool() {
-    struct Holder {
-        std::shared_ptr<ThreadPool> pool;
-        Poco::FastMutex mutex;
-    };
-    static auto* holder = new Holder;
-    const Poco::FastMutex::ScopedLock lock(holder->mutex);
-    if (!holder->pool) {
-        holder->pool = std::shared_ptr<ThreadPool>(new ThreadPool("default", 1, 32, 60, 0));
+    static const auto& pool = *new std::shared_ptr<ThreadPool>([] {
         onLibraryStop(ExitStage::kTaskPools, [] { defaultPool().stop(); });
-    }
-    return *holder->pool;
+        return new ThreadPool("default", 1, 32, 60, 0);
+    }());
+    return *pool;
 }
 
 void ThreadPool::start(std::function<void()> func) {
@@ -106,16 +113,13 @@ void ThreadPool::start(std::function<void()> func) {
 
 void ThreadPool::start(std::function<void()> func, const std::string& name) {
     try {
-        Poco::AutoPtr<RunnableAdapter> adapter(
-            new RunnableAdapter(std::move(func), weak_from_this()));
+        Poco::AutoPtr<RunnableAdapter> adapter(new RunnableAdapter(std::move(func), _tasks));
         // Held from start to record: a short task reports back only after it has been recorded,
         // and a thread that POCO hands out is not released by stop() meanwhile.
-        const Poco::FastMutex::ScopedLock lock(_mutex);
-        if (_stopped) throw Poco::IllegalStateException("thread pool is stopped");
+        const std::lock_guard<std::mutex> lock(_tasks->mutex);
+        if (_tasks->stopped) throw Poco::IllegalStateException("thread pool is stopped");
         Poco::ThreadPool::start(*adapter, name);
-        // Only a pool without a shared owner has finished tasks here: they could not report back.
-        _adapters.remove_if([](const auto& earlier) { return earlier->finished(); });
-        _adapters.push_back(adapter);
+        _tasks->adapters.push_back(adapter);
     } catch (const std::exception& exc) {
         log.error(Poco::format("exception: %s", std::string(exc.what())), kRefusedLine);
         throw;
@@ -123,32 +127,23 @@ void ThreadPool::start(std::function<void()> func, const std::string& name) {
 }
 
 std::size_t ThreadPool::pendingTasks() {
-    const Poco::FastMutex::ScopedLock lock(_mutex);
-    return static_cast<std::size_t>(
-        std::count_if(_adapters.begin(), _adapters.end(),
-                      [](const auto& adapter) { return !adapter->finished(); }));
+    const std::lock_guard<std::mutex> lock(_tasks->mutex);
+    return _tasks->adapters.size();
 }
 
+// POCO would drop a task that a thread has been given but has not taken up yet, and wait 10 s for
+// each thread in turn; so it stops the threads only after their tasks.
 void ThreadPool::stop() {
-    std::list<Poco::AutoPtr<RunnableAdapter>> accepted;
-    {
-        const Poco::FastMutex::ScopedLock lock(_mutex);
-        _stopped = true;
-        accepted = _adapters;
+    std::unique_lock<std::mutex> lock(_tasks->mutex);
+    _tasks->stopped = true;
+    _tasks->changed.wait_for(lock, kStopPatience, [&] { return _tasks->adapters.empty(); });
+    const std::size_t left = _tasks->adapters.size();
+    lock.unlock();
+    if (left == 0) {
+        stopAll();
+    } else {
+        log.error(Poco::format("thread pool %s stops with %z tasks running", name(), left));
     }
-    // POCO drops a task that a thread has been given but has not taken up yet.
-    for (auto& adapter : accepted) adapter->waitUntilBegun();
-    accepted.clear();
-    stopAll();
-    const Poco::FastMutex::ScopedLock lock(_mutex);
-    _adapters.clear();
-}
-
-void ThreadPool::taskFinished(RunnableAdapter* adapter) {
-    const Poco::FastMutex::ScopedLock lock(_mutex);
-    const auto it = std::find_if(_adapters.begin(), _adapters.end(),
-                                 [&](const auto& held) { return held.get() == adapter; });
-    if (it != _adapters.end()) _adapters.erase(it);
 }
 
 TaskManager::TaskManager(Poco::ThreadPool& pool) : Poco::TaskManager(pool) {}

@@ -1,12 +1,9 @@
 #pragma once
 
-#include <Poco/AutoPtr.h>
-#include <Poco/Mutex.h>
 #include <Poco/TaskManager.h>
 #include <Poco/ThreadPool.h>
 
 #include <functional>
-#include <list>
 #include <memory>
 #include <string>
 
@@ -50,20 +47,16 @@ public:
     /// Tasks that have been accepted and have not ended.
     std::size_t pendingTasks();
 
-    /// Refuses further tasks and waits until those accepted have ended, for each thread at most
-    /// POCO's 10 s; a task that takes longer goes on, and what it holds stays alive. Repeatable.
+    /// Refuses further tasks and waits until those accepted have ended, 10 s at the longest; tasks
+    /// that take longer are logged, go on, and keep what they hold. Repeatable.
     void stop();
 
 private:
     class RunnableAdapter;
+    struct Tasks;
 
-    void taskFinished(RunnableAdapter* adapter);
-
-    // Guarded by _mutex.
-    std::list<Poco::AutoPtr<RunnableAdapter>> _adapters;
-    bool _stopped = false;
-
-    Poco::FastMutex _mutex;
+    // Shared with the adapters, which may end after the pool.
+    const std::shared_ptr<Tasks> _tasks;
 };
 
 namespace detail {

@@ -1,17 +1,25 @@
 // CallbackGate.cpp - what the MQTT library's threads may touch, and until when.
 //
-// The library empties its message queue when a session ends, on whichever thread ends it, and
-// destroys a handle without a look at callbacks in progress. A message that a callback holds then
-// may be freed twice, and a handle read after it was freed. Hence:
-//   - copy() and release() touch a message only while its session is open; otherwise the callback
-//     reports "not taken", after which the library does not touch the message either.
-//   - The library calls without its lock, and unlinks the message after it has taken the lock
-//     again. It gets kSettle for the way to and from a callback before we end the session, and
-//     again before we destroy the handle.
+// When a session ends, on whichever thread that is found out, the library frees the messages of its
+// queue, the one that a callback holds just now included; it forgets a message only after the
+// callback has returned and it has taken its own lock again; and it destroys a handle without a
+// look at callbacks in progress. Hence:
+//   - A callback touches a message only in an open session, which it asks the library about while
+//     none of our publishers is in there. Otherwise it reports "not taken", after which the library
+//     does not touch the message either. A publisher that waits in there for room is not waited
+//     for; should it find the connection gone at that very moment, the library's own heap check is
+//     what is left.
+//   - A message is freed in two steps: its payload at once, the rest when the next callback shows
+//     that the library has forgotten it. What is in doubt when the connection is lost, a topic and
+//     an empty record, is given up.
+//   - We end a session, and then destroy the handle, only after its callbacks have returned and
+//     the library has had kSettle to come back from them.
 
 #include "CallbackGate.h"
 
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "../MqttClient++.h"
 
@@ -20,6 +28,7 @@ namespace kel {
 namespace {
 
 constexpr auto kSettle = std::chrono::milliseconds(50);
+constexpr auto kPublishPatience = std::chrono::milliseconds(5);
 
 thread_local int visitsOfThisThread = 0;
 
@@ -31,7 +40,7 @@ CallbackGate::Visit::Visit(CallbackGate& gate, Ticket ticket) : _gate(gate), _ti
     const auto link = _gate._links.find(_ticket);
     if (link == _gate._links.end()) return;
     ++link->second.visits;
-    _client = link->second.client.lock();
+    if (!_gate._closed) _client = link->second.client.lock();
 }
 
 CallbackGate::Visit::~Visit() {
@@ -49,27 +58,59 @@ CallbackGate::Visit::~Visit() {
 
 std::optional<CallbackGate::Message> CallbackGate::Visit::copy(const char* topic,
                                                                const MQTTClient_message* message) {
-    const std::lock_guard<std::mutex> lock(_gate._mutex);
     if (!_client) return {};
-    const Link& link = _gate._links[_ticket];
-    if (!link.sessionOpen) return {};
+    std::unique_lock<std::mutex> lock(_gate._mutex);
+    Link& link = _gate._links[_ticket];
+    free(link.spent);
     _session = link.session;
-    return Message{topic, std::string(static_cast<const char*>(message->payload),
-                                      static_cast<std::size_t>(message->payloadlen))};
+    std::optional<Message> copy;
+    if (beginReading(lock)) {
+        copy = Message{topic, std::string(static_cast<const char*>(message->payload),
+                                          static_cast<std::size_t>(message->payloadlen))};
+    }
+    endReading(lock);
+    return copy;
 }
 
-bool CallbackGate::Visit::release(char* topic, MQTTClient_message* message) const {
+bool CallbackGate::Visit::release(char* topic, MQTTClient_message* message) {
     std::unique_lock<std::mutex> lock(_gate._mutex);
-    const Link& link = _gate._links[_ticket];
+    const bool mine = beginReading(lock);
+    if (mine) {
+        MQTTClient_free(std::exchange(message->payload, nullptr));
+        message->payloadlen = 0;
+        _gate._links[_ticket].spent = {topic, message, Clock::now()};
+    }
+    endReading(lock);
+    return mine;
+}
+
+// Asks the library without our lock, since it calls us with its own held.
+bool CallbackGate::Visit::beginReading(std::unique_lock<std::mutex>& lock) {
+    Link& link = _gate._links[_ticket];
+    _gate._changed.wait_for(lock, kPublishPatience, [&] { return link.calls == 0; });
+    link.reading = true;
     const MQTTClient handle = link.handle;
     lock.unlock();
-    // Waits for a publisher that is finding out just now that the connection has gone.
-    if (!MQTTClient_isConnected(handle)) return false;
+    const bool connected = MQTTClient_isConnected(handle);
     lock.lock();
-    if (!link.sessionOpen || link.session != _session) return false;
-    MQTTClient_freeMessage(&message);
-    MQTTClient_free(topic);
-    return true;
+    return connected && link.phase == Phase::kOpen && link.session == _session;
+}
+
+void CallbackGate::Visit::endReading(std::unique_lock<std::mutex>&) {
+    _gate._links[_ticket].reading = false;
+    _gate._changed.notify_all();
+}
+
+CallbackGate::Call::Call(CallbackGate& gate, Ticket ticket) : _gate(gate), _ticket(ticket) {
+    std::unique_lock<std::mutex> lock(_gate._mutex);
+    Link& link = _gate._links[_ticket];
+    _gate._changed.wait(lock, [&] { return !link.reading; });
+    ++link.calls;
+}
+
+CallbackGate::Call::~Call() {
+    const std::lock_guard<std::mutex> lock(_gate._mutex);
+    if (--_gate._links[_ticket].calls == 0) _gate._changed.notify_all();
 }
 
 bool CallbackGate::onLibraryThread() {
@@ -89,28 +130,55 @@ void CallbackGate::openSession(Ticket ticket, MQTTClient handle, std::weak_ptr<M
     link.handle = handle;
     link.client = std::move(client);
     ++link.session;
-    link.sessionOpen = true;
+    link.phase = Phase::kConnecting;
+}
+
+void CallbackGate::acceptMessages(Ticket ticket) {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    Link& link = _links[ticket];
+    if (link.phase == Phase::kConnecting) link.phase = Phase::kOpen;
 }
 
 void CallbackGate::closeSession(Ticket ticket) {
     const std::lock_guard<std::mutex> lock(_mutex);
-    const auto link = _links.find(ticket);
-    if (link != _links.end()) link->second.sessionOpen = false;
+    const auto entry = _links.find(ticket);
+    if (entry == _links.end()) return;
+    Link& link = entry->second;
+    link.phase = Phase::kClosed;
+    // Reachable, but nobody's any more.
+    static auto* givenUp = new std::vector<Spent>;
+    if (link.spent.message && Clock::now() < link.spent.since + kSettle) {
+        givenUp->push_back(std::exchange(link.spent, {}));
+    }
+    free(link.spent);
 }
 
 bool CallbackGate::quiesce(Ticket ticket, std::chrono::milliseconds patience) {
-    closeSession(ticket);
     std::unique_lock<std::mutex> lock(_mutex);
-    const Link& link = _links[ticket];
+    Link& link = _links[ticket];
+    link.phase = Phase::kClosed;
     const bool idle = _changed.wait_for(lock, patience, [&] { return link.visits == 0; });
     lock.unlock();
     std::this_thread::sleep_for(kSettle);
+    closeSession(ticket);
     return idle;
 }
 
 void CallbackGate::retire(Ticket ticket) {
     const std::lock_guard<std::mutex> lock(_mutex);
     _links.erase(ticket);
+}
+
+void CallbackGate::close() {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    _closed = true;
+}
+
+void CallbackGate::free(Spent& spent) {
+    if (!spent.message) return;
+    MQTTClient_freeMessage(&spent.message);
+    MQTTClient_free(spent.topic);
+    spent = {};
 }
 
 }  // namespace kel

@@ -40,19 +40,36 @@ public:
         /// Empty if the handle or its client is gone.
         const std::shared_ptr<MqttClient>& client() const { return _client; }
 
-        /// A copy of an arrived message; empty if the session has ended. The library then frees
+        /// A copy of an arrived message; empty if its session has ended. The library then frees
         /// the message itself, or has done so.
         std::optional<Message> copy(const char* topic, const MQTTClient_message* message);
 
-        /// Frees an arrived message, unless the session has ended meanwhile.
-        /// @return whether it did, which is what the library wants to know.
-        bool release(char* topic, MQTTClient_message* message) const;
+        /// Frees an arrived message, unless its session has ended meanwhile.
+        /// @return whether the library shall forget it.
+        bool release(char* topic, MQTTClient_message* message);
 
     private:
+        bool beginReading(std::unique_lock<std::mutex>& lock);
+        void endReading(std::unique_lock<std::mutex>& lock);
+
         CallbackGate& _gate;
         const Ticket _ticket;
         std::shared_ptr<MqttClient> _client;
         unsigned _session = 0;  // the one that copy() found
+    };
+
+    /// A call into the library that may find the connection gone and free the messages of the
+    /// session. Waits for the moment in which a callback touches one.
+    class Call {
+    public:
+        Call(CallbackGate& gate, Ticket ticket);
+        ~Call();
+        Call(const Call&) = delete;
+        Call& operator=(const Call&) = delete;
+
+    private:
+        CallbackGate& _gate;
+        const Ticket _ticket;
     };
 
     /// Whether this thread is the library's own, inside one of its callbacks.
@@ -61,9 +78,11 @@ public:
     /// A new handle's ticket.
     Ticket issue();
 
-    /// A session of the handle is about to begin: its callbacks reach `client`, its messages are
-    /// taken.
+    /// A session of the handle is about to begin: from now on its callbacks reach `client`.
     void openSession(Ticket ticket, MQTTClient handle, std::weak_ptr<MqttClient> client);
+
+    /// The connect has returned and the session is not over yet: its messages are taken.
+    void acceptMessages(Ticket ticket);
 
     /// The session is over or about to end: its messages are left to the library from now on.
     void closeSession(Ticket ticket);
@@ -76,18 +95,38 @@ public:
     /// The handle is gone.
     void retire(Ticket ticket);
 
+    /// No callback finds a client any more.
+    void close();
+
 private:
+    using Clock = std::chrono::steady_clock;
+
+    enum class Phase { kClosed, kConnecting, kOpen };
+
+    // A message without its payload, which the library may not have forgotten yet.
+    struct Spent {
+        char* topic = nullptr;
+        MQTTClient_message* message = nullptr;
+        Clock::time_point since;
+    };
+
     struct Link {
         MQTTClient handle = nullptr;
         std::weak_ptr<MqttClient> client;
         unsigned session = 0;
-        bool sessionOpen = false;
+        Phase phase = Phase::kClosed;
         int visits = 0;
+        int calls = 0;
+        bool reading = false;
+        Spent spent;
     };
+
+    static void free(Spent& spent);
 
     std::mutex _mutex;
     std::condition_variable _changed;
     // Guarded by _mutex.
+    bool _closed = false;
     std::uintptr_t _lastTicket = 0;
     std::unordered_map<Ticket, Link> _links;
 };

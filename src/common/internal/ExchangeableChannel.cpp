@@ -16,11 +16,16 @@ void ExchangeableChannel::hold() {
     _holding = true;
 }
 
-void ExchangeableChannel::resume(Poco::AutoPtr<Poco::Channel> next) {
+void ExchangeableChannel::resume(Poco::AutoPtr<Poco::Channel> next) noexcept {
     const std::lock_guard<std::mutex> lock(_mutex);
     _target = std::move(next);
-    for (const Poco::Message& message : _held) _target->log(message);
-    _held.clear();
+    for (; !_held.empty(); _held.pop_front()) {
+        try {
+            _target->log(_held.front());
+        } catch (...) {
+            // The later ones may still get through.
+        }
+    }
     _holding = false;
 }
 

@@ -16,25 +16,29 @@ class ExchangeableChannel : public Poco::Channel {
 public:
     void log(const Poco::Message& message) override;
 
-    /// Forwards to `next` from now on. Lines that arrive meanwhile wait here until the earlier
-    /// ones have been written: `next` must not be in use, and log() on it must not block.
-    /// @param drainPrevious  writes out what the previous channel still holds.
-    template <typename Drain>
-    void exchange(Poco::AutoPtr<Poco::Channel> next, Drain&& drainPrevious) {
+    /// Forwards to what `makeNext` returns from now on. Lines that arrive meanwhile wait here, so
+    /// `makeNext` may write out what the previous channel still holds. If it throws, the previous
+    /// channel stays. log() on the next one must not block.
+    template <typename MakeNext>
+    void exchange(MakeNext&& makeNext) {
         const std::lock_guard<std::mutex> oneExchange(_exchangeMutex);
         hold();
-        drainPrevious();
-        resume(std::move(next));
+        try {
+            resume(makeNext());
+        } catch (...) {
+            resume(_target);
+            throw;
+        }
     }
 
 private:
     void hold();
-    void resume(Poco::AutoPtr<Poco::Channel> next);
+    void resume(Poco::AutoPtr<Poco::Channel> next) noexcept;
 
     std::mutex _exchangeMutex;
 
     std::mutex _mutex;
-    // Guarded by _mutex.
+    // Guarded by _mutex; _target changes only under _exchangeMutex too.
     Poco::AutoPtr<Poco::Channel> _target;
     bool _holding = false;
     std::deque<Poco::Message> _held;
