@@ -4,6 +4,7 @@ PRESET ?= debug
 help:
 	@echo "make demo          install what is missing, build, show two processes talk; KEEP=1 goes on until Ctrl-C"
 	@echo "make test          install what is missing, build, run all tests; PRESET=debug|release|asan|tsan"
+	@echo "make test-browser  the same for the status page, in a headless Chromium (100 MB to install)"
 	@echo "make build         build everything; PRESET as above"
 	@echo "make format        format the C++ files"
 	@echo "make clean         remove the build folder"
@@ -16,6 +17,9 @@ test:
 	@scripts/install-deps
 	@scripts/test $(PRESET)
 
+test-browser:
+	@scripts/test-browser
+
 build:
 	@scripts/install-deps
 	@scripts/build $(PRESET)
@@ -26,4 +30,4 @@ format:
 clean:
 	rm -rf build
 
-.PHONY: help demo test build format clean
+.PHONY: help demo test test-browser build format clean
