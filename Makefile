@@ -5,7 +5,9 @@ help:
 	@echo "make demo          install what is missing, build, show two processes talk; KEEP=1 goes on until Ctrl-C"
 	@echo "make test          install what is missing, build, run all tests; PRESET=debug|release|asan|tsan"
 	@echo "make test-browser  the same for the status page, in a headless Chromium (100 MB to install)"
+	@echo "make bench         messages per second over a broker of its own"
 	@echo "make build         build everything; PRESET as above"
+	@echo "make test-windows  install what is missing, run the Windows platform file under Wine"
 	@echo "make format        format the C++ files"
 	@echo "make clean         remove the build folder"
 
@@ -24,10 +26,18 @@ build:
 	@scripts/install-deps
 	@scripts/build $(PRESET)
 
+test-windows:
+	@scripts/test-windows
+
+bench:
+	@scripts/install-deps
+	@scripts/build release PublishBench
+	@PATH=$$PATH:/usr/sbin build/release/bench/PublishBench
+
 format:
 	@scripts/format
 
 clean:
 	rm -rf build
 
-.PHONY: help demo test test-browser build format clean
+.PHONY: help demo test test-browser bench build test-windows format clean

@@ -2,138 +2,114 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "CapturedLog.h"
+#include "Sandbox.h"
 
 namespace fs = std::filesystem;
 using kel::configInstance;
 
 namespace {
 
+constexpr fs::perms kOwnerOnly = fs::perms::owner_read | fs::perms::owner_write;
+
 // A fresh configuration home and an empty store for each test.
 class Config : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char home[] = "/tmp/kel-config-XXXXXX";
-        _home = ::mkdtemp(home);
-        ::setenv("XDG_CONFIG_HOME", _home.c_str(), 1);
+    Config() {
+        ::setenv("XDG_CONFIG_HOME", _home.path.c_str(), 1);
         std::istringstream empty("{}");
         configInstance().load(empty);
     }
 
-    void TearDown() override { fs::remove_all(_home); }
-
-    fs::path file() const { return fs::path(_home) / "kelhost" / "ConfigTest.json"; }
-
-    void writeFile(const std::string& content) const {
-        fs::create_directories(file().parent_path());
-        std::ofstream(file()) << content;
-    }
-
-    std::string content() const {
-        std::ostringstream text;
-        text << std::ifstream(file()).rdbuf();
-        return text.str();
-    }
-
-    std::string _home;
-    CapturedLog _log;
+    const TempFolder _home;
+    const fs::path _directory = _home.path / "kelhost";
+    const std::string _file = _directory / "ConfigTest.json";
+    const CapturedLog _log;
 };
-
-mode_t modeOf(const fs::path& path) {
-    struct stat status {};
-    ::stat(path.c_str(), &status);
-    return status.st_mode & 0777;
-}
 
 }  // namespace
 
 TEST_F(Config, FirstStartWritesTheDefaultsForTheOwnerOnly) {
     kel::saveConfig();  // no path yet: nothing happens
     EXPECT_EQ(0u, _log.count(""));
-
     kel::initHttpOption();
     kel::initRpcOption();
     kel::initSSLOption();
     kel::loadConfig();
-
-    EXPECT_EQ(1u, _log.count("config full path: " + file().string()));
+    EXPECT_EQ(1u, _log.count("config full path: " + _file));
     EXPECT_EQ(1u, _log.count("config initialized"));
-    EXPECT_EQ(0600u, modeOf(file()));
-    EXPECT_EQ(0700u, modeOf(file().parent_path()));
-    for (const char* part :
-         {"\n  \"http\": {\n    \"apiDebug\": true", "\"port\": \"9528\"", "\"sslport\": \"443\"",
-          "\"port\": \"9527\"", "\"verificationDepth\": 9", "\"sessionCacheSize\": 100",
-          "\"requireTLSv1\": false", "\"privateKeyFile\": \"${application.configDir}any.pem\"",
-          "\"password\": \"vellum\"", "ALL:!ADH:!LOW:!EXP:!MD5:@STRENGTH"}) {
-        EXPECT_NE(std::string::npos, content().find(part)) << part << "\n" << content();
+    EXPECT_EQ(kOwnerOnly, fs::status(_file).permissions());
+    EXPECT_EQ(fs::perms::owner_all, fs::status(_directory).permissions());
+    const std::string content = contentOf(_file);
+    for (const char* part : {"\n  \"http\": {\n    \"apiDebug\": true", "\"port\": \"9528\"",
+                             "\"sslport\": \"443\"", "\"port\": \"9527\"", "${application.name}",
+                             "\"requireTLSv1\": false", "\"password\": \"vellum\""}) {
+        EXPECT_NE(std::string::npos, content.find(part)) << part << "\n" << content;
     }
-    EXPECT_EQ(9528, configInstance().getInt(kel::http::kPort));
-    EXPECT_EQ("9528", configInstance().getString(kel::http::kPort));
+    fs::resize_file(_file, 0);  // counts as missing
+    kel::loadConfig();
+    EXPECT_EQ(content, contentOf(_file));
 }
 
 TEST_F(Config, AFileWithContentReplacesTheDefaultsAndIsNotRewritten) {
-    const std::string text = R"({"http":{"port":8080},"own":{"name":"x"}})";
-    writeFile(text);
+    const std::string text = R"({"http":{"port":8080}})";
+    _home.write("kelhost/ConfigTest.json", text);
     kel::initHttpOption();
-    kel::initRpcOption();
     kel::loadConfig();
     EXPECT_EQ(8080, configInstance().getInt(kel::http::kPort));
-    EXPECT_EQ("x", configInstance().getString("own.name"));
     EXPECT_FALSE(configInstance().has(kel::http::kApiDebug));
-    EXPECT_FALSE(configInstance().has(kel::rpc::kRpcPort));
-    EXPECT_EQ(text, content());
-}
-
-TEST_F(Config, AnEmptyFileCountsAsMissing) {
-    writeFile("");
-    kel::initRpcOption();
-    kel::loadConfig();
-    EXPECT_NE(std::string::npos, content().find("9527"));
+    EXPECT_EQ(text, contentOf(_file));
 }
 
 TEST_F(Config, AMalformedFileKeepsStoreAndFile) {
     const std::string deep = std::string(100000, '[') + std::string(100000, ']');
+    kel::initRpcOption();
     for (const std::string& text : {std::string("{\"http\": {"), std::string("[1,2]"),
                                     std::string("42"), std::string("\xff\xfe"), deep}) {
         SCOPED_TRACE(text.substr(0, 20));
-        CapturedLog log;
-        writeFile(text);
-        kel::initRpcOption();
+        const CapturedLog log;
+        _home.write("kelhost/ConfigTest.json", text);
         kel::loadConfig();
         EXPECT_EQ(0u, log.count("config initialized"));
         EXPECT_EQ(2u, log.count(""));  // the path, and what is wrong
         EXPECT_EQ(9527, configInstance().getInt(kel::rpc::kRpcPort));
-        EXPECT_EQ(text, content());
+        EXPECT_EQ(text, contentOf(_file));
     }
 }
 
-TEST_F(Config, ADirectoryThatCannotBeMadeIsOneErrorLine) {
-    std::ofstream(_home + "/occupied") << "a file";
-    ::setenv("XDG_CONFIG_HOME", (_home + "/occupied").c_str(), 1);
+TEST_F(Config, SavingReplacesTheFileThatALinkLeadsTo) {
+    const std::string target = _home.write("kelhost/target.json", "{}", 0666);
+    fs::create_symlink(target, _file);
     kel::loadConfig();
-    ASSERT_EQ(1u, _log.count(""));
-    EXPECT_EQ(Poco::Message::PRIO_ERROR, _log.find("").getPriority());
+    configInstance().setString("secret", "\xC3\xA4 \"quoted\"");
+    kel::saveConfig();
+    configInstance().remove("secret");
+    kel::loadConfig();
+    EXPECT_EQ("\xC3\xA4 \"quoted\"", configInstance().getString("secret"));
+    EXPECT_TRUE(fs::is_symlink(_file));
+    EXPECT_EQ(kOwnerOnly, fs::status(target).permissions());
 }
 
-TEST_F(Config, SavingReplacesTheFileOrLeavesTheOldOne) {
+TEST_F(Config, FailuresAreLoggedAndLeaveEverythingAsItWas) {
+    kel::loadConfig();
+    const std::string old = contentOf(_file);
     kel::initRpcOption();
-    kel::loadConfig();
-    configInstance().setString("own.secret", "\xC3\xA4 \"quoted\"");
-    kel::saveConfig();
-    const std::string saved = content();
-    kel::loadConfig();
-    EXPECT_EQ("\xC3\xA4 \"quoted\"", configInstance().getString("own.secret"));
-
-    // A directory in the file's place cannot be renamed over.
-    fs::remove(file());
-    fs::create_directories(file() / "in the way");
-    kel::saveConfig();
+    fs::permissions(_directory, fs::perms::others_read | fs::perms::others_exec);
+    unprivileged([] { kel::saveConfig(); });
+    fs::permissions(_directory, fs::perms::owner_all);
     EXPECT_EQ(1u, _log.count("save config file error: "));
-    EXPECT_EQ(1, std::distance(fs::directory_iterator(file().parent_path()), {}));
+    EXPECT_EQ(old, contentOf(_file));
+
+    fs::remove(_file);
+    fs::create_directory(_file);
+    kel::saveConfig();
+    EXPECT_EQ(2u, _log.count("save config file error: "));
+    EXPECT_EQ(1, std::distance(fs::directory_iterator(_directory), {}));
+
+    ::setenv("XDG_CONFIG_HOME", _home.write("occupied").c_str(), 1);
+    kel::loadConfig();
+    EXPECT_EQ(5u, _log.count(""));
 }

@@ -97,9 +97,9 @@ public:
 
     /// The port of its web API, once that serves.
     int webPort() const {
-        if (!awaitLog("/status\n")) return 0;
-        const std::string text = log();
         const std::string before = "status page: http://127.0.0.1:";
+        if (!awaitLog(before)) return 0;
+        const std::string text = log();
         return std::stoi(text.substr(text.find(before) + before.size()));
     }
 

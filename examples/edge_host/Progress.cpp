@@ -1,4 +1,5 @@
-// Progress.cpp - the task manager calls its observers under a lock of its own, one at a time.
+// Progress.cpp - the task manager calls its observers on the tasks' threads. A task reports its
+// progress with its own lock held: observers must not ask it for its progress in turn.
 
 #include "Progress.h"
 
@@ -49,20 +50,24 @@ Progress::~Progress() {
 }
 
 void Progress::onProgress(const Poco::AutoPtr<Poco::TaskProgressNotification>& notification) {
-    show(*notification->task(), notification->progress());
+    const std::lock_guard<std::mutex> lock(_mutex);
+    show(notification->task()->name(), notification->progress());
 }
 
 // POCO passes on ten reports a second at most; the last one may have been left out.
 void Progress::onFinished(const Poco::AutoPtr<Poco::TaskFinishedNotification>& notification) {
+    const std::lock_guard<std::mutex> lock(_mutex);
     const Poco::Task& task = *notification->task();
-    if (task.progress() <= 0) return;
-    show(task, task.progress());
+    if (_shown != task.name()) return;
+    if (!task.isCancelled()) show(task.name(), 1);
     if (_terminal) std::cout << std::endl;
+    _shown.clear();
     _quarter = 0;
 }
 
-void Progress::show(const Poco::Task& task, float progress) {
-    const std::string text = std::to_string(percent(progress)) + " %  " + task.name();
+void Progress::show(const std::string& name, float progress) {
+    _shown = name;
+    const std::string text = std::to_string(percent(progress)) + " %  " + name;
     if (_terminal) {
         std::cout << "\r" << bar(progress) << " " << text << "\033[K" << std::flush;
     } else if (const int quarter = percent(progress) / 25; quarter > _quarter) {

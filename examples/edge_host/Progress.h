@@ -3,6 +3,7 @@
 #include <Poco/TaskNotification.h>
 #include <common/ThreadPool.h>
 
+#include <mutex>
 #include <string>
 
 /// Shows the progress of a manager's tasks on standard output: as a bar on a terminal, else as a
@@ -17,9 +18,13 @@ public:
 private:
     void onProgress(const Poco::AutoPtr<Poco::TaskProgressNotification>& notification);
     void onFinished(const Poco::AutoPtr<Poco::TaskFinishedNotification>& notification);
-    void show(const Poco::Task& task, float progress);
+    void show(const std::string& name, float progress);
 
     kel::TaskManager& _tasks;
     const bool _terminal;
-    int _quarter = 0;  // shown last
+
+    std::mutex _mutex;
+    // Guarded by _mutex.
+    std::string _shown;  // the task shown last; "" if it has ended
+    int _quarter = 0;
 };

@@ -17,6 +17,7 @@
 #include <Poco/Ascii.h>
 #include <Poco/AsyncChannel.h>
 #include <Poco/ConsoleChannel.h>
+#include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <Poco/FileChannel.h>
 #include <Poco/FormattingChannel.h>
@@ -72,6 +73,7 @@ private:
 // What the logger writes to between two set-ups.
 struct Chain {
     ChannelPtr head;
+    ChannelPtr file;
     std::vector<Poco::AutoPtr<Poco::AsyncChannel>> writers;
 
     void drain() const {
@@ -114,10 +116,22 @@ ChannelPtr fileChannel(const std::string& path) {
     return file;
 }
 
-Chain buildChain(const std::string& path, Writing writing) {
+// Windows opens no file for two writers: while the file in use is still there, the next chain may
+// go on with it. A file that was removed is opened anew or is an error.
+ChannelPtr openedOrKept(const std::string& path) {
+    try {
+        return fileChannel(path);
+    } catch (const Poco::FileException&) {
+        if (path != state().chainPath || !Poco::File(path).exists()) throw;
+        return state().chain.file;
+    }
+}
+
+Chain buildChain(ChannelPtr file, Writing writing) {
     Chain chain;
+    chain.file = std::move(file);
     Poco::AutoPtr<Poco::SplitterChannel> splitter(new Poco::SplitterChannel);
-    for (const ChannelPtr& sink : {consoleChannel(), fileChannel(path)}) {
+    for (const ChannelPtr& sink : {consoleChannel(), chain.file}) {
         ChannelPtr tolerant(new TolerantChannel(sink));
         if (writing == Writing::kInBackground) {
             chain.writers.emplace_back(new Poco::AsyncChannel(tolerant, Poco::Thread::PRIO_LOWEST));
@@ -172,7 +186,7 @@ void setUp() {
     const std::lock_guard<std::mutex> oneSetup(s.setupMutex);
     const std::string baseName = lowerBaseName();
     const std::string path = logFilePathFor(baseName);
-    exchangeChain(buildChain(path, Writing::kInBackground));
+    exchangeChain(buildChain(openedOrKept(path), Writing::kInBackground));
     s.chainPath = path;
     attachLogger(baseName + "_logger");
     const std::lock_guard<std::mutex> lock(s.nameMutex);
@@ -185,7 +199,7 @@ void writeAtOnceFromNowOn() {
     State& s = state();
     const std::lock_guard<std::mutex> oneSetup(s.setupMutex);
     if (s.chain.writers.empty()) return;
-    exchangeChain(buildChain(s.chainPath, Writing::kAtOnce));
+    exchangeChain(buildChain(s.chain.file, Writing::kAtOnce));
 }
 
 // Owns the refresh thread. One object per process, from the library's load to deleteLogger().

@@ -30,6 +30,7 @@
 #include "ThreadPool.h"
 #include "Utils.h"
 #include "internal/CallbackGate.h"
+#include "internal/ConnectTurn.h"
 #include "internal/ExitHooks.h"
 #include "internal/InFlightWindow.h"
 #include "internal/Log.h"
@@ -110,56 +111,31 @@ void runConnectInBackground(const std::function<void()>& task) {
     }
 }
 
-// The library ends its receive thread when a disconnect leaves no connection, also under a connect
-// that another client has just begun, which then waits for nobody until its time-out. A connect
-// shows as one a moment after it began, so waiting a little is enough.
-class ConnectTurn {
-public:
-    explicit ConnectTurn(std::chrono::milliseconds patience) {
-        std::unique_lock<std::mutex> lock(state().mutex);
-        _mine = state().freed.wait_for(lock, patience, [] { return !state().taken; });
-        if (_mine) state().taken = true;
-    }
-
-    ~ConnectTurn() {
-        if (!_mine) return;
-        const std::lock_guard<std::mutex> lock(state().mutex);
-        state().taken = false;
-        state().freed.notify_one();
-    }
-
-    ConnectTurn(const ConnectTurn&) = delete;
-    ConnectTurn& operator=(const ConnectTurn&) = delete;
-
-private:
-    struct State {
-        std::mutex mutex;
-        std::condition_variable freed;
-        bool taken = false;  // guarded by mutex
-    };
-
-    static State& state() {
-        static auto* instance = new State;
-        return *instance;
-    }
-
-    bool _mine = false;
-};
-
+// A connect that has begun shows as one to the library after a moment, so waiting a little is
+// enough.
 int disconnect(MQTTClient handle) {
     const ConnectTurn turn(kHandlerPatience);
     return MQTTClient_disconnect(handle, kDisconnectTimeoutMs);
 }
 
-// Needs no client any more. Without a session there is nothing to disconnect.
 void destroyHandle(MQTTClient handle, CallbackGate::Ticket ticket) {
+    MQTTClient_destroy(&handle);
+    gate().retire(ticket);
+}
+
+// Needs no client any more. Without a session there is nothing to disconnect; while another client
+// connects, the library would make us wait for that.
+void disposeOfHandle(MQTTClient handle, CallbackGate::Ticket ticket) {
     if (MQTTClient_isConnected(handle)) {
         const int rc = disconnect(handle);
         if (rc != 0) log.error(format("Failed to disconnect, return code %d", rc));
         gate().quiesce(ticket, kForever);
     }
-    MQTTClient_destroy(&handle);
-    gate().retire(ticket);
+    if (const ConnectTurn turn(0ms); turn) {
+        destroyHandle(handle, ticket);
+    } else {
+        runOnHelper([handle, ticket] { destroyHandle(handle, ticket); });
+    }
 }
 
 MQTTClient_connectOptions connectOptions(const std::string& username, const std::string& password) {
@@ -285,8 +261,9 @@ MqttClient::MqttClient(std::string address, std::string clientId, std::string us
     Create_l();
 }
 
+// Needs no lock: nobody else has the object any more. It may run inside the library's callback,
+// which holds the library's own.
 MqttClient::~MqttClient() {
-    const std::lock_guard<std::mutex> lock(_client_mutex);
     closeHandle();
 }
 
@@ -323,7 +300,7 @@ void MqttClient::createHandle() {
     if (rc != 0) log.error(format("Failed to set disconnect callbacks, return code %d", rc));
 }
 
-// A handle with a callback in progress, perhaps the caller's own, is destroyed later elsewhere.
+// A handle with a callback in progress, perhaps the caller's own, is disposed of elsewhere.
 void MqttClient::closeHandle() {
     const MQTTClient handle = _mqtt_client.exchange(nullptr);
     if (!handle) return;
@@ -331,12 +308,12 @@ void MqttClient::closeHandle() {
     _in_flight->close();
     gate().closeSession(ticket);
     if (!CallbackGate::onLibraryThread() && gate().quiesce(ticket, kHandlerPatience)) {
-        destroyHandle(handle, ticket);
+        disposeOfHandle(handle, ticket);
         return;
     }
     runOnHelper([handle, ticket] {
         gate().quiesce(ticket, kForever);
-        destroyHandle(handle, ticket);
+        disposeOfHandle(handle, ticket);
     });
 }
 

@@ -6,6 +6,7 @@
 
 #include "ThreadPool.h"
 
+#include <Poco/Event.h>
 #include <Poco/Exception.h>
 #include <Poco/Format.h>
 #include <Poco/RefCountedObject.h>
@@ -38,8 +39,7 @@ public:
 
     void run() override {
         const Poco::AutoPtr<RunnableAdapter> self(this, true);
-        _begun = true;
-        _begun.notify_all();
+        _begun.set();
         struct Report {
             RunnableAdapter& adapter;
             ~Report() { adapter.finish(); }
@@ -47,7 +47,7 @@ public:
         callFunc();
     }
 
-    void waitUntilBegun() const { _begun.wait(false); }
+    void waitUntilBegun() { _begun.wait(); }
 
     bool finished() const { return _finished; }
 
@@ -70,7 +70,8 @@ private:
 
     std::function<void()> _func;
     std::weak_ptr<ThreadPool> _pool;
-    std::atomic<bool> _begun{false};
+    // Not std::atomic's wait(), which can miss its notification with GCC 12 on Windows.
+    Poco::Event _begun{Poco::Event::EVENT_MANUALRESET};
     std::atomic<bool> _finished{false};
 };
 
@@ -136,7 +137,7 @@ void ThreadPool::stop() {
         accepted = _adapters;
     }
     // POCO drops a task that a thread has been given but has not taken up yet.
-    for (const auto& adapter : accepted) adapter->waitUntilBegun();
+    for (auto& adapter : accepted) adapter->waitUntilBegun();
     accepted.clear();
     stopAll();
     const Poco::FastMutex::ScopedLock lock(_mutex);

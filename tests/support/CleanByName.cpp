@@ -1,12 +1,11 @@
-// Reads a name from standard input and calls cleanProcessByName() with it.
+// Calls cleanProcessByName() with what it reads from the pipe argv[1].
 
-#include <iostream>
-#include <string>
+#include <fstream>
+#include <iterator>
 
 #include "common/Utils.h"
 
-int main() {
-    std::string name;
-    std::getline(std::cin, name);
-    kel::cleanProcessByName(name);
+int main(int, char** argv) {
+    std::ifstream name(argv[1]);
+    kel::cleanProcessByName({std::istreambuf_iterator<char>(name), {}});
 }

@@ -15,44 +15,49 @@
 #include "CapturedLog.h"
 #include "common/MqttClient++.h"
 
-/// What handlers have received, as "topic payload".
+/// What handlers have received, as "topic payload". The handlers share it: one that has been
+/// handed to a thread may run after its client has gone.
 class Inbox {
 public:
     kel::MqttClient::MessageHandler handler() {
-        return [this](MQTTClient_message* message, const std::string& topic) {
-            add(topic, std::string(static_cast<char*>(message->payload),
-                                   static_cast<std::size_t>(message->payloadlen)));
+        return [inbox = *this](MQTTClient_message* message, const std::string& topic) mutable {
+            inbox.add(topic, std::string(static_cast<char*>(message->payload),
+                                         static_cast<std::size_t>(message->payloadlen)));
         };
     }
 
     void add(const std::string& topic, const std::string& payload) {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        _entries.push_back(topic + " " + payload);
-        _changed.notify_all();
+        const std::lock_guard<std::mutex> lock(_state->mutex);
+        _state->entries.push_back(topic + " " + payload);
+        _state->changed.notify_all();
     }
 
     /// Waits for `count` entries that contain `text`; false after 20 s.
     bool await(const std::string& text, std::size_t count = 1) {
-        std::unique_lock<std::mutex> lock(_mutex);
-        return _changed.wait_for(lock, std::chrono::seconds(20),
-                                 [&] { return countOf(text) >= count; });
+        std::unique_lock<std::mutex> lock(_state->mutex);
+        return _state->changed.wait_for(lock, std::chrono::seconds(20),
+                                        [&] { return _state->countOf(text) >= count; });
     }
 
     std::size_t count(const std::string& text) {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        return countOf(text);
+        const std::lock_guard<std::mutex> lock(_state->mutex);
+        return _state->countOf(text);
     }
 
 private:
-    std::size_t countOf(const std::string& text) const {
-        return static_cast<std::size_t>(std::count_if(
-            _entries.begin(), _entries.end(),
-            [&](const std::string& entry) { return entry.find(text) != std::string::npos; }));
-    }
+    struct State {
+        std::size_t countOf(const std::string& text) const {
+            return static_cast<std::size_t>(std::count_if(
+                entries.begin(), entries.end(),
+                [&](const std::string& entry) { return entry.find(text) != std::string::npos; }));
+        }
 
-    std::mutex _mutex;
-    std::condition_variable _changed;
-    std::vector<std::string> _entries;
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::vector<std::string> entries;
+    };
+
+    std::shared_ptr<State> _state = std::make_shared<State>();
 };
 
 /// A broker, the log, and clients of it.
