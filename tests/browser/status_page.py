@@ -177,7 +177,7 @@ class StatusPage(unittest.TestCase):
             self.feed("/plant1/sensors/line-3/temperature",
                       *[json.dumps({"sensor": "T-3", "value": 20 + value}) for value in values])
             self.browser.run("new Promise(done => setTimeout(done, 1000))")
-        for name, width, height, dark in (("phone", 390, 844, False), ("status", 1180, 860, False),
+        for name, width, height, dark in (("phone", 390, 844, False), ("status", 1180, 780, False),
                                           ("dark", 1180, 860, True)):
             with self.subTest(name):
                 self.browser.show_as(width, height, dark)
