@@ -148,7 +148,8 @@ Web::Web(const Settings& settings)
 
 void Web::start(const std::shared_ptr<Node>& node) {
     _node = node;
-    registerRoutes();
+    registerViews();
+    registerActions();
     _api->start(_socket);
     replaceBuiltIns();
     poco_notice(hostLog(), "status page: http://" + _socket.address().toString() + "/status");
@@ -158,7 +159,7 @@ void Web::stop() {
     _api->stop();
 }
 
-void Web::registerRoutes() {
+void Web::registerViews() {
     list("/status", "GET", "the status page");
     _api->apiRegist("/status", [](auto& request, auto& response, auto&) {
         Object refusal;
@@ -171,7 +172,9 @@ void Web::registerRoutes() {
     get(kApi + "messages", "the last messages; ?limit=20", &Web::messages);
     get(kApi + "settings", "the configuration without its secrets", &Web::settings);
     get(kApi + "log", "the log's last lines; ?lines=40", &Web::log);
+}
 
+void Web::registerActions() {
     const std::weak_ptr<Web> weak = weak_from_this();
     list(kApi + "on_server_started", "GET", "takes the report of another process's web hook");
     _api->apiRegist(kApi + "on_server_started",

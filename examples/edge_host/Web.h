@@ -34,7 +34,8 @@ private:
     using Params = kel::WebApiBasic::ApiParams;
     using Object = Poco::JSON::Object;
 
-    void registerRoutes();
+    void registerViews();
+    void registerActions();
     void replaceBuiltIns();
     void get(const std::string& path, const std::string& what,
              void (Web::*fill)(const Params&, Object&));
