@@ -4,6 +4,7 @@ PRESET ?= debug
 help:
 	@echo "make demo          install what is missing, build, show two processes talk; KEEP=1 goes on until Ctrl-C"
 	@echo "make test          install what is missing, build, run all tests; PRESET=debug|release|asan|tsan"
+	@echo "make test-browser  the same for the status page, in a headless Chromium (100 MB to install)"
 	@echo "make bench         messages per second over a broker of its own"
 	@echo "make build         build everything; PRESET as above"
 	@echo "make test-windows  install what is missing, run the Windows platform file under Wine"
@@ -17,6 +18,9 @@ demo:
 test:
 	@scripts/install-deps
 	@scripts/test $(PRESET)
+
+test-browser:
+	@scripts/test-browser
 
 build:
 	@scripts/install-deps
@@ -36,4 +40,4 @@ format:
 clean:
 	rm -rf build
 
-.PHONY: help demo test bench build test-windows format clean
+.PHONY: help demo test test-browser bench build test-windows format clean

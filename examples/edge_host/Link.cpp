@@ -8,6 +8,7 @@
 
 #include "HostLog.h"
 #include "LinkNotification.h"
+#include "Secrets.h"
 
 namespace {
 
@@ -23,11 +24,26 @@ Link::Link(const Settings& settings)
                                               settings.username, settings.password)) {}
 
 void Link::onJson(const std::string& topic, int qos, kel::MqttClient::JsonMessageHandler handler) {
-    _subscriptions.push_back([=] { _client->Subscribe(handler, topic, qos); });
+    auto noting = [weak = weak_from_this(), handler](const Poco::JSON::Object& message,
+                                                     const std::string& from) {
+        if (const auto self = weak.lock()) self->_traffic.note(Traffic::kReceived, from, message);
+        handler(message, from);
+    };
+    _subscriptions.push_back(
+        [=] { _client->Subscribe(kel::MqttClient::JsonMessageHandler(noting), topic, qos); });
 }
 
 void Link::onRaw(const std::string& topic, int qos, kel::MqttClient::MessageHandler handler) {
-    _subscriptions.push_back([=] { _client->Subscribe(handler, topic, qos); });
+    auto noting = [weak = weak_from_this(), handler](MQTTClient_message* message,
+                                                     const std::string& from) {
+        if (const auto self = weak.lock()) {
+            self->_traffic.note(Traffic::kReceived, from, static_cast<char*>(message->payload),
+                                static_cast<std::size_t>(message->payloadlen));
+        }
+        handler(message, from);
+    };
+    _subscriptions.push_back(
+        [=] { _client->Subscribe(kel::MqttClient::MessageHandler(noting), topic, qos); });
 }
 
 void Link::open() {
@@ -54,6 +70,7 @@ void Link::close() {
 bool Link::publish(const std::string& payload, const std::string& topic, int qos) {
     const bool accepted = _client->PublishMessage(payload, topic, qos, 0, 0);
     ++(accepted ? _accepted[qos] : _refused);
+    if (accepted) _traffic.note(Traffic::kSent, topic, payload.data(), payload.size());
     return accepted;
 }
 
@@ -63,6 +80,19 @@ std::string Link::summary() const {
         "connection lost %u times",
         _accepted[0].load(), _accepted[1].load(), _accepted[2].load(), _confirmed.load(),
         _refused.load(), _losses.load());
+}
+
+Poco::JSON::Object::Ptr Link::state() const {
+    Poco::JSON::Object::Ptr state(new Poco::JSON::Object);
+    Poco::JSON::Array::Ptr accepted(new Poco::JSON::Array);
+    for (const auto& count : _accepted) accepted->add(count.load());
+    state->set("address", withoutSecrets(_address));
+    state->set("connected", _up.load());
+    state->set("losses", _losses.load());
+    state->set("accepted", accepted);
+    state->set("confirmed", _confirmed.load());
+    state->set("refused", _refused.load());
+    return state;
 }
 
 // True asks for another attempt in 4 seconds.

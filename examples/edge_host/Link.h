@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Settings.h"
+#include "Traffic.h"
 
 /// One broker connection that comes back by itself, with its subscriptions and the count of what
 /// was published and confirmed. Posts a LinkNotification whenever it comes or goes. Threads: any,
@@ -37,6 +38,13 @@ public:
     /// One line for the log.
     std::string summary() const;
 
+    /// The same for the web API: "address", "connected", "losses", "accepted" by QoS, "confirmed"
+    /// and "refused".
+    Poco::JSON::Object::Ptr state() const;
+
+    /// The messages of the subscriptions and those that were published.
+    const Traffic& traffic() const { return _traffic; }
+
 private:
     bool connected(int code);
     bool lost(const std::string& cause);
@@ -44,6 +52,7 @@ private:
 
     const std::string _address;
     const std::shared_ptr<kel::MqttClient> _client;
+    Traffic _traffic;
     std::vector<std::function<void()>> _subscriptions;  // complete before open()
 
     std::atomic<bool> _closing{false};

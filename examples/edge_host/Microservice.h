@@ -7,10 +7,11 @@ class Microservice : public Node {
 public:
     using Node::Node;
 
+    Poco::JSON::Object::Ptr state() const override;
+
 private:
     void sayHello() override;
     void subscribe() override;
-    Poco::JSON::Object::Ptr state() const override;
 
     void onAlarm(MQTTClient_message* alarm, const std::string& topic);
 

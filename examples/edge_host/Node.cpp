@@ -24,6 +24,7 @@ Node::Node(const Settings& settings)
 void Node::start() {
     handle(_ownTopic + "/requests", 1, &Node::onRequest);
     handle(_ownTopic + "/answers", 2, &Node::onAnswer);
+    handle(testTopic(), 1, &Node::onTest);
     subscribe();
     _link->open();
 }

@@ -28,15 +28,21 @@ public:
     /// Asks the peer for its state; without a connection it does nothing.
     void askPeer();
 
+    /// What the role has counted so far. Threads: any.
+    virtual Poco::JSON::Object::Ptr state() const = 0;
+
+    /// The connection, to publish on and to look at.
+    Link& link() const { return *_link; }
+
+    /// What is published to this topic comes back and does nothing.
+    std::string testTopic() const { return _ownTopic + "/test"; }
+
 protected:
     /// What the role sends along with each request.
     virtual void sayHello() {}
 
     /// Registers the role's own handlers.
     virtual void subscribe() = 0;
-
-    /// What the role has counted so far.
-    virtual Poco::JSON::Object::Ptr state() const = 0;
 
     /// Registers `method` of the role; the handler does nothing once the role has gone.
     template <typename Role, typename Message>
@@ -58,6 +64,7 @@ protected:
 
 private:
     void onRequest(const Poco::JSON::Object& request, const std::string& topic);
+    void onTest(const Poco::JSON::Object&, const std::string&) {}
     void onAnswer(const Poco::JSON::Object& answer, const std::string& topic);
     bool isBusTopic(const std::string& topic) const;
 

@@ -7,9 +7,10 @@ class Server : public Node {
 public:
     using Node::Node;
 
+    Poco::JSON::Object::Ptr state() const override;
+
 private:
     void subscribe() override;
-    Poco::JSON::Object::Ptr state() const override;
 
     void onTelemetry(const Poco::JSON::Object& reading, const std::string& topic);
     void onPresence(const Poco::JSON::Object& presence, const std::string& topic);

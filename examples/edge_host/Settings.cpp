@@ -16,6 +16,9 @@ void put(Store& store, const std::string& key, double value) {
 void put(Store& store, const std::string& key, int value) {
     store.setInt(key, value);
 }
+void put(Store& store, const std::string& key, std::uint16_t value) {
+    store.setUInt(key, value);
+}
 
 // Raw: "${" in a password is no reference.
 std::string get(Store& store, const std::string& key, const std::string&) {
@@ -26,6 +29,11 @@ double get(Store& store, const std::string& key, double) {
 }
 int get(Store& store, const std::string& key, int) {
     return store.getInt(key);
+}
+std::uint16_t get(Store& store, const std::string& key, std::uint16_t) {
+    const unsigned port = store.getUInt(key);
+    if (port > 0xFFFF) throw Poco::RangeException("no port", std::to_string(port));
+    return static_cast<std::uint16_t>(port);
 }
 
 }  // namespace
@@ -42,6 +50,8 @@ void Settings::visit(Self& self, Visitor&& visitor) {
     visitor("topics.bus", self.busTopic);
     visitor("alarms.limit", self.alarmLimit);
     visitor("bus.askEveryMs", self.askEvery);
+    visitor("http.address", self.webAddress);
+    visitor(kel::http::kPort.c_str(), self.webPort);
     visitor("scan.folder", self.scanFolder);
 }
 

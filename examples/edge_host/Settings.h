@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 /// The host's own settings, kept in the same file as the library's.
@@ -19,6 +20,11 @@ struct Settings {
 
     double alarmLimit = 90;
     int askEvery = 1000;  // milliseconds; 0: never
+
+    // The web API has no passwords: at another address than the loopback one, whoever reaches the
+    // port can publish. Port 0 takes any that is free.
+    std::string webAddress = "127.0.0.1";
+    std::uint16_t webPort = 9528;
 
     std::string scanFolder;  // log files below it are counted at start; "" for none
 

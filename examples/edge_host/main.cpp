@@ -2,7 +2,7 @@
 // services and stops them again:
 //
 //   loadLogging, the defaults on the empty store, loadConfig, then the services;
-//   tasks, connections, saveConfig where settings changed, stopLibrary, deleteLogger.
+//   web API, tasks, connections, saveConfig where settings changed, stopLibrary, deleteLogger.
 
 #include <Poco/Util/HelpFormatter.h>
 #include <Poco/Util/Option.h>
@@ -13,6 +13,7 @@
 #include <common/Logger.h>
 #include <common/Shutdown.h>
 #include <common/ThreadPool.h>
+#include <common/WebHookBasic.h>
 
 #include <csignal>
 #include <iostream>
@@ -25,6 +26,7 @@
 #include "Progress.h"
 #include "Server.h"
 #include "Settings.h"
+#include "Web.h"
 
 namespace {
 
@@ -117,6 +119,7 @@ Settings EdgeHost::loadSettings() {
     Settings settings;
     if (!_role.empty()) settings.role = _role;
     settings.clientId = "edge-" + settings.role;
+    if (settings.role != "server") ++settings.webPort;  // both roles on one machine
     writeDefaults(settings);
     kel::loadConfig();
     settings.load();
@@ -139,15 +142,19 @@ void startTasks(kel::TaskManager& tasks, const Settings& settings,
 }
 
 void EdgeHost::serve(const Settings& settings) {
+    const auto web = std::make_shared<Web>(settings);  // first: with its port taken all is in vain
     const Outages outages;
     const std::shared_ptr<Node> node = makeNode(settings);
     node->start();
+    web->start(node);
+    kel::WebHookBasic::defaultWebHook()->reportServerKeepalive();  // the first report at once
     kel::TaskManager tasks;
     const Progress progress(tasks);
     startTasks(tasks, settings, node);
     poco_notice(hostLog(), settings.role + " is up");
     waitForTerminationRequest();
     poco_notice(hostLog(), settings.role + " is shutting down");
+    web->stop();
     tasks.cancelAll();
     tasks.joinAll();
     node->stop();

@@ -1,4 +1,5 @@
-// The smallest host that uses every part of the library. It greets itself over the broker.
+// The smallest host that uses every part of the library. It greets itself over the broker and
+// reports to its own web API that it has started.
 #include <Poco/Event.h>
 #include <Poco/Logger.h>
 #include <common/Config.h>
@@ -8,19 +9,34 @@
 #include <common/Shutdown.h>
 #include <common/ThreadPool.h>
 #include <common/Utils.h>
+#include <common/WebApiBasic.h>
+#include <common/WebHookBasic.h>
 
 static void say(const std::string& text, int line) {
     Poco::Logger::get(kel::logName()).information(text, __FILE__, line);
 }
 
 int main() {
-    static Poco::Event heard(Poco::Event::EVENT_MANUALRESET);  // handlers may outlive main()
+    // Handlers may outlive main().
+    static Poco::Event heard(Poco::Event::EVENT_MANUALRESET), reported;
 
     kel::loadLogging();     // console and ~/.local/share/kelhost/minimal_host-<date>.log
     kel::initHttpOption();  // defaults for the empty store, which become the file ...
     kel::configInstance().setString("mqtt.address", "tcp://127.0.0.1:1883");
+    kel::configInstance().setBool("hook.enable", true);  // to port 9528 of this machine
     kel::loadConfig();  // ... unless there is a ~/.config/kelhost/minimal_host.json
     const std::string broker = kel::configInstance().getString("mqtt.address", "127.0.0.1");
+
+    Poco::Net::ServerSocket socket;
+    socket.bind({"127.0.0.1", 9528}, true, false);  // throws if the port is taken
+    socket.listen();
+    auto web = kel::WebApiBasic::instance();
+    web->apiRegist("/index/api/on_server_started", [](auto&, auto&, auto&, auto& result) {
+        result.set("code", 0);
+        reported.set();
+    });
+    web->start(socket);
+    kel::WebHookBasic::defaultWebHook()->reportServerStarted();
 
     // Any part of the host can listen to any other, without knowing it.
     auto& center = kel::NotificationCenter::defaultCenter();
@@ -47,8 +63,9 @@ int main() {
             bus->PublishMessage(kel::jsonToString(hello), "/kelbus/minimal/hello", 1, 0, 0);
         }
     });
-    const bool answered = heard.tryWait(10000);
+    const bool answered = heard.tryWait(10000) && reported.tryWait(10000);
 
+    web->stop();
     bus->Disconnect();
     bus.reset();
     kel::stopLibrary();   // waits for the threads of the library
