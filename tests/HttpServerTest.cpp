@@ -1,5 +1,6 @@
 #include <Poco/Exception.h>
 #include <Poco/NumberFormatter.h>
+#include <common/HttpServer.h>
 #include <common/WebApiBasic.h>
 #include <gtest/gtest.h>
 
@@ -203,4 +204,26 @@ TEST_F(WebApi, IsSafeToChangeUnderLoad) {
     }
     done = true;
     api->stop();  // which ends the clients' connections
+}
+
+TEST_F(WebApi, LetsGoWhatCallbacksCapturedAtOnceAndWithNoLockHeld) {
+    int gone = 0;
+    const auto whenGone = [&](std::function<void()> stop) {
+        return [held = std::shared_ptr<void>(nullptr, [&gone, stop](void*) { stop(), ++gone; })](
+                   auto&, auto&, const auto&...) {};
+    };
+    api->stop();
+    for (const char* path : {"/", "/other"}) {
+        api->apiRegist(path, kel::WebApiBasic::ApiHandler(whenGone([&] { api->stop(); })));
+    }
+    start();  // replaces one, whose end forgets the other
+    EXPECT_EQ(2, gone);
+
+    const auto make = [](kel::HttpServer::Callback callback) {
+        const ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", 0));
+        return kel::HttpServer::createInstance(socket, new Poco::Net::HTTPServerParams, callback);
+    };
+    auto inner = make(nullptr);
+    make(whenGone([&] { inner.reset(); }));
+    EXPECT_EQ(nullptr, inner);
 }

@@ -1,9 +1,10 @@
 // HttpClient.cpp - requests as tasks of the process-wide pool.
 //
 // A task owns everything it needs (its form excepted, which the caller keeps) and nothing of the
-// client, so that the client may go first. While a request waits for its reply its session is on a
-// process-wide list, through which the end of the process cuts off what takes too long: a thread
-// that a slow peer keeps busy would otherwise still run while POCO's static objects go.
+// client, so that the client may go first. Each counts as under way from its submission, and while
+// it is connected its session is on a process-wide list. The end of the process waits for those
+// under way, and cuts off what takes too long: a thread that a slow peer keeps busy would otherwise
+// still run while POCO's static objects go.
 
 #include "HttpClient.h"
 
@@ -41,30 +42,32 @@ const Poco::Timespan::TimeDiff kTransferTimeout = 10 * Poco::Timespan::SECONDS;
 constexpr std::chrono::seconds kExitGrace(5);
 
 // Never destroyed: tasks use it until the last one has ended.
-struct Waiting {
+struct UnderWay {
     std::mutex mutex;
     // Guarded by mutex.
+    int tasks = 0;
     std::set<HTTPClientSession*> sessions;
     bool stopped = false;
 
-    std::condition_variable left;
+    std::condition_variable ended;
 };
 
-void stopWaiting();
+void stopRequests();
 
-Waiting& waiting() {
-    static Waiting& instance = []() -> Waiting& {
-        onLibraryStop(ExitStage::kRequests, &stopWaiting);
-        return *new Waiting;
+UnderWay& underWay() {
+    static UnderWay& instance = []() -> UnderWay& {
+        onLibraryStop(ExitStage::kRequests, &stopRequests);
+        return *new UnderWay;
     }();
     return instance;
 }
 
-void stopWaiting() {
-    std::unique_lock<std::mutex> lock(waiting().mutex);
-    waiting().left.wait_for(lock, kExitGrace, [] { return waiting().sessions.empty(); });
-    waiting().stopped = true;
-    for (HTTPClientSession* session : waiting().sessions) {
+void stopRequests() {
+    UnderWay& all = underWay();
+    std::unique_lock<std::mutex> lock(all.mutex);
+    all.ended.wait_for(lock, kExitGrace, [&] { return all.tasks == 0 && all.sessions.empty(); });
+    all.stopped = true;
+    for (HTTPClientSession* session : all.sessions) {
         try {
             session->socket().shutdown();
         } catch (const Poco::Exception&) {
@@ -73,23 +76,45 @@ void stopWaiting() {
     }
 }
 
-class WaitingSession {
+// Counts as a task under way while it exists.
+class CountedTask {
 public:
-    explicit WaitingSession(HTTPClientSession& session) : _session(session) {
-        const std::lock_guard<std::mutex> lock(waiting().mutex);
-        if (waiting().stopped) throw Poco::IllegalStateException("the process is ending");
-        waiting().sessions.insert(&_session);
+    CountedTask() {
+        const std::lock_guard<std::mutex> lock(underWay().mutex);
+        ++underWay().tasks;
     }
-    ~WaitingSession() {
-        const std::lock_guard<std::mutex> lock(waiting().mutex);
-        waiting().sessions.erase(&_session);
-        waiting().left.notify_all();
+    ~CountedTask() {
+        const std::lock_guard<std::mutex> lock(underWay().mutex);
+        --underWay().tasks;
+        underWay().ended.notify_all();
     }
-    WaitingSession(const WaitingSession&) = delete;
-    WaitingSession& operator=(const WaitingSession&) = delete;
+    CountedTask(const CountedTask&) = delete;
+    CountedTask& operator=(const CountedTask&) = delete;
+};
 
-private:
-    HTTPClientSession& _session;
+void submit(std::function<void()> task) {
+    ThreadPool::defaultPool().start(
+        [task = std::move(task), counted = std::make_shared<CountedTask>()] { task(); });
+}
+
+// On the list from before its first byte goes out.
+class ListedSession : public HTTPClientSession {
+public:
+    using HTTPClientSession::HTTPClientSession;
+
+    ~ListedSession() override {
+        const std::lock_guard<std::mutex> lock(underWay().mutex);
+        underWay().sessions.erase(this);
+        underWay().ended.notify_all();
+    }
+
+protected:
+    void connect(const Poco::Net::SocketAddress& address) override {
+        HTTPClientSession::connect(address);
+        const std::lock_guard<std::mutex> lock(underWay().mutex);
+        if (underWay().stopped) throw Poco::IllegalStateException("the process is ending");
+        underWay().sessions.insert(this);
+    }
 };
 
 Poco::URI parseUrl(const std::string& url) {
@@ -116,11 +141,10 @@ template <typename Send>
 void exchange(const std::string& url, const std::string& method,
               const HttpClient::ResponseCallback& callback, Send&& send) {
     const Poco::URI uri = parseUrl(url);
-    HTTPClientSession session(uri.getHost(), uri.getPort());
+    ListedSession session(uri.getHost(), uri.getPort());
     session.setTimeout(kConnectTimeout, kTransferTimeout, kTransferTimeout);
     HTTPRequest request(method, requestTarget(uri), HTTPMessage::HTTP_1_1);
     send(session, request);
-    const WaitingSession listed(session);
     HTTPResponse response;
     std::istream& body = session.receiveResponse(response);
     if (callback) callback(response.getStatus(), body);
@@ -177,21 +201,20 @@ HttpClient::HttpClient() : _thread_pool(new ThreadPool(1, 32, 60, 0)) {}
 HttpClient::~HttpClient() = default;
 
 void HttpClient::doHttpRequest(std::string url, std::string body, ResponseCallback callback) {
-    ThreadPool::defaultPool().start(
-        [url = std::move(url), body = std::move(body), callback = std::move(callback)] {
-            postJson(url, body, callback);
-        });
+    submit([url = std::move(url), body = std::move(body), callback = std::move(callback)] {
+        postJson(url, body, callback);
+    });
 }
 
 void HttpClient::doHttpRequest(std::string url, Poco::Net::HTMLForm& form,
                                ResponseCallback callback) {
-    ThreadPool::defaultPool().start([url = std::move(url), &form, callback = std::move(callback)] {
+    submit([url = std::move(url), &form, callback = std::move(callback)] {
         postForm(url, form, callback);
     });
 }
 
 void HttpClient::doHttpRequest(std::string url, ResponseCallback callback) {
-    ThreadPool::defaultPool().start([url = std::move(url), callback = std::move(callback)] {
+    submit([url = std::move(url), callback = std::move(callback)] {
         reportingFailure(url, callback, [&] { do_http_request(url, callback); });
     });
 }

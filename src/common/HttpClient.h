@@ -14,8 +14,9 @@
 
 namespace kel {
 
-/// Sends one-shot HTTP/1.1 requests: one plain TCP connection each, at most 2 s to connect and 10 s
-/// for each send and receive.
+/// Sends one-shot HTTP/1.1 requests: one plain TCP connection each, at most 2 s to connect once the
+/// name is resolved, and 10 s for each send and receive. A request as a whole has no bound: a peer
+/// that sends a byte every few seconds keeps it, and its thread, for as long as it goes on.
 ///
 /// Errors: what goes wrong with a request (a URL that does not parse, an "https" URL, an
 /// unreachable or silent server, a reply that is no HTTP, a Poco::Exception out of the callback) is

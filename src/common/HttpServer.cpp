@@ -1,18 +1,19 @@
 // HttpServer.cpp - one callback behind POCO's HTTP server.
 //
 // POCO's connection threads outlive the server object: a request in progress, or a client that
-// keeps its connection open, holds a thread of POCO's default pool. Each connection also holds the
-// handler factory. So a process-wide list keeps the factories of all servers, living and gone,
-// until their last connection has ended; through it the end of the process closes what is still
+// keeps its connection open, holds a thread of POCO's default pool. A server and its connections
+// share one handler factory, which goes, and the callback with it, when the last of them does.
+// Until then it is on a process-wide list; through it the end of the process closes what is still
 // open, after the callbacks in progress have returned. Otherwise POCO, which joins its pool at
 // exit, would wait 10 s for each idle connection and then carry on without it.
+//
+// No lock is held while what a callback captured is destroyed: that may stop a server in turn.
 
 #include "HttpServer.h"
 
 #include <Poco/Exception.h>
 #include <Poco/Net/HTTPRequestHandler.h>
 #include <Poco/Net/HTTPRequestHandlerFactory.h>
-#include <Poco/SharedPtr.h>
 #include <Poco/ThreadPool.h>
 
 #include <chrono>
@@ -54,7 +55,8 @@ bool bodyConsumed(Poco::Net::HTTPServerRequest& request) {
 
 class HttpServer::RequestHandlerFactory : public Poco::Net::HTTPRequestHandlerFactory {
 public:
-    explicit RequestHandlerFactory(Callback callback) : _callback(std::move(callback)) {}
+    explicit RequestHandlerFactory(Callback callback);
+    ~RequestHandlerFactory() override;
 
     Poco::Net::HTTPRequestHandler* createRequestHandler(
         const Poco::Net::HTTPServerRequest&) override;
@@ -70,8 +72,8 @@ private:
 struct HttpServer::Process {
     std::mutex mutex;
     // Guarded by mutex.
-    std::set<HttpServer*> servers;
-    std::list<Poco::SharedPtr<RequestHandlerFactory>> factories;
+    std::list<std::weak_ptr<HttpServer>> servers;
+    std::set<RequestHandlerFactory*> factories;
     int callbacks = 0;  // in progress
     Clock::time_point lastCallback;
 
@@ -87,6 +89,12 @@ struct HttpServer::Process {
         --callbacks;
         lastCallback = Clock::now();
         callbackEnded.notify_all();
+    }
+
+    void add(const std::shared_ptr<HttpServer>& server) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        servers.remove_if([](const auto& earlier) { return earlier.expired(); });
+        servers.push_back(server);
     }
 };
 
@@ -110,6 +118,17 @@ private:
     Callback _callback;
 };
 
+HttpServer::RequestHandlerFactory::RequestHandlerFactory(Callback callback)
+    : _callback(std::move(callback)) {
+    const std::lock_guard<std::mutex> lock(process().mutex);
+    process().factories.insert(this);
+}
+
+HttpServer::RequestHandlerFactory::~RequestHandlerFactory() {
+    const std::lock_guard<std::mutex> lock(process().mutex);
+    process().factories.erase(this);
+}
+
 Poco::Net::HTTPRequestHandler* HttpServer::RequestHandlerFactory::createRequestHandler(
     const Poco::Net::HTTPServerRequest&) {
     return new RequestHandler(_callback);
@@ -126,49 +145,50 @@ HttpServer::Process& HttpServer::process() {
 std::shared_ptr<HttpServer> HttpServer::createInstance(
     const Poco::Net::ServerSocket& socket, Poco::AutoPtr<Poco::Net::HTTPServerParams> params,
     Callback callback) {
-    return std::shared_ptr<HttpServer>(new HttpServer(socket, params, std::move(callback)));
+    const std::shared_ptr<HttpServer> server(new HttpServer(socket, params, std::move(callback)));
+    process().add(server);
+    return server;
 }
 
 HttpServer::HttpServer(const Poco::Net::ServerSocket& socket,
                        Poco::AutoPtr<Poco::Net::HTTPServerParams> params, Callback callback)
     : _server(nullptr) {
     provideThreads();
-    const Poco::SharedPtr<RequestHandlerFactory> factory(
+    const Poco::Net::HTTPRequestHandlerFactory::Ptr factory(
         new RequestHandlerFactory(std::move(callback)));
-    const std::lock_guard<std::mutex> lock(process().mutex);
-    process().factories.remove_if([](const auto& held) { return held.referenceCount() == 1; });
-    process().factories.push_back(factory);
-    process().servers.insert(this);
     _server = new Poco::Net::HTTPServer(factory, socket, params);
 }
 
 HttpServer::~HttpServer() {
-    const std::lock_guard<std::mutex> lock(process().mutex);
-    process().servers.erase(this);
     delete _server;
     _server = nullptr;
 }
 
 void HttpServer::start() {
-    const std::lock_guard<std::mutex> lock(process().mutex);
+    const std::lock_guard<std::mutex> lock(_mutex);
     if (_server) _server->start();
 }
 
 void HttpServer::stop() {
-    const std::lock_guard<std::mutex> lock(process().mutex);
+    const std::lock_guard<std::mutex> lock(_mutex);
     if (_server) _server->stop();
 }
 
 void HttpServer::stopAll() {
     Process& all = process();
     std::unique_lock<std::mutex> lock(all.mutex);
-    for (HttpServer* server : all.servers) server->_server->stop();
+    const auto servers = all.servers;
+    lock.unlock();
+    for (const auto& held : servers) {
+        if (const auto server = held.lock()) server->stop();
+    }
+    lock.lock();
     all.callbackEnded.wait_for(lock, kCallbackGrace, [&] { return all.callbacks == 0; });
-    const auto factories = all.factories;
     const Clock::time_point written = all.lastCallback + kReplyGrace;
     lock.unlock();
     std::this_thread::sleep_until(written);
-    for (auto factory : factories) factory->closeConnections();
+    lock.lock();
+    for (auto* factory : all.factories) factory->closeConnections();
 }
 
 }  // namespace kel

@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 
 #include "Export.h"
 
@@ -21,7 +22,8 @@ namespace kel {
 /// The callback runs on many threads at once. Where it sends nothing, the client gets no reply and
 /// its connection is closed. A Poco::Exception out of it is answered with status 500 if nothing was
 /// sent before; after any other exception the connection is closed. A connection whose request body
-/// was not read to its end is closed after the reply.
+/// was not read to its end is closed after the reply. What the callback captured goes with the
+/// server or, if that is later, with its last connection.
 /// Threads: any, also from the callback. At the end of the process requests in progress get up to
 /// 10 s to finish; idle connections are closed.
 class KEL_API HttpServer {
@@ -60,7 +62,8 @@ private:
     static Process& process();
     static void stopAll();
 
-    Poco::Net::HTTPServer* _server;
+    Poco::Net::HTTPServer* _server;  // started and stopped under _mutex
+    std::mutex _mutex;
 };
 
 }  // namespace kel

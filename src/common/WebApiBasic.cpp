@@ -2,7 +2,8 @@
 //
 // A request takes its handler out of the table under the lock and calls it without. The handler is
 // shared, not copied, so that state which a handler captured by value is the same in every request;
-// whoever replaces or forgets a route does not disturb the requests that have begun.
+// whoever replaces or forgets a route does not disturb the requests that have begun. What handlers
+// captured is destroyed with no lock held: that may stop the web API in turn.
 
 #include "WebApiBasic.h"
 
@@ -138,14 +139,15 @@ void WebApiBasic::apiRegist(std::string path, ApiJsonBodyHandler handler) {
 }
 
 void WebApiBasic::start(const Poco::Net::ServerSocket& socket) {
+    Route formerRoot, formerList;  // declared before the lock: they go after it
     const std::lock_guard<std::mutex> lifecycle(_lifecycle_mutex);
     {
         const std::lock_guard<std::mutex> lock(_mutex);
         if (_server) throw Poco::LogicException();
     }
     const auto noReply = [](HTTPServerRequest&, HTTPServerResponse&, const ApiParams&) {};
-    store("/", noReply);
-    store("/index/api/getApiList", noReply);
+    formerRoot = store("/", noReply);
+    formerList = store("/index/api/getApiList", noReply);
     const auto server = HttpServer::createInstance(
         socket, new Poco::Net::HTTPServerParams,
         [this](HTTPServerRequest& request, HTTPServerResponse& response) {
@@ -161,17 +163,18 @@ void WebApiBasic::start(const Poco::Net::ServerSocket& socket) {
 }
 
 void WebApiBasic::stop() {
+    std::map<std::string, Route> forgotten;  // declared before the locks: it goes after them
     const std::lock_guard<std::mutex> lifecycle(_lifecycle_mutex);
     if (const auto server = exchangeServer(nullptr)) server->stop();
-    std::map<std::string, Route> forgotten;  // what the handlers captured goes without the lock
     const std::lock_guard<std::mutex> lock(_mutex);
     forgotten.swap(_apis);
 }
 
-void WebApiBasic::store(std::string path, ApiHandler handler) {
+WebApiBasic::Route WebApiBasic::store(std::string path, ApiHandler handler) {
     auto route = std::make_shared<const ApiHandler>(std::move(handler));
     const std::lock_guard<std::mutex> lock(_mutex);
-    _apis[std::move(path)].swap(route);  // so that the earlier one goes without the lock
+    _apis[std::move(path)].swap(route);
+    return route;
 }
 
 std::shared_ptr<HttpServer> WebApiBasic::exchangeServer(std::shared_ptr<HttpServer> server) {

@@ -103,7 +103,8 @@ private:
 
     using Route = std::shared_ptr<const ApiHandler>;
 
-    void store(std::string path, ApiHandler handler);
+    /// @return the route that was there before.
+    Route store(std::string path, ApiHandler handler);
     void dispatch(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response);
     std::shared_ptr<HttpServer> exchangeServer(std::shared_ptr<HttpServer> server);
 

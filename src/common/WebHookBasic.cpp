@@ -22,6 +22,7 @@ using HTTPStatus = Poco::Net::HTTPResponse::HTTPStatus;
 namespace {
 
 constexpr long kKeepalivePeriod = 10000;  // milliseconds
+constexpr int kMaxTimers = 1 << 20;       // no limit: a process has fewer threads
 
 bool hookEnabled() {
     return configInstance().getBool("hook.enable", false);
@@ -71,7 +72,7 @@ Timers& timers() {
 }
 
 Poco::ThreadPool& timerPool() {
-    static auto& instance = *new Poco::ThreadPool("hook", 1, 32);
+    static auto& instance = *new Poco::ThreadPool("hook", 1, kMaxTimers);
     return instance;
 }
 
@@ -108,6 +109,8 @@ void WebHookBasic::reportServerKeepalive() {
     const std::lock_guard<std::mutex> lock(timers().mutex);
     if (!registered || timers().stopped) return;
     timers().hooks.insert(this);
+    _timer = nullptr;  // ends a tick in progress
+    _report.reset();
     _timer = new Poco::Timer(0, kKeepalivePeriod);
     _timer->start(Poco::TimerCallback<WebHookBasic>(*this, &WebHookBasic::onTimer), timerPool());
 }
@@ -119,11 +122,15 @@ void WebHookBasic::doHttpRequest(std::string url, Callback callback) {
         });
 }
 
-// What it throws ends in POCO's timer, which carries on; the pool has logged a refused request.
+// A peer that drips its reply holds a thread for as long as it likes: one, not one more each time.
+// What this throws ends in POCO's timer, which carries on; the pool has logged a refused request.
 void WebHookBasic::onTimer(Poco::Timer&) {
     static const bool enable = hookEnabled();
     static const std::string& url = *new std::string(startedUrl());
-    if (enable && !url.empty()) doHttpRequest(url, ignoreReply);
+    if (!enable || url.empty() || !_report.expired()) return;
+    const auto report = std::make_shared<char>();
+    _report = report;
+    doHttpRequest(url, [report](auto, auto&) {});  // which keeps it until the request has ended
 }
 
 void WebHookBasic::stopTimers() {

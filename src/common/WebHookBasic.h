@@ -44,12 +44,15 @@ public:
     void reportServerStarted();
 
     /// Sends a report at once and every 10 s from then on, until the hook is released. Another
-    /// call begins anew. A report that finds no free thread is left out.
+    /// call begins anew. A report is left out while the one before is still under way, or when
+    /// there is no free thread for it.
     /// @throws Poco::SyntaxException  "hook.enable" is neither true nor false.
     void reportServerKeepalive();
 
     /// GETs `url` in the background, on a thread of ThreadPool::defaultPool(), which also runs the
-    /// callback. A callback that throws is called a second time, with an empty object.
+    /// callback. A callback that throws over an object is called again with an empty one. A
+    /// Poco::Exception that it throws over a reply's empty object counts as a failed request: one
+    /// error line in the log, and a last call with status 400. What else it throws is logged.
     /// @throws Poco::NoThreadAvailableException  as HttpClient::doHttpRequest().
     void doHttpRequest(std::string url, Callback callback);
 
@@ -61,6 +64,7 @@ private:
 
     std::shared_ptr<HttpClient> _http_client;
     Poco::SharedPtr<Poco::Timer> _timer;
+    std::weak_ptr<void> _report;  // expires when the last keep-alive has ended
 };
 
 }  // namespace kel

@@ -1,5 +1,6 @@
-// A host that ends with everything under way: argv[1] is the URL its hook reports to. It prints its
-// port and ends when "/exit" has been requested; that request's handler returns later.
+// A host that ends with everything under way: argv[1] is the URL its hook reports to, argv[2] that
+// of a peer which takes a request in slowly. It prints its port and ends when "/exit" has been
+// requested; that request's handler returns later.
 
 #include <Poco/Exception.h>
 #include <common/Config.h>
@@ -31,7 +32,9 @@ int main(int, char** argv) {
     });
     api->start(socket);
     kel::WebHookBasic::defaultWebHook()->reportServerKeepalive();
-    kel::HttpClient::defaultHttpClient()->doHttpRequest(argv[1], "{}", nullptr);
+    const auto client = kel::HttpClient::defaultHttpClient();
+    client->doHttpRequest(argv[1], "{}", nullptr);
+    client->doHttpRequest(argv[2], std::string(64 << 20, ' '), nullptr);
     std::cout << "port " << socket.address().port() << std::endl;
     exiting.get_future().wait();
     return 0;
