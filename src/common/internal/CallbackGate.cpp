@@ -87,8 +87,8 @@ bool CallbackGate::Visit::release(char* topic, MQTTClient_message* message) {
 // Asks the library without our lock, since it calls us with its own held.
 bool CallbackGate::Visit::beginReading(std::unique_lock<std::mutex>& lock) {
     Link& link = _gate._links[_ticket];
+    link.reading = true;  // no further publisher enters
     _gate._changed.wait_for(lock, kPublishPatience, [&] { return link.calls == 0; });
-    link.reading = true;
     const MQTTClient handle = link.handle;
     lock.unlock();
     const bool connected = MQTTClient_isConnected(handle);
