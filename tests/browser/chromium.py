@@ -60,8 +60,14 @@ class Chromium:
             self.call(domain + ".enable")
 
     def close(self):
-        self._process.kill()
-        self._process.wait()
+        # Asked, not killed: its helper processes would go on writing to the profile for a moment.
+        self._session = None
+        try:
+            self.call("Browser.close")
+            self._process.wait(PATIENCE)
+        finally:
+            self._process.kill()
+            self._process.wait()
         os.close(self._to)
         os.close(self._from)
         shutil.rmtree(self._profile, ignore_errors=True)
