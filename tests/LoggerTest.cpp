@@ -6,7 +6,9 @@
 #include <Poco/Logger.h>
 #include <Poco/RegularExpression.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -15,6 +17,8 @@
 #include <fstream>
 #include <future>
 #include <vector>
+
+#include "common/Shutdown.h"
 
 namespace fs = std::filesystem;
 
@@ -124,6 +128,23 @@ TEST(Logger, AFailedSetUpChangesNothingAndTheNextHealsWhatBroke) {
     hostLogger().information("healed");
     kel::deleteLogger();
     EXPECT_EQ(1, countOf("healed"));
+}
+
+TEST(Logger, AConsoleThatTakesNothingHoldsUpNeitherTheFileNorTheEnd) {
+    int pipe[2];
+    ASSERT_EQ(0, ::pipe(pipe));
+    const int saved[] = {::dup(1), ::dup(2)};
+    for (int fd : {1, 2}) ::dup2(pipe[1], fd);
+    kel::loadLogging();
+    logNumbered(0, 3000);  // more than the pipe holds
+    kel::loadLogging();
+    logNumbered(1, 10);
+    kel::stopLibrary();
+    for (int fd : {1, 2}) ::dup2(saved[fd - 1], fd);
+    EXPECT_EQ(1, countOf("thread 0 line 2999"));
+    EXPECT_EQ(1, countOf("thread 1 line 9"));
+    ::signal(SIGPIPE, SIG_IGN);
+    ::close(pipe[0]);  // lets the writer go
 }
 
 TEST(LoggerDeathTest, ProcessEndLosesNoLine) {

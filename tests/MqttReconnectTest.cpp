@@ -221,10 +221,16 @@ TEST_F(MqttReconnectTest, MayBeReleasedInEveryStateOfTheLoss) {
 
 // A scripted broker: what it answers to CONNECT, then it closes.
 TEST_F(MqttReconnectTest, GoesOnWithABrokerThatClosesAtOnce) {
+    const std::string accepted("\x20\x02\x00\x00", 4);
+    const std::string unasked(
+        "\x30\x05\x00\x01"
+        "a{}",
+        7);  // a message without a subscription
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"", "Failed to connect, return code"},
         {"garbage", "Failed to connect, return code"},
-        {std::string("\x20\x02\x00\x00", 4), "connection lost"},  // accepted
+        {accepted, "connection lost"},
+        {accepted + unasked + unasked, "connection lost"},
     };
     for (const auto& [answer, line] : cases) {
         SCOPED_TRACE(line);

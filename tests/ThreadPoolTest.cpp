@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -104,6 +105,21 @@ TEST(ThreadPool, StopRunsWhatOthersGotAcceptedAndRefusesTheRest) {
         EXPECT_THROW(submitter.get(), Poco::IllegalStateException);
         ASSERT_EQ(accepted, done);
     }
+}
+
+TEST(ThreadPool, IsDestroyedByItsOwnerAndNotByATaskThatEnds) {
+    const auto threads = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+    };
+    const auto before = threads();
+    for (int round = 0; round < 500; ++round) {
+        auto pool = std::make_shared<ThreadPool>(1, 1);
+        std::promise<void> done;
+        pool->start([&] { done.set_value(); });
+        done.get_future().wait();
+        pool.reset();
+    }
+    EXPECT_EQ(before, threads());
 }
 
 TEST(ThreadPoolDeathTest, ProcessEndsCleanlyWithWorkInHand) {

@@ -9,6 +9,8 @@
 //     does not touch the message either. A publisher that waits in there for room is not waited
 //     for; should it find the connection gone at that very moment, the library's own heap check is
 //     what is left.
+//   - What a broker sends before it has been asked for anything is freed by the connect itself, so
+//     messages are taken only some time (kSettle) after that.
 //   - A message is freed in two steps: its payload at once, the rest when the next callback shows
 //     that the library has forgotten it. What is in doubt when the connection is lost, a topic and
 //     an empty record, is given up.
@@ -61,6 +63,7 @@ std::optional<CallbackGate::Message> CallbackGate::Visit::copy(const char* topic
     if (!_client) return {};
     std::unique_lock<std::mutex> lock(_gate._mutex);
     Link& link = _gate._links[_ticket];
+    if (link.phase != Phase::kOpen) return {};
     free(link.spent);
     _session = link.session;
     std::optional<Message> copy;
@@ -134,6 +137,7 @@ void CallbackGate::openSession(Ticket ticket, MQTTClient handle, std::weak_ptr<M
 }
 
 void CallbackGate::acceptMessages(Ticket ticket) {
+    std::this_thread::sleep_for(kSettle);
     const std::lock_guard<std::mutex> lock(_mutex);
     Link& link = _links[ticket];
     if (link.phase == Phase::kConnecting) link.phase = Phase::kOpen;
