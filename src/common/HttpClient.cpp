@@ -163,26 +163,33 @@ void reportingFailure(const std::string& url, const HttpClient::ResponseCallback
     }
 }
 
+template <typename Send>
+void post(const std::string& url, const HttpClient::ResponseCallback& callback, Send&& send) {
+    reportingFailure(url, callback, [&] {
+        exchange(url, HTTPRequest::HTTP_POST, callback,
+                 [&](HTTPClientSession& session, HTTPRequest& request) {
+                     session.setKeepAlive(true);
+                     send(session, request);
+                 });
+    });
+}
+
 void postJson(const std::string& url, const std::string& body,
               const HttpClient::ResponseCallback& callback) {
-    const auto send = [&](HTTPClientSession& session, HTTPRequest& request) {
-        session.setKeepAlive(true);
+    post(url, callback, [&](HTTPClientSession& session, HTTPRequest& request) {
         request.setContentType("application/json");
         request.setContentLength(static_cast<std::streamsize>(body.size()));
         session.sendRequest(request) << body << std::flush;
-    };
-    reportingFailure(url, callback, [&] { exchange(url, HTTPRequest::HTTP_POST, callback, send); });
+    });
 }
 
 void postForm(const std::string& url, Poco::Net::HTMLForm& form,
               const HttpClient::ResponseCallback& callback) {
-    const auto send = [&](HTTPClientSession& session, HTTPRequest& request) {
-        session.setKeepAlive(true);
+    post(url, callback, [&](HTTPClientSession& session, HTTPRequest& request) {
         request.setContentType(form.getEncoding());
         form.prepareSubmit(request, 0);
         form.write(session.sendRequest(request));
-    };
-    reportingFailure(url, callback, [&] { exchange(url, HTTPRequest::HTTP_POST, callback, send); });
+    });
 }
 
 }  // namespace

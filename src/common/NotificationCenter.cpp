@@ -12,7 +12,6 @@
 
 #include <Poco/AbstractObserver.h>
 #include <Poco/Exception.h>
-#include <Poco/Mutex.h>
 #include <Poco/NotificationCenter.h>
 
 #include <condition_variable>
@@ -129,14 +128,8 @@ NotificationCenter::~NotificationCenter() {
 }
 
 NotificationCenter& NotificationCenter::defaultCenter() {
-    struct Holder {
-        NotificationCenter* center = nullptr;
-        Poco::FastMutex mutex;
-    };
-    static auto* holder = new Holder;
-    const Poco::FastMutex::ScopedLock lock(holder->mutex);
-    if (!holder->center) holder->center = new NotificationCenter;
-    return *holder->center;
+    static auto& center = *new NotificationCenter;
+    return center;
 }
 
 void NotificationCenter::addObserver(std::shared_ptr<Observer> observer) {

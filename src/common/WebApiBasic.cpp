@@ -56,10 +56,6 @@ void prepareJsonReply(HTTPServerResponse& response) {
     response.setContentType("application/json");
 }
 
-void sendResult(HTTPServerResponse& response, const Poco::JSON::Object& result) {
-    if (result.size() > 0) result.stringify(response.send(), 0, -1);
-}
-
 // POCO up to 1.14 takes a body without a length to end with the connection, which would hold the
 // thread until the client goes.
 bool hasBody(const HTTPServerRequest& request) {
@@ -95,6 +91,19 @@ void WebApiBasic::bodyNotFound(HTTPServerResponse& response) {
     response.send() << R"({"code": -1, "msg": "body not found or cannot be resolved to json"})";
 }
 
+// What both JSON shapes do; `body` is the object of the one that takes it.
+template <typename Handler, typename... Body>
+void WebApiBasic::answerJson(const Handler& handler, HTTPServerRequest& request,
+                             HTTPServerResponse& response, const ApiParams& params,
+                             const Body&... body) {
+    if (!handler) return apiNotFound(response);
+    loggingFailure([&] {
+        Poco::JSON::Object result;
+        handler(request, response, params, result, *body...);
+        if (result.size() > 0) result.stringify(response.send(), 0, -1);
+    });
+}
+
 void WebApiBasic::apiRegist(std::string path) {
     store(std::move(path), [](HTTPServerRequest&, HTTPServerResponse& response, const ApiParams&) {
         apiSuccess(response);
@@ -112,12 +121,7 @@ void WebApiBasic::apiRegist(std::string path, ApiJsonHandler handler) {
           [handler = std::move(handler)](HTTPServerRequest& request, HTTPServerResponse& response,
                                          const ApiParams& params) {
               prepareJsonReply(response);
-              if (!handler) return apiNotFound(response);
-              loggingFailure([&] {
-                  Poco::JSON::Object result;
-                  handler(request, response, params, result);
-                  sendResult(response, result);
-              });
+              answerJson(handler, request, response, params);
           });
 }
 
@@ -128,13 +132,8 @@ void WebApiBasic::apiRegist(std::string path, ApiJsonBodyHandler handler) {
                                          const ApiParams& params) {
               prepareJsonReply(response);
               const Poco::JSON::Object::Ptr body = jsonBody(request);
-              if (!body) bodyNotFound(response);
-              if (!handler) return apiNotFound(response);
-              loggingFailure([&] {
-                  Poco::JSON::Object result;
-                  handler(request, response, params, result, *body);
-                  sendResult(response, result);
-              });
+              if (!body) bodyNotFound(response);  // in case the parser ever gives none
+              answerJson(handler, request, response, params, body);
           });
 }
 

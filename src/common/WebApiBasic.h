@@ -82,10 +82,9 @@ public:
     /// The server runs with POCO's default parameters: 16 connections are served at a time (the
     /// capacity of Poco::ThreadPool::defaultPool()), 64 more wait, further ones are closed at once.
     /// A connection holds its thread while it is open: up to 60 s before its first request, 15 s
-    /// between requests. Measured with 200 connections that sent nothing: 120 were closed at once,
-    /// new clients were turned away until the others had gone, and a client whose connection was
-    /// served already had each of 2000 requests answered within 7 ms. Where strangers can reach
-    /// the port, put a proxy that limits connections in front.
+    /// between requests, and without bound while a body comes in slowly. New clients are turned
+    /// away meanwhile; those already served are not slowed down. Where strangers can reach the
+    /// port, put a proxy that limits connections in front.
     /// @throws Poco::LogicException  it is serving already; nothing changes.
     void start(const Poco::Net::ServerSocket& socket);
 
@@ -100,6 +99,11 @@ private:
     static void apiNotFound(Poco::Net::HTTPServerResponse& response);
     static void apiSuccess(Poco::Net::HTTPServerResponse& response);
     static void bodyNotFound(Poco::Net::HTTPServerResponse& response);
+
+    template <typename Handler, typename... Body>
+    static void answerJson(const Handler& handler, Poco::Net::HTTPServerRequest& request,
+                           Poco::Net::HTTPServerResponse& response, const ApiParams& params,
+                           const Body&... body);
 
     using Route = std::shared_ptr<const ApiHandler>;
 
