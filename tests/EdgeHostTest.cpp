@@ -293,6 +293,11 @@ TEST(EdgeHost, PublishesForItsOwnPageOnly) {
     host.start({"--role=server", "--default=mqtt.address=" + broker.address()});
     const int port = host.webPort();
     ASSERT_TRUE(host.awaitLog("Success to subscribe topic /plant1/sensors/#"));
+    const std::string first = R"({"topic":"/plant1/first","message":{}})";
+    ASSERT_TRUE(await([&] {
+        const auto post = request("POST", "/index/api/publish", kLocal + kJson, first);
+        return statusOf(rawExchange(port, post)) == "200";
+    }));
     const std::string forged = R"({"topic":"/plant1/sensors/a","message":{"sensor":"forged"}})";
     const std::string wanted = R"({"topic":"/plant1/sensors/a","message":{"sensor":"wanted"}})";
     struct Case {

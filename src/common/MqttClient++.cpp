@@ -395,12 +395,9 @@ bool MqttClient::askAfterConnect(int rc) {
 }
 
 void MqttClient::beginSession(const SubscribeMap& restored) {
-    {
-        const std::lock_guard<std::mutex> lock(_client_mutex);
-        _connected = true;
-        // The connection may have gone already; connlost has then cleared the flag too early.
-        if (!MQTTClient_isConnected(_mqtt_client)) _connected = false;
-    }
+    _connected = true;
+    // The connection may have gone already; connlost has then cleared the flag too early.
+    if (!gate().inSession(_ticket)) _connected = false;
     for (const auto& [topic, handlers] : restored) {
         for (const MessageHandler& handler : handlers) Subscribe(handler, topic, 0);
     }

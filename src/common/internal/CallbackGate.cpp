@@ -143,6 +143,12 @@ void CallbackGate::acceptMessages(Ticket ticket) {
     if (link.phase == Phase::kConnecting) link.phase = Phase::kOpen;
 }
 
+bool CallbackGate::inSession(Ticket ticket) {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    const auto link = _links.find(ticket);
+    return link != _links.end() && link->second.phase != Phase::kClosed;
+}
+
 void CallbackGate::closeSession(Ticket ticket) {
     const std::lock_guard<std::mutex> lock(_mutex);
     const auto entry = _links.find(ticket);

@@ -84,6 +84,9 @@ public:
     /// The connect has returned and the session is not over yet: its messages are taken.
     void acceptMessages(Ticket ticket);
 
+    /// Whether the session that began last is not over yet.
+    bool inSession(Ticket ticket);
+
     /// The session is over or about to end: its messages are left to the library from now on.
     void closeSession(Ticket ticket);
 
