@@ -210,32 +210,6 @@ TEST(EdgeHost, TwoRolesTalkAndCountWhatWasDelivered) {
     EXPECT_TRUE(server.awaitLog(R"("alarms":1,"odd":1,)"));
 }
 
-TEST(EdgeHost, NoticesTheLossOfItsBroker) {
-    Broker broker;
-    EdgeHost host;
-    host.start({"--role=server", "--default=mqtt.address=" + broker.address()});
-    ASSERT_TRUE(host.awaitLog("connected to tcp://127.0.0.1:"));
-    broker.kill();
-    EXPECT_TRUE(host.awaitLog("outage 1: lost the broker"));
-    host.signal(SIGTERM);
-    EXPECT_EQ(0, host.exitCode());
-}
-
-TEST(EdgeHost, ScansAFolderAndSurvivesOneThatIsMissing) {
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {EDGE_HOST_SOURCES, "0 log files; 0 folders"},
-        {"/no/such/folder", "scan of /no/such/folder: "},
-    };
-    for (const auto& [folder, says] : cases) {
-        SCOPED_TRACE(folder);
-        EdgeHost host;
-        host.start({"--default=scan.folder=" + folder});
-        EXPECT_TRUE(host.awaitLog(says));
-        host.signal(SIGTERM);
-        EXPECT_EQ(0, host.exitCode());
-    }
-}
-
 std::string request(const std::string& method, const std::string& target,
                     const std::string& headers, const std::string& body = "") {
     return method + " " + target + " HTTP/1.1\r\n" + headers +
@@ -335,16 +309,6 @@ TEST(EdgeHost, PublishesForItsOwnPageOnly) {
         rawExchange(port, request("GET", "/index/api/messages?limit=100", kLocal));
     EXPECT_NE(std::string::npos, messages.find("wanted"));
     EXPECT_EQ(std::string::npos, messages.find("forged")) << messages;
-}
-
-TEST(EdgeHost, ReportsItselfToAnotherProcess) {
-    EdgeHost server, microservice;
-    microservice.start({"--role=microservice"});
-    const std::string api =
-        "http://127.0.0.1:" + std::to_string(microservice.webPort()) + "/index/api/";
-    server.start({"--role=server", "--default=hook.enable=true",
-                  "--default=hook.on_server_started=" + api + "on_server_started"});
-    EXPECT_TRUE(microservice.awaitLog("report 1 of a server at 127.0.0.1"));
 }
 
 TEST(EdgeHost, EndsWithOneLineWhereItsPortIsTaken) {

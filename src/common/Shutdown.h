@@ -4,9 +4,10 @@
 
 namespace kel {
 
-/// Stops every thread the library owns: MQTT reconnections, the MQTT and the default thread pool,
-/// the logging threads, in this order. Work that has begun is finished; a task that does not end
-/// within POCO's 10 s join time-out is left behind. Nothing may be started afterwards.
+/// Stops every thread the library owns, in this order: MQTT reconnections and messages; HTTP
+/// requests, servers and hook timers; the default thread pool; the logging threads. Work that has
+/// begun is finished; what does not end within some 10 s for each of these is left behind, logged.
+/// Nothing may be started afterwards, and MQTT callbacks no longer reach the host.
 ///
 /// On Linux this happens by itself when the process ends. On Windows a static destructor must not
 /// join a thread (the loader lock is held), so a host that unloads the library, or wants its last

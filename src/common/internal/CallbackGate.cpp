@@ -58,6 +58,35 @@ CallbackGate::Visit::~Visit() {
     --visitsOfThisThread;
 }
 
+// The moment in which a callback touches a message; made and ended under the gate's lock. Asks the
+// library without it, since that calls us with its own held.
+class CallbackGate::Reading {
+public:
+    Reading(CallbackGate& gate, std::unique_lock<std::mutex>& lock, Link& link, unsigned session)
+        : _gate(gate), _link(link) {
+        link.reading = true;  // no further publisher enters
+        gate._changed.wait_for(lock, kPublishPatience, [&] { return link.calls == 0; });
+        const MQTTClient handle = link.handle;
+        lock.unlock();
+        const bool connected = MQTTClient_isConnected(handle);
+        lock.lock();
+        _allowed = connected && link.phase == Phase::kOpen && link.session == session;
+    }
+    ~Reading() {
+        _link.reading = false;
+        _gate._changed.notify_all();
+    }
+    Reading(const Reading&) = delete;
+    Reading& operator=(const Reading&) = delete;
+
+    explicit operator bool() const { return _allowed; }
+
+private:
+    CallbackGate& _gate;
+    Link& _link;
+    bool _allowed = false;
+};
+
 std::optional<CallbackGate::Message> CallbackGate::Visit::copy(const char* topic,
                                                                const MQTTClient_message* message) {
     if (!_client) return {};
@@ -66,42 +95,21 @@ std::optional<CallbackGate::Message> CallbackGate::Visit::copy(const char* topic
     if (link.phase != Phase::kOpen) return {};
     free(link.spent);
     _session = link.session;
-    std::optional<Message> copy;
-    if (beginReading(lock)) {
-        copy = Message{topic, std::string(static_cast<const char*>(message->payload),
-                                          static_cast<std::size_t>(message->payloadlen))};
-    }
-    endReading(lock);
-    return copy;
+    const Reading reading(_gate, lock, link, _session);
+    if (!reading) return {};
+    return Message{topic, std::string(static_cast<const char*>(message->payload),
+                                      static_cast<std::size_t>(message->payloadlen))};
 }
 
 bool CallbackGate::Visit::release(char* topic, MQTTClient_message* message) {
     std::unique_lock<std::mutex> lock(_gate._mutex);
-    const bool mine = beginReading(lock);
-    if (mine) {
-        MQTTClient_free(std::exchange(message->payload, nullptr));
-        message->payloadlen = 0;
-        _gate._links[_ticket].spent = {topic, message, Clock::now()};
-    }
-    endReading(lock);
-    return mine;
-}
-
-// Asks the library without our lock, since it calls us with its own held.
-bool CallbackGate::Visit::beginReading(std::unique_lock<std::mutex>& lock) {
     Link& link = _gate._links[_ticket];
-    link.reading = true;  // no further publisher enters
-    _gate._changed.wait_for(lock, kPublishPatience, [&] { return link.calls == 0; });
-    const MQTTClient handle = link.handle;
-    lock.unlock();
-    const bool connected = MQTTClient_isConnected(handle);
-    lock.lock();
-    return connected && link.phase == Phase::kOpen && link.session == _session;
-}
-
-void CallbackGate::Visit::endReading(std::unique_lock<std::mutex>&) {
-    _gate._links[_ticket].reading = false;
-    _gate._changed.notify_all();
+    const Reading reading(_gate, lock, link, _session);
+    if (!reading) return false;
+    MQTTClient_free(std::exchange(message->payload, nullptr));
+    message->payloadlen = 0;
+    link.spent = {topic, message, Clock::now()};
+    return true;
 }
 
 CallbackGate::Call::Call(CallbackGate& gate, Ticket ticket) : _gate(gate), _ticket(ticket) {

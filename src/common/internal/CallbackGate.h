@@ -49,9 +49,6 @@ public:
         bool release(char* topic, MQTTClient_message* message);
 
     private:
-        bool beginReading(std::unique_lock<std::mutex>& lock);
-        void endReading(std::unique_lock<std::mutex>& lock);
-
         CallbackGate& _gate;
         const Ticket _ticket;
         std::shared_ptr<MqttClient> _client;
@@ -123,6 +120,8 @@ private:
         bool reading = false;
         Spent spent;
     };
+
+    class Reading;
 
     static void free(Spent& spent);
 
