@@ -527,6 +527,7 @@ void MqttClient::Subscribe_l(const MessageHandler& handler, const std::string& t
     } else if (!MQTTClient_isConnected(handle)) {
         log.error(format("Failed to subscribe topic %s, _mqtt_client is not connected", topic));
     } else {
+        const CallbackGate::Call call(gate(), _ticket, CallbackGate::Call::Kind::kAwaitsAnswer);
         const int rc = topics::isValidFilter(topic)
                            ? MQTTClient_subscribe(handle, topic.c_str(), qos)
                            : MQTTCLIENT_FAILURE;
@@ -560,6 +561,7 @@ bool MqttClient::unsubscribeAtBroker(const std::string& topic) {
         log.information("mqtt is not connected!");
         return true;
     }
+    const CallbackGate::Call call(gate(), _ticket, CallbackGate::Call::Kind::kAwaitsAnswer);
     const int rc = topics::isValidFilter(topic) ? MQTTClient_unsubscribe(handle, topic.c_str())
                                                 : MQTTCLIENT_FAILURE;
     if (rc == 0) {
@@ -618,7 +620,7 @@ int MqttClient::publishOnce(const std::string& payload, const std::string& topic
     const std::lock_guard<std::mutex> lock(_client_mutex);
     const MQTTClient handle = _mqtt_client;
     if (!handle) return MQTTCLIENT_FAILURE;
-    const CallbackGate::Call call(gate(), _ticket);
+    const CallbackGate::Call call(gate(), _ticket, CallbackGate::Call::Kind::kPublish);
     // Asked for the token, the library reads it after the acknowledgement may have freed it.
     return MQTTClient_publishMessage(handle, topic.c_str(), &message, nullptr);
 }

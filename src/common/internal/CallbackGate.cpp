@@ -12,8 +12,8 @@
 //   - What a broker sends before it has been asked for anything is freed by the connect itself, so
 //     messages are taken only some time (kSettle) after that.
 //   - A message is freed in two steps: its payload at once, the rest when the next callback shows
-//     that the library has forgotten it. What is in doubt when the connection is lost, a topic and
-//     an empty record, is given up.
+//     that the library has forgotten it. Where a publisher may have found the connection gone just
+//     after a callback, the rest, a topic and an empty record, is in doubt and given up.
 //   - We end a session, and then destroy the handle, only after its callbacks have returned and
 //     the library has had kSettle to come back from them.
 
@@ -21,7 +21,6 @@
 
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "../MqttClient++.h"
 
@@ -65,7 +64,7 @@ public:
     Reading(CallbackGate& gate, std::unique_lock<std::mutex>& lock, Link& link, unsigned session)
         : _gate(gate), _link(link) {
         link.reading = true;  // no further publisher enters
-        gate._changed.wait_for(lock, kPublishPatience, [&] { return link.calls == 0; });
+        gate._changed.wait_for(lock, kPublishPatience, [&] { return link.publishing == 0; });
         const MQTTClient handle = link.handle;
         lock.unlock();
         const bool connected = MQTTClient_isConnected(handle);
@@ -112,16 +111,22 @@ bool CallbackGate::Visit::release(char* topic, MQTTClient_message* message) {
     return true;
 }
 
-CallbackGate::Call::Call(CallbackGate& gate, Ticket ticket) : _gate(gate), _ticket(ticket) {
+CallbackGate::Call::Call(CallbackGate& gate, Ticket ticket, Kind kind)
+    : _gate(gate), _ticket(ticket), _kind(kind) {
     std::unique_lock<std::mutex> lock(_gate._mutex);
-    Link& link = _gate._links[_ticket];
+    const Link& link = _gate._links[_ticket];
     _gate._changed.wait(lock, [&] { return !link.reading; });
-    ++link.calls;
+    ++count();
 }
 
 CallbackGate::Call::~Call() {
     const std::lock_guard<std::mutex> lock(_gate._mutex);
-    if (--_gate._links[_ticket].calls == 0) _gate._changed.notify_all();
+    if (--count() == 0) _gate._changed.notify_all();
+}
+
+int& CallbackGate::Call::count() const {
+    Link& link = _gate._links[_ticket];
+    return _kind == Kind::kPublish ? link.publishing : link.awaiting;
 }
 
 bool CallbackGate::onLibraryThread() {
@@ -163,11 +168,9 @@ void CallbackGate::closeSession(Ticket ticket) {
     if (entry == _links.end()) return;
     Link& link = entry->second;
     link.phase = Phase::kClosed;
-    // Reachable, but nobody's any more.
-    static auto* givenUp = new std::vector<Spent>;
-    if (link.spent.message && Clock::now() < link.spent.since + kSettle) {
-        givenUp->push_back(std::exchange(link.spent, {}));
-    }
+    // The receive thread has come back from its callbacks when it is the one that found the loss.
+    const bool foundElsewhere = link.publishing + link.awaiting > 0;
+    if (foundElsewhere && Clock::now() < link.spent.since + kSettle) link.spent = {};
     free(link.spent);
 }
 

@@ -56,17 +56,23 @@ public:
     };
 
     /// A call into the library that may find the connection gone and free the messages of the
-    /// session. Waits for the moment in which a callback touches one.
+    /// session. It waits for the moment in which a callback touches one; a callback waits for it in
+    /// turn, but not where the call awaits an answer that the callback's thread brings.
     class Call {
     public:
-        Call(CallbackGate& gate, Ticket ticket);
+        enum class Kind { kPublish, kAwaitsAnswer };
+
+        Call(CallbackGate& gate, Ticket ticket, Kind kind);
         ~Call();
         Call(const Call&) = delete;
         Call& operator=(const Call&) = delete;
 
     private:
+        int& count() const;
+
         CallbackGate& _gate;
         const Ticket _ticket;
+        const Kind _kind;
     };
 
     /// Whether this thread is the library's own, inside one of its callbacks.
@@ -116,7 +122,8 @@ private:
         unsigned session = 0;
         Phase phase = Phase::kClosed;
         int visits = 0;
-        int calls = 0;
+        int publishing = 0;
+        int awaiting = 0;
         bool reading = false;
         Spent spent;
     };
