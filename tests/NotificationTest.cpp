@@ -13,8 +13,6 @@ using namespace kel;
 
 namespace {
 
-using NotificationPtr = Poco::AutoPtr<Poco::Notification>;
-
 class Counted : public Poco::Notification {
 public:
     Counted() { ++alive; }
@@ -45,7 +43,7 @@ protected:
 }  // namespace
 
 TEST_F(Notifications, ReachEveryObserverUntilItIsRemoved) {
-    const NotificationPtr posted(new Counted);
+    const Poco::AutoPtr<Poco::Notification> posted(new Counted);
     int calls = 0;
     const auto count = [&](Poco::Notification* n) { calls += n == posted.get(); };
     add("b", nullptr);
@@ -57,15 +55,13 @@ TEST_F(Notifications, ReachEveryObserverUntilItIsRemoved) {
     EXPECT_EQ(calls, 4);
     EXPECT_EQ(posted->referenceCount(), 1);
     EXPECT_THROW(_center.addObserver(nullptr), Poco::NullPointerException);
-
     add("a", [](Poco::Notification*) { throw Poco::TimeoutException(); });
-    EXPECT_THROW(post(), Poco::TimeoutException);
-    _center.removeObserver("a");  // waits for no call that has ended this way
+    EXPECT_THROW(post(), Poco::TimeoutException);  // and a's removal waits for no such call
 }
 
 TEST_F(Notifications, LeaveNothingBehindAfter100000Posts) {
     int calls = 0;
-    NotificationPtr kept;
+    Poco::AutoPtr<Poco::Notification> kept;
     const auto captured = std::make_shared<int>();
     const auto count = [&calls, captured](Poco::Notification*) { ++calls; };
     {
@@ -113,7 +109,7 @@ TEST_F(Notifications, AddedReplacedRemovedAndPostedByManyAndFromCallbacks) {
     };
     const auto work = [&](const std::string& own, const std::string& others) {
         for (int round = 0; round < kRounds; ++round) {
-            add(own, [&](Poco::Notification* notification) {
+            add(own, [&, own, others](Poco::Notification* notification) {
                 if (dynamic_cast<Counted*>(notification) == nullptr) return;
                 _center.removeObserver(own);
                 _center.removeObserver(others);  // whose callback may be doing the same

@@ -64,21 +64,19 @@ void findsProcessesByExactNameAndKillsByTheCommand() {
     ::CloseHandle(child);
 }
 
-// Standard output is a pipe or a file here.
 void leavesOutputWithoutConsoleAlone() {
-    const HANDLE before = ::GetStdHandle(STD_OUTPUT_HANDLE);
-    for (const HANDLE output : {before, HANDLE(nullptr), INVALID_HANDLE_VALUE}) {
+    const HANDLE before = ::GetStdHandle(STD_OUTPUT_HANDLE);  // a pipe or a file
+    for (const HANDLE output : {HANDLE(nullptr), INVALID_HANDLE_VALUE, before}) {
         ::SetStdHandle(STD_OUTPUT_HANDLE, output);
         platform::enableConsoleColors();
     }
-    ::SetStdHandle(STD_OUTPUT_HANDLE, before);
     expect(::GetStdHandle(STD_OUTPUT_HANDLE) == before, "survives having no console");
 }
 
 void switchesTheModeOfAConsole() {
     const HANDLE console = ::GetStdHandle(STD_OUTPUT_HANDLE);
     DWORD plain = 0, switched = 0;
-    expect(::GetConsoleMode(console, &plain) != 0, "has a console");
+    expect(::GetConsoleMode(console, &plain), "has a console");
     ::SetConsoleMode(console, plain & ~DWORD{ENABLE_VIRTUAL_TERMINAL_PROCESSING});
     platform::enableConsoleColors();
     ::GetConsoleMode(console, &switched);
@@ -95,8 +93,8 @@ void replacesFilesInOneStep() {
         const std::string content(std::istreambuf_iterator<char>(in), {});
         return content == expected && std::distance(fs::directory_iterator(folder), {}) == 1;
     };
-    for (int twice = 0; twice < 2; ++twice) platform::createPrivateDirectory(utf8(folder));
     for (const char* content : {"old", "new\r\n"}) {
+        platform::createPrivateDirectory(utf8(folder));  // may exist
         platform::replaceFileContent(utf8(file), content);
         expect(isAlone(content), "writes a file byte for byte and leaves no neighbour behind");
     }
@@ -119,10 +117,9 @@ int main(int argc, char** argv) {
     const std::string argument = argc > 1 ? argv[1] : "";
     if (argument == "--wait") ::Sleep(60000);
     if (argument == "--on-a-console") switchesTheModeOfAConsole();
-    if (argument.empty()) {
-        findsProcessesByExactNameAndKillsByTheCommand();
-        leavesOutputWithoutConsoleAlone();
-        replacesFilesInOneStep();
-    }
+    if (!argument.empty()) return failures;
+    findsProcessesByExactNameAndKillsByTheCommand();
+    leavesOutputWithoutConsoleAlone();
+    replacesFilesInOneStep();
     return failures;
 }
