@@ -88,7 +88,6 @@ TEST_F(Config, AFileReplacesTheDefaultsAndSavingReplacesItInOneStep) {
     EXPECT_EQ("\xC3\xA4 \"quoted\"", configInstance().getString("own.secret"));
     EXPECT_TRUE(fs::is_symlink(_file));
     EXPECT_EQ(fs::perms(0600), fs::status(target).permissions());
-
     fs::remove(target);
     fs::create_directory(target);
     kel::saveConfig();

@@ -60,8 +60,7 @@ TEST(Logger, WritesADatedFileInThePublishedFormatAndTakesLateCalls) {
     kel::loadLogging();
     EXPECT_EQ("loggertest_logger", kel::logName());
     hostLogger().warning("a %t text: \xC3\xA4", "dir/host.cpp", 42);
-    kel::deleteLogger();
-    kel::deleteLogger();
+    for (int twice = 0; twice < 2; ++twice) kel::deleteLogger();
     std::thread(logNumbered, 0, 3).join();
     kel::loadLogging();
     const std::string file = R"(/loggertest-\d{4}-\d\d-\d\d\.log)";
