@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 
 /// A fresh folder that any user may enter; removed with all it holds by the destructor.
@@ -17,19 +16,15 @@ struct TempFolder {
     /// Parents included. Returns the full path.
     std::string write(const std::string& name, const std::string& content = "",
                       ::mode_t mode = 0644) const {
-        std::filesystem::create_directories((path / name).parent_path());
-        std::ofstream(path / name) << content;
-        ::chmod((path / name).c_str(), mode);
-        return path / name;
+        const std::filesystem::path file = path / name;
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file) << content;
+        ::chmod(file.c_str(), mode);
+        return file;
     }
 
     const std::filesystem::path path{::mkdtemp(std::string("/tmp/kel-test-XXXXXX").data())};
 };
-
-inline std::string contentOf(const std::filesystem::path& path) {
-    std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 /// Calls `action` without root's rights, if the test has them.
 template <typename Action>

@@ -5,12 +5,10 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iostream>
-#include <iterator>
 #include <system_error>
 #include <thread>
 
@@ -21,8 +19,6 @@ namespace platform = kel::platform;
 
 namespace {
 
-constexpr DWORD kAtMostMilliseconds = 60000;
-
 int failures = 0;
 
 void expect(bool holds, const std::string& what) {
@@ -30,24 +26,18 @@ void expect(bool holds, const std::string& what) {
     if (!holds) ++failures;
 }
 
-void expectRefused(const std::function<void()>& call, const std::string& what) {
-    bool refused = false;
+bool refused(const std::function<void()>& call) {
     try {
         call();
+        return false;
     } catch (const std::system_error&) {
-        refused = true;
+        return true;
     }
-    expect(refused, "refuses " + what);
 }
 
 std::string utf8(const fs::path& path) {
     const std::u8string text = path.u8string();
     return {text.begin(), text.end()};
-}
-
-std::string contentOf(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // The other is this executable again.
@@ -59,9 +49,9 @@ void findsProcessesByExactNameAndKillsByTheCommand() {
         ::_spawnl(_P_NOWAIT, path.c_str(), "PlatformWindowsTest.exe", "--wait", nullptr));
     const DWORD pid = ::GetProcessId(child);
 
-    std::vector<unsigned long> both{platform::currentProcessId(), pid};
-    expect(std::ranges::is_permutation(platform::processesByName(name), both),
-           "finds itself twice");
+    const std::vector<unsigned long> both{platform::currentProcessId(), pid};
+    const auto found = platform::processesByName(name);
+    expect(std::ranges::is_permutation(found, both), "finds itself twice");
     for (const char* other : {"PLATFORMWINDOWSTEST.EXE", "PlatformWindowsTest", ""}) {
         expect(platform::processesByName(other).empty(), std::string("finds nothing as ") + other);
     }
@@ -69,27 +59,24 @@ void findsProcessesByExactNameAndKillsByTheCommand() {
     const std::string command = platform::killCommand(pid);
     expect(command == "taskkill /F /PID " + std::to_string(pid), command);
     expect(std::system(command.c_str()) == 0, "the command succeeds");
-    expect(::WaitForSingleObject(child, kAtMostMilliseconds) == WAIT_OBJECT_0, "the other ends");
+    expect(::WaitForSingleObject(child, 60000) == WAIT_OBJECT_0, "the other ends");
     expect(platform::processesByName(name).size() == 1, "it is in no list");
     ::CloseHandle(child);
 }
 
-// Standard output is a pipe or a file here.
 void leavesOutputWithoutConsoleAlone() {
-    const HANDLE before = ::GetStdHandle(STD_OUTPUT_HANDLE);
-    for (const HANDLE output : {before, HANDLE(nullptr), INVALID_HANDLE_VALUE}) {
+    const HANDLE before = ::GetStdHandle(STD_OUTPUT_HANDLE);  // a pipe or a file
+    for (const HANDLE output : {HANDLE(nullptr), INVALID_HANDLE_VALUE, before}) {
         ::SetStdHandle(STD_OUTPUT_HANDLE, output);
         platform::enableConsoleColors();
     }
-    ::SetStdHandle(STD_OUTPUT_HANDLE, before);
     expect(::GetStdHandle(STD_OUTPUT_HANDLE) == before, "survives having no console");
 }
 
 void switchesTheModeOfAConsole() {
     const HANDLE console = ::GetStdHandle(STD_OUTPUT_HANDLE);
-    DWORD plain = 0;
-    DWORD switched = 0;
-    expect(::GetConsoleMode(console, &plain) != 0, "has a console");
+    DWORD plain = 0, switched = 0;
+    expect(::GetConsoleMode(console, &plain), "has a console");
     ::SetConsoleMode(console, plain & ~DWORD{ENABLE_VIRTUAL_TERMINAL_PROCESSING});
     platform::enableConsoleColors();
     ::GetConsoleMode(console, &switched);
@@ -101,28 +88,26 @@ void replacesFilesInOneStep() {
     const fs::path folder = fs::temp_directory_path() /
                             (L"kel-\u00e4\u6d4b-" + std::to_wstring(::GetCurrentProcessId()));
     const fs::path file = folder / L"caf\u00e9.json";
-    const auto isAlone = [&](const std::string& content) {
-        return contentOf(file) == content && std::distance(fs::directory_iterator(folder), {}) == 1;
+    const auto isAlone = [&](const std::string& expected) {
+        std::ifstream in(file, std::ios::binary);
+        const std::string content(std::istreambuf_iterator<char>(in), {});
+        return content == expected && std::distance(fs::directory_iterator(folder), {}) == 1;
     };
-    for (int twice = 0; twice < 2; ++twice) platform::createPrivateDirectory(utf8(folder));
     for (const char* content : {"old", "new\r\n"}) {
+        platform::createPrivateDirectory(utf8(folder));  // may exist
         platform::replaceFileContent(utf8(file), content);
         expect(isAlone(content), "writes a file byte for byte and leaves no neighbour behind");
     }
+    const auto replace = [&] { platform::replaceFileContent(utf8(file), "newer"); };
+    std::ifstream reader(file);  // as a virus scanner does
+    expect(refused(replace) && isAlone("new\r\n"), "leaves a file that stays open as it was");
+    const std::jthread closer([&] { reader.close(); });
+    replace();
+    expect(isAlone("newer"), "replaces it once it is closed");
     for (const std::string& path : {utf8(folder), utf8(file / "no"), utf8(file) + "\xff"}) {
-        expectRefused([&] { platform::replaceFileContent(path, "x"); }, path);
+        expect(refused([&] { platform::replaceFileContent(path, "x"); }), "refuses " + path);
     }
-    {
-        const std::ifstream reader(file);  // as a virus scanner does
-        expectRefused([&] { platform::replaceFileContent(utf8(file), "x"); }, "an open file");
-    }
-    expect(isAlone("new\r\n"), "leaves everything as it was then");
-
-    std::ifstream reader(file);
-    std::thread closer([&] { reader.close(); });
-    platform::replaceFileContent(utf8(file), "newer");
-    closer.join();
-    expect(isAlone("newer"), "replaces a file that is soon closed");
+    expect(isAlone("newer"), "leaves everything as it was then");
     fs::remove_all(folder);
 }
 
@@ -130,15 +115,11 @@ void replacesFilesInOneStep() {
 
 int main(int argc, char** argv) {
     const std::string argument = argc > 1 ? argv[1] : "";
-    if (argument == "--wait") {
-        ::Sleep(kAtMostMilliseconds);
-    } else if (argument == "--on-a-console") {
-        switchesTheModeOfAConsole();
-    } else {
-        findsProcessesByExactNameAndKillsByTheCommand();
-        leavesOutputWithoutConsoleAlone();
-        replacesFilesInOneStep();
-        std::cout << failures << " failures" << std::endl;
-    }
+    if (argument == "--wait") ::Sleep(60000);
+    if (argument == "--on-a-console") switchesTheModeOfAConsole();
+    if (!argument.empty()) return failures;
+    findsProcessesByExactNameAndKillsByTheCommand();
+    leavesOutputWithoutConsoleAlone();
+    replacesFilesInOneStep();
     return failures;
 }
