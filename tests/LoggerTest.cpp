@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "Await.h"
 #include "common/Shutdown.h"
 
 namespace fs = std::filesystem;
@@ -122,6 +123,11 @@ TEST(Logger, AFailedSetUpChangesNothingAndTheNextHealsWhatBroke) {
 }
 
 TEST(Logger, AConsoleThatTakesNothingHoldsUpNeitherTheFileNorTheEnd) {
+    const auto threads = [] {
+        return std::distance(fs::directory_iterator("/proc/self/task"), {});
+    };
+    std::thread([] {}).join();  // whatever a first thread brings with it is there now
+    const auto before = threads();
     int pipe[2];
     ASSERT_EQ(0, ::pipe(pipe));
     const int saved[] = {::dup(1), ::dup(2)};
@@ -136,6 +142,7 @@ TEST(Logger, AConsoleThatTakesNothingHoldsUpNeitherTheFileNorTheEnd) {
     EXPECT_EQ(1, countOf("thread 1 line 9"));
     ::signal(SIGPIPE, SIG_IGN);
     ::close(pipe[0]);  // lets the writer go
+    EXPECT_TRUE(await([&] { return threads() <= before; }));
 }
 
 TEST(LoggerDeathTest, ProcessEndLosesNoLine) {
