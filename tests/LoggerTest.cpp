@@ -123,6 +123,9 @@ TEST(Logger, AFailedSetUpChangesNothingAndTheNextHealsWhatBroke) {
 }
 
 TEST(Logger, AConsoleThatTakesNothingHoldsUpNeitherTheFileNorTheEnd) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer does not see the end of the writer that is left to itself";
+#endif
     const auto threads = [] {
         return std::distance(fs::directory_iterator("/proc/self/task"), {});
     };

@@ -31,6 +31,8 @@ CapturedLog::CapturedLog() : _collector(new Collector) {
 
 CapturedLog::~CapturedLog() {
     Poco::Logger::root().setChannel(nullptr);
+    // Whoever was logging meanwhile has come to its end.
+    const std::lock_guard<std::mutex> lock(_collector->mutex);
 }
 
 bool CapturedLog::await(const std::string& text, std::size_t count) {
