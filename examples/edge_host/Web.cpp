@@ -222,7 +222,7 @@ void Web::publish(const Request& request, Response& response, Object& result, co
     if (request.getMethod() != Request::HTTP_POST)
         return refuse(response, result, Response::HTTP_METHOD_NOT_ALLOWED, "only by POST");
     if (!Poco::Net::MediaType(request.getContentType()).matches("application", "json"))
-        return refuse(response, result, Response::HTTP_UNSUPPORTEDMEDIATYPE,
+        return refuse(response, result, Response::HTTP_UNSUPPORTED_MEDIA_TYPE,
                       "only as application/json");
     if (const char* reason = whyUnusable(body))
         return refuse(response, result, Response::HTTP_BAD_REQUEST, reason);
