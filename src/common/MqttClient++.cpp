@@ -66,7 +66,7 @@ constexpr int kMessageLeft = 0;
 struct Messaging {
     CallbackGate gate;
     StopSignal stop;
-    std::once_flag poolsMade;
+    std::once_flag started;
     std::shared_ptr<ThreadPool> mqttPool;
     std::shared_ptr<ThreadPool> helpers;
 };
@@ -87,11 +87,19 @@ void stopMessaging() {
     messaging().mqttPool->stop();
 }
 
-void makePools() {
-    std::call_once(messaging().poolsMade, [] {
+// The library shuts down with its last handle, also while another thread just makes one. This
+// handle, which is never connected, keeps it up.
+void keepLibraryUp() {
+    MQTTClient keeper = nullptr;
+    MQTTClient_create(&keeper, "127.0.0.1", "keeper", MQTTCLIENT_PERSISTENCE_NONE, nullptr);
+}
+
+void startMessaging() {
+    std::call_once(messaging().started, [] {
         messaging().mqttPool = std::make_shared<ThreadPool>(1, 32, 60, 0);
         messaging().helpers = std::make_shared<ThreadPool>("mqttHelper", 1, 1024, 60, 0);
         onLibraryStop(ExitStage::kMessaging, stopMessaging);
+        keepLibraryUp();
     });
 }
 
@@ -262,7 +270,7 @@ MqttClient::MqttClient(std::string address, std::string clientId, std::string us
       _username(std::move(username)),
       _password(std::move(password)),
       _in_flight(std::make_unique<InFlightWindow>()) {
-    makePools();
+    startMessaging();
     Create_l();
 }
 

@@ -13,7 +13,8 @@
 //     messages are taken only some time (kSettle) after that.
 //   - A message is freed in two steps: its payload at once, the rest when the next callback shows
 //     that the library has forgotten it. Where a publisher may have found the connection gone just
-//     after a callback, the rest, a topic and an empty record, is in doubt and given up.
+//     after a callback, the rest, a topic and an empty record, may have been freed already: it is
+//     given up.
 //   - We end a session, and then destroy the handle, only after its callbacks have returned and
 //     the library has had kSettle to come back from them.
 
