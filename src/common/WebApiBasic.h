@@ -24,7 +24,10 @@ class HttpServer;
 ///   api->apiRegist("/index/api/add", [](auto&, auto&, const auto& params, auto& result) {
 ///       result.set("sum", std::stoi(params.at("a")) + std::stoi(params.at("b")));
 ///   });
-///   api->start(Poco::Net::ServerSocket(9528));
+///   Poco::Net::ServerSocket socket;
+///   socket.bind({"127.0.0.1", 9528}, true, false);  // false: shares the port with nobody
+///   socket.listen();
+///   api->start(socket);
 /// @endcode
 /// A path is matched exactly, letter case and a trailing slash included; the method is not looked
 /// at. An unknown path is answered with {"code": -1, "msg": "api not found"} and status 200.
