@@ -14,42 +14,33 @@
 
 #include <iostream>
 
-static int fail(const char* what) {
+static void expect(bool holds, const char* what) {
+    if (holds) return;
     std::cerr << what << std::endl;
-    return 1;
+    std::exit(1);
 }
 
 int main() {
     kel::loadLogging();
     kel::initHttpOption();
     kel::loadConfig();
-    if (kel::configInstance().getInt(kel::http::kPort) != 9528) return fail("configuration");
-    if (kel::logName() != "uses_kelcommon_logger") return fail("logger");
-
+    expect(kel::configInstance().getInt(kel::http::kPort) == 9528, "configuration");
+    expect(kel::logName() == "uses_kelcommon_logger", "logger");
     kel::WebApiBasic::instance()->apiRegist("/alive");
     kel::WebHookBasic::defaultWebHook()->reportServerStarted();
-    if (!kel::HttpClient::defaultHttpClient()) return fail("HTTP client");
-    Poco::Net::ServerSocket socket;
-    socket.bind(Poco::Net::SocketAddress("127.0.0.1", 0), false, false);
-    socket.listen();
+    expect(kel::HttpClient::defaultHttpClient() != nullptr, "HTTP client");
+    const Poco::Net::ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", 0));
     kel::HttpServer::createInstance(socket, new Poco::Net::HTTPServerParams, {})->stop();
-
     bool posted = false;
-    kel::NotificationCenter& center = kel::NotificationCenter::defaultCenter();
+    auto& center = kel::NotificationCenter::defaultCenter();
     center.addObserver(kel::Observer::createInstance("here", [&](auto*) { posted = true; }));
     center.postNotification(new Poco::Notification);
-    center.removeObserver("here");
-    if (!posted) return fail("notification");
-
-    {
-        kel::TaskManager tasks;
-        if (kel::MqttClient::createInstance("tcp://127.0.0.1:1", "me", "", "")->getstation() !=
-            "me")
-            return fail("MQTT client");
-    }
-    if (kel::ThreadPool::defaultPool().capacity() != 32) return fail("thread pool");
-    if (makeJsonDefault(0, "ok") != R"({"code":0,"msg":"ok"})") return fail("JSON");
+    expect(posted, "notification");
+    kel::TaskManager tasks;
+    const auto client = kel::MqttClient::createInstance("tcp://127.0.0.1:1", "me", "", "");
+    expect(client->getstation() == "me", "MQTT client");
+    expect(kel::ThreadPool::defaultPool().capacity() == 32, "thread pool");
+    expect(makeJsonDefault(0, "ok") == R"({"code":0,"msg":"ok"})", "JSON");
     kel::stopLibrary();
     kel::deleteLogger();
-    return 0;
 }

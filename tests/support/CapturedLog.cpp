@@ -2,21 +2,22 @@
 
 #include <Poco/Logger.h>
 
-#include <algorithm>
 #include <iostream>
 
-class CapturedLog::Collector : public Poco::Channel {
-public:
+struct CapturedLog::Collector : Poco::Channel {
     void log(const Poco::Message& message) override {
         const std::lock_guard<std::mutex> lock(mutex);
         messages.push_back(message);
         changed.notify_all();
     }
 
-    std::size_t count(const std::string& text) const {
-        return static_cast<std::size_t>(std::count_if(
-            messages.begin(), messages.end(),
-            [&](const Poco::Message& m) { return m.getText().find(text) != std::string::npos; }));
+    // Those that contain `text`; the caller holds the mutex.
+    std::vector<Poco::Message> matching(const std::string& text) const {
+        std::vector<Poco::Message> found;
+        for (const auto& m : messages) {
+            if (m.getText().find(text) != std::string::npos) found.push_back(m);
+        }
+        return found;
     }
 
     mutable std::mutex mutex;
@@ -37,10 +38,8 @@ CapturedLog::~CapturedLog() {
 
 bool CapturedLog::await(const std::string& text, std::size_t count) {
     std::unique_lock<std::mutex> lock(_collector->mutex);
-    if (_collector->changed.wait_for(lock, std::chrono::seconds(20),
-                                     [&] { return _collector->count(text) >= count; })) {
-        return true;
-    }
+    const auto logged = [&] { return _collector->matching(text).size() >= count; };
+    if (_collector->changed.wait_for(lock, std::chrono::seconds(20), logged)) return true;
     std::cerr << "not logged " << count << " times: " << text << "\n";
     for (const auto& m : _collector->messages) std::cerr << "  | " << m.getText() << "\n";
     return false;
@@ -48,20 +47,11 @@ bool CapturedLog::await(const std::string& text, std::size_t count) {
 
 std::size_t CapturedLog::count(const std::string& text) const {
     const std::lock_guard<std::mutex> lock(_collector->mutex);
-    return _collector->count(text);
+    return _collector->matching(text).size();
 }
 
 Poco::Message CapturedLog::find(const std::string& text) const {
     const std::lock_guard<std::mutex> lock(_collector->mutex);
-    for (const auto& m : _collector->messages) {
-        if (m.getText().find(text) != std::string::npos) return m;
-    }
-    return {};
-}
-
-std::vector<std::string> CapturedLog::texts() const {
-    const std::lock_guard<std::mutex> lock(_collector->mutex);
-    std::vector<std::string> all;
-    for (const auto& m : _collector->messages) all.push_back(m.getText());
-    return all;
+    const auto found = _collector->matching(text);
+    return found.empty() ? Poco::Message() : found.front();
 }

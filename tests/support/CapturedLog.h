@@ -27,9 +27,7 @@ public:
     /// The first message so far whose text contains `text`; an empty one if there is none.
     Poco::Message find(const std::string& text) const;
 
-    std::vector<std::string> texts() const;
-
 private:
-    class Collector;
+    struct Collector;
     Poco::AutoPtr<Collector> _collector;
 };

@@ -18,10 +18,6 @@ int main(int argc, char** argv) {
          {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "APPDATA", "LOCALAPPDATA"}) {
         Poco::Environment::set(name, home.string());
     }
-    // The child of a death test writes where its parent looks.
-    if (Poco::Environment::has("KEL_TEST_DATA_HOME")) {
-        Poco::Environment::set("XDG_DATA_HOME", Poco::Environment::get("KEL_TEST_DATA_HOME"));
-    }
     const int result = RUN_ALL_TESTS();
     std::error_code stillOpen;  // Windows removes no file that a log still writes to
     fs::remove_all(home, stillOpen);
