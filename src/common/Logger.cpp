@@ -34,6 +34,7 @@
 #include <iostream>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -78,6 +79,7 @@ struct State {
     std::mutex setupMutex;
     // Guarded by setupMutex.
     WriterPtr consoleWriter;
+    bool consoleWorks = true;
     WriterPtr fileWriter;  // null before the first set-up, and when lines are written at once
     ChannelPtr file;
     std::string filePath;
@@ -94,8 +96,18 @@ State& state() {
     return *instance;
 }
 
+// Passes on what has been written when it is flushed, as POCO does after each line.
+class ConsoleBuffer : public std::stringbuf {
+    int sync() override {
+        platform::writeToConsole(str());
+        str("");
+        return 0;
+    }
+};
+
 ChannelPtr consoleChannel() {
-    Poco::AutoPtr<Poco::ColorConsoleChannel> console(new Poco::ColorConsoleChannel);
+    static std::ostream& stream = *new std::ostream(new ConsoleBuffer);
+    Poco::AutoPtr<Poco::ColorConsoleChannel> console(new Poco::ColorConsoleChannel(stream));
     console->setProperty("enableColors", "true");
     console->setProperty("informationColor", "cyan");
     console->setProperty("noticeColor", "cyan");
@@ -208,18 +220,20 @@ bool closedInTime(WriterPtr writer) {
 }
 
 // Ends the writer threads; later lines are written by the thread that logs them.
-void writeAtOnceFromNowOn() {
+// @return whether the console takes any.
+bool writeAtOnceFromNowOn() {
     State& s = state();
     const std::lock_guard<std::mutex> oneSetup(s.setupMutex);
-    if (!s.fileWriter) return;
+    if (!s.fileWriter) return s.consoleWorks;
     s.channel->exchange([&] {
         s.fileWriter->close();
         std::vector<ChannelPtr> sinks{new TolerantChannel(s.file)};
-        if (closedInTime(s.consoleWriter))
-            sinks.emplace_back(new TolerantChannel(consoleChannel()));
+        s.consoleWorks = closedInTime(s.consoleWriter);
+        if (s.consoleWorks) sinks.emplace_back(new TolerantChannel(consoleChannel()));
         return formatted(sinks);
     });
     s.fileWriter = nullptr;
+    return s.consoleWorks;
 }
 
 // Owns the refresh thread. One object per process, from the library's load to deleteLogger().
@@ -329,8 +343,7 @@ void deleteLogger() {
     const std::lock_guard<std::mutex> lock(instance().mutex);
     if (!instance().impl) return;
     delete std::exchange(instance().impl, nullptr);
-    writeAtOnceFromNowOn();
-    std::cout << "LoggerImpl instance destroyed" << std::endl;
+    if (writeAtOnceFromNowOn()) std::cout << "LoggerImpl instance destroyed" << std::endl;
 }
 
 }  // namespace kel

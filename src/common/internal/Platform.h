@@ -26,6 +26,11 @@ void replaceFileContent(const std::string& path, const std::string& content);
 /// where terminals take them anyway, it does nothing.
 void enableConsoleColors() noexcept;
 
+/// Writes to standard error past the C and C++ streams: while those wait for a console that takes
+/// nothing they hold locks, for which the end of the process would wait in turn. Errors are
+/// ignored. (Windows: through the C stream.)
+void writeToConsole(const std::string& text) noexcept;
+
 /// Ids of the processes whose executable file name is `name`, byte for byte, in system order. On
 /// Windows the names come in the system's ANSI code page, the one text here that is not UTF-8.
 std::vector<unsigned long> processesByName(const std::string& name);

@@ -1,6 +1,7 @@
 // Platform_posix.cpp - Linux, through POSIX calls and /proc.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -97,6 +98,19 @@ void replaceFileContent(const std::string& path, const std::string& content) {
 }
 
 void enableConsoleColors() noexcept {}
+
+void writeToConsole(const std::string& text) noexcept {
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t n = ::write(STDERR_FILENO, text.data() + done, text.size() - done);
+        if (n > 0) done += static_cast<std::size_t>(n);
+        if (n < 0 && errno == EAGAIN) {  // whoever shares it has made it non-blocking
+            pollfd console{STDERR_FILENO, POLLOUT, 0};
+            ::poll(&console, 1, -1);
+        } else if (n < 0 && errno != EINTR) {
+            return;
+        }
+    }
+}
 
 std::vector<unsigned long> processesByName(const std::string& name) {
     std::vector<unsigned long> pids;

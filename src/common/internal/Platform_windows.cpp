@@ -13,6 +13,7 @@
 #include <tlhelp32.h>
 
 #include <atomic>
+#include <cstdio>
 #include <system_error>
 
 #include "Platform.h"
@@ -148,6 +149,11 @@ void enableConsoleColors() noexcept {
     if (output && ::GetConsoleMode(output, &mode)) {
         ::SetConsoleMode(output, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
     }
+}
+
+void writeToConsole(const std::string& text) noexcept {
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
 }
 
 // A snapshot that was refused is no null handle: it has no first process.
