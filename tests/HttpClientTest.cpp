@@ -3,35 +3,25 @@
 #include <common/HttpClient.h>
 #include <gtest/gtest.h>
 
+#include "Await.h"
 #include "CapturedLog.h"
 #include "RawHttp.h"
-
-using kel::HttpClient;
 
 namespace {
 
 const std::string kOk = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi";
 
-// Adds what it is called with to `calls`, as "<status> <body>"; throws on status 418.
-HttpClient::ResponseCallback noteIn(std::string& calls) {
-    return [&calls](auto status, std::istream& body) {
+// What the callback is called with, as "<status> <body>"; it throws on status 418.
+template <typename... Body>
+std::string ask(const std::string& url, Body&... body) {
+    std::string calls;
+    const auto note = [&calls](auto status, std::istream& reply) {
         calls += std::to_string(status) + " ";
-        Poco::StreamCopier::copyToString(body, calls);
+        Poco::StreamCopier::copyToString(reply, calls);
         if (status == 418) throw Poco::DataFormatException("no coffee");
     };
-}
-
-template <typename... Body>
-std::string request(const std::string& url, Body&... body) {
-    std::string calls;
-    HttpClient::defaultHttpClient()->doHttpRequest(url, body..., noteIn(calls));
+    kel::HttpClient::defaultHttpClient()->doHttpRequest(url, body..., note);
     EXPECT_TRUE(await([] { return kel::ThreadPool::defaultPool().pendingTasks() == 0; }));
-    return calls;
-}
-
-std::string postSync(const std::string& url) {
-    std::string calls;
-    HttpClient::defaultHttpClient()->doHttpRequestSync(url, "", noteIn(calls));
     return calls;
 }
 
@@ -41,13 +31,12 @@ TEST(HttpClient, PutsEachShapeOnTheWireAsDocumented) {
     ScriptedServer server(kOk);
     const std::string base = server.url(""), json = R"({"a":1})";
     Poco::Net::HTMLForm form;
-    form.set("name", "a b&c");
-    EXPECT_EQ("200 hi", request(base + "/p%20q?x=1&y=a+b#f"));
-    EXPECT_EQ("200 hi", request(base + "?q"));
-    EXPECT_EQ("200 hi", request(base + "/json", json));
-    EXPECT_EQ("200 hi", postSync(base + "/sync"));
-    EXPECT_EQ("200 hi", request(base + "/form", form));
-
+    form.set("n", "a b&c");
+    EXPECT_EQ("200 hi", ask(base + "/p%20q?x=1&y=a+b#f"));
+    EXPECT_EQ("200 hi", ask(base + "?q"));
+    EXPECT_EQ("200 hi", ask(base + "/json", json));
+    kel::HttpClient::defaultHttpClient()->doHttpRequestSync(base + "/sync", "", nullptr);
+    EXPECT_EQ("200 hi", ask(base + "/form", form));
     const std::string post = " HTTP/1.1\r\nContent-Type: application/";
     const std::string host = "\r\nHost: " + base.substr(7) + "\r\n\r\n";
     const std::vector<std::string> expected = {
@@ -55,66 +44,46 @@ TEST(HttpClient, PutsEachShapeOnTheWireAsDocumented) {
         "GET /?q HTTP/1.1\r\nConnection: Close" + host,
         "POST /json" + post + "json\r\nContent-Length: 7" + host + json,
         "POST /sync" + post + "json\r\nContent-Length: 0" + host,
-        "POST /form" + post + "x-www-form-urlencoded\r\nContent-Length: 14" + host +
-            "name=a%20b%26c"};
+        "POST /form" + post + "x-www-form-urlencoded\r\nContent-Length: 11" + host + "n=a%20b%26c"};
     EXPECT_EQ(expected, server.awaitRequests(5));
 }
 
-TEST(HttpClient, HandsRepliesOnAsTheyCame) {
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {"500 Oops\r\n\r\nuntil the end", "500 until the end"},
-        {"404 Not Found\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n", "404 abc"},
-        {"100 Continue\r\n\r\n" + kOk, "200 hi"},
-        {"200 OK\r\nContent-Length: 10\r\n\r\nshort", "200 short"},
-        {"200 OK\r\nContent-Length: -5\r\n\r\nhi", "200 "},
-        {"418 Teapot\r\n\r\nshort", "418 short400 "},  // its callback throws
-    };
-    for (const auto& [wire, expected] : cases) {
-        ScriptedServer server("HTTP/1.1 " + wire);
-        EXPECT_EQ(expected, postSync(server.url())) << wire;
-    }
-}
-
-TEST(HttpClient, TurnsEveryFailureIntoOneLineAndOneCallWith400) {
+TEST(HttpClient, HandsRepliesOnAsTheyCameAndMakesOneLineAndOne400OfEachFailure) {
     CapturedLog log;
-    ScriptedServer closing(""), garbage("this is no HTTP\r\n\r\n"), live(kOk);
-    ScriptedServer endlessHeader("HTTP/1.1 200 OK\r\nX: " + std::string(100000, 'x'));
-    ScriptedServer badLength("HTTP/1.1 200 OK\r\nContent-Length: many\r\n\r\n");
-    ScriptedServer silent([](RawClient& peer) { peer.readReply(); });
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"HTTP/1.1 500 Oops\r\n\r\nuntil the end", "500 until the end"},
+        {"HTTP/1.1 404 Gone\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nab\r\n0\r\n\r\n", "404 ab"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nshort", "200 short"},
+        {"HTTP/1.1 418 Teapot\r\n\r\nshort", "418 short400 "},  // its callback throws
+        {"HTTP/1.1 200 OK\r\n" + std::string(100000, 'x'), "400 "},
+        {"HTTP/1.1 200 OK\r\nContent-Length: many\r\n\r\n", "400 "},
+        {"", "400 "},
+    };
+    for (const auto& [wire, expected] : cases)
+        EXPECT_EQ(expected, ask(ScriptedServer(wire).url())) << wire.substr(0, 80);
+    ScriptedServer live(kOk);
+    ScriptedServer silent([](RawClient& peer) { peer.read(); });
     // A full backlog answers no connection attempt.
     const Poco::Net::ServerSocket full(Poco::Net::SocketAddress("127.0.0.1", 0), 1);
     std::vector<Poco::Net::StreamSocket> waiting(8);
     for (auto& socket : waiting) socket.connectNB(full.address());
-    const std::vector<std::string> urls = {closing.url(),
-                                           garbage.url(),
-                                           endlessHeader.url(),
-                                           badLength.url(),
-                                           silent.url(),
-                                           "http://" + full.address().toString(),
-                                           "http://127.0.0.1:1/refused",
-                                           "https" + live.url().substr(4),
-                                           live.url("/a?b c"),
-                                           live.url("/a?b\r\nX-Injected: 1"),
-                                           "http://127.0.0.1:99999/",
+    const std::vector<std::string> urls = {"",
                                            "http://%zz/",
-                                           ""};
+                                           "http://127.0.0.1:1/refused",
+                                           "http://" + full.address().toString(),
+                                           silent.url(),
+                                           "https" + live.url().substr(4),
+                                           live.url("/a?b\r\nX-Injected: 1")};
     std::vector<std::future<std::string>> replies;
-    for (const auto& url : urls) {
-        replies.push_back(std::async(std::launch::async, [&url] { return request(url); }));
-        replies.push_back(std::async(std::launch::async, postSync, url));
-    }
+    for (const auto& url : urls)
+        replies.push_back(std::async(std::launch::async, [&] { return ask(url, url); }));
     for (auto& reply : replies) EXPECT_EQ("400 ", reply.get());
-    for (const auto& url : urls) EXPECT_EQ(2u, log.count("requst url '" + url + "' exception: "));
-    EXPECT_EQ(4u, log.count("Timeout"));
-    EXPECT_EQ(2 * urls.size(), log.count(""));
-    EXPECT_EQ("200 hi", postSync(live.url()));
+    for (const auto& url : urls) EXPECT_EQ(1u, log.count("requst url '" + url + "' exception: "));
+    EXPECT_EQ(4 + urls.size(), log.count(""));
+    const auto passOn = [](auto, auto&) { throw std::range_error(""); };
+    EXPECT_THROW(kel::HttpClient::defaultHttpClient()->doHttpRequestSync(live.url(), "", passOn),
+                 std::range_error);
     EXPECT_EQ(1u, live.awaitRequests(1).size()) << "a refused request reached the server";
-
-    const auto client = HttpClient::defaultHttpClient();
-    const auto thrower = [](auto, std::istream&) { throw std::range_error(""); };
-    EXPECT_THROW(client->doHttpRequestSync(live.url(), "", thrower), std::range_error);
-    client->doHttpRequestSync(live.url(), "", nullptr);
-    EXPECT_THROW(client->doHttpRequestSync("", "", nullptr), std::bad_function_call);
 }
 
 TEST(HttpClient, MayGoWhileItsRequestsRunOfWhichThePoolTakesSoMany) {
@@ -123,7 +92,7 @@ TEST(HttpClient, MayGoWhileItsRequestsRunOfWhichThePoolTakesSoMany) {
         released.wait();
         peer.send(kOk);
     });
-    auto client = HttpClient::createInstance();
+    auto client = kel::HttpClient::createInstance();
     std::atomic<int> answered{0};
     const auto count = [&](auto status, std::istream&) { answered += status; };
     for (int i = 0; i < 32; ++i) client->doHttpRequest(server.url(), count);
