@@ -44,6 +44,13 @@ void provideThreads() {
     if (missing > 0) pool.addCapacity(missing);
 }
 
+// POCO up to 1.12 wakes only one of a stopped server's idle threads; the end of the process waits
+// for the others.
+void shortenIdleTime(Poco::Net::HTTPServerParams& params) {
+    const Poco::Timespan longest(1, 0);
+    if (params.getThreadIdleTime() > longest) params.setThreadIdleTime(longest);
+}
+
 // Whether what follows on the connection is another request, not the rest of this one's body.
 bool bodyConsumed(Poco::Net::HTTPServerRequest& request) {
     const bool announced = request.getChunkedTransferEncoding() ||
@@ -154,6 +161,7 @@ HttpServer::HttpServer(const Poco::Net::ServerSocket& socket,
                        Poco::AutoPtr<Poco::Net::HTTPServerParams> params, Callback callback)
     : _server(nullptr) {
     provideThreads();
+    shortenIdleTime(*params);
     const Poco::Net::HTTPRequestHandlerFactory::Ptr factory(
         new RequestHandlerFactory(std::move(callback)));
     _server = new Poco::Net::HTTPServer(factory, socket, params);

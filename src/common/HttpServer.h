@@ -32,7 +32,7 @@ public:
         std::function<void(Poco::Net::HTTPServerRequest&, Poco::Net::HTTPServerResponse&)>;
 
     /// @param socket    bound and listening; nothing is accepted before start().
-    /// @param params    shared with the caller, not null.
+    /// @param params    shared with the caller, not null; its thread idle time becomes 1 s at most.
     /// @param callback  if it is empty, every request is answered with status 500.
     static std::shared_ptr<HttpServer> createInstance(
         const Poco::Net::ServerSocket& socket, Poco::AutoPtr<Poco::Net::HTTPServerParams> params,
