@@ -1,8 +1,10 @@
 #pragma once
 
-#include <sys/types.h>
+#include <signal.h>
 
 #include <string>
+
+#include "Sandbox.h"
 
 /// A real mosquitto of the test's own on a loopback port that it keeps across restarts. Stopped
 /// by the destructor.
@@ -11,20 +13,21 @@ public:
     enum class Login { kAnonymous, kPassword };  // kPassword: user "edge", password "secret"
 
     explicit Broker(Login login = Login::kAnonymous);
-    ~Broker();
+    ~Broker() { kill(); }
     Broker(const Broker&) = delete;
     Broker& operator=(const Broker&) = delete;
 
     /// "tcp://127.0.0.1:<port>"
-    std::string address() const;
+    std::string address() const { return "tcp://127.0.0.1:" + std::to_string(_port); }
     int port() const { return _port; }
 
     /// Starts it and returns once it accepts connections. Throws std::runtime_error if it does not.
     void start();
     /// Ends it at once, as a crash would.
     void kill();
-    void suspend();
-    void resume();
+    void restart() { kill(), start(); }
+    void suspend() const { ::kill(_pid, SIGSTOP); }
+    void resume() const { ::kill(_pid, SIGCONT); }
 
     /// Publishes with an independent client and waits until that is done.
     void publish(const std::string& topic, const std::string& payload, int qos = 0,
@@ -33,7 +36,7 @@ public:
 private:
     bool tryStart();
 
-    std::string _folder;
+    const TempFolder _folder;
     Login _login;
     int _port = 0;
     pid_t _pid = -1;
