@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <latch>
+#include <map>
 #include <thread>
 
 #include "MqttFixture.h"
@@ -271,10 +272,12 @@ TEST_F(MqttClientTest, RetriesAsLongAsTheHostWants) {
     EXPECT_EQ(2u, _log.count("Failed to connect, return code -1"));
 
     const Broker locked(Broker::Login::kPassword);
-    const auto guest = MqttClient::createInstance(locked.address(), "edge-1", "edge", "secret");
-    std::promise<int> answer;
-    guest->Connect([&](int rc) { return answer.set_value(rc), false; }, {});
-    EXPECT_EQ(0, answer.get_future().get());
+    for (const auto& [password, code] : std::map<std::string, int>{{"wrong", 5}, {"secret", 0}}) {
+        const auto guest = MqttClient::createInstance(locked.address(), "edge-1", "edge", password);
+        std::promise<int> answer;
+        guest->Connect([&](int rc) { return answer.set_value(rc), false; }, {});
+        EXPECT_EQ(code, answer.get_future().get());
+    }
 }
 
 TEST_F(MqttClientTest, AnAddressTheLibraryRefusesIsReportedByEveryOperation) {

@@ -98,7 +98,7 @@ long echoRequests() {
 }  // namespace
 
 TEST_F(MqttReconnectTest, ComesBackAfterEachOfManyRestarts) {
-    constexpr int kRestarts = 12;
+    constexpr int kRestarts = 20;
     std::atomic<int> losses{0};
     const auto onLost = [&](const std::string& cause) { return ++losses, cause.empty(); };
     const ClientPtr receiver = connected("receiver", onLost);
