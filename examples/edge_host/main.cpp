@@ -31,7 +31,7 @@
 namespace {
 
 int fail(int exitCode, const std::string& reason) {
-    std::cerr << "edge_host: " << reason << " (see --help)" << std::endl;
+    std::cerr << "edge_host: " + reason + " (see --help)\n";  // in one go: the log goes there too
     return exitCode;
 }
 
