@@ -18,12 +18,14 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <list>
 #include <mutex>
 #include <set>
 #include <thread>
 
 #include "internal/ExitHooks.h"
+#include "internal/Platform.h"
 
 namespace kel {
 
@@ -144,6 +146,9 @@ Poco::Net::HTTPRequestHandler* HttpServer::RequestHandlerFactory::createRequestH
 HttpServer::Process& HttpServer::process() {
     static Process& instance = []() -> Process& {
         onLibraryStop(ExitStage::kRequests, &HttpServer::stopAll);
+        // From 1.13 on POCO's pool, which exists by now, goes before the library is told of the
+        // end.
+        if (platform::canJoinAtExit()) std::atexit(&HttpServer::stopAll);
         return *new Process;
     }();
     return instance;

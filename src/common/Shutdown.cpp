@@ -6,6 +6,8 @@
 
 #include "Shutdown.h"
 
+#include <Poco/NotificationCenter.h>
+
 #include <map>
 #include <mutex>
 #include <vector>
@@ -37,6 +39,9 @@ std::vector<void (*)()> takeNextStage() {
 }
 
 struct AtProcessEnd {
+    // From 1.13 on POCO makes its center on first use; handlers may post until it is our turn.
+    AtProcessEnd() { Poco::NotificationCenter::defaultCenter(); }
+
     ~AtProcessEnd() {
         if (platform::canJoinAtExit()) stopLibrary();
         endLogging();
