@@ -23,6 +23,7 @@
 #include <mutex>
 #include <set>
 #include <thread>
+#include <utility>
 
 #include "internal/ExitHooks.h"
 #include "internal/Platform.h"
@@ -83,7 +84,8 @@ struct HttpServer::Process {
     // Guarded by mutex.
     std::list<std::weak_ptr<HttpServer>> servers;
     std::set<RequestHandlerFactory*> factories;
-    int callbacks = 0;  // in progress
+    int callbacks = 0;                            // in progress
+    std::chrono::seconds grace = kCallbackGrace;  // for these; the first stop uses it up
     Clock::time_point lastCallback;
 
     std::condition_variable callbackEnded;
@@ -196,7 +198,8 @@ void HttpServer::stopAll() {
         if (const auto server = held.lock()) server->stop();
     }
     lock.lock();
-    all.callbackEnded.wait_for(lock, kCallbackGrace, [&] { return all.callbacks == 0; });
+    const std::chrono::seconds grace = std::exchange(all.grace, {});
+    all.callbackEnded.wait_for(lock, grace, [&] { return all.callbacks == 0; });
     const Clock::time_point written = all.lastCallback + kReplyGrace;
     lock.unlock();
     std::this_thread::sleep_until(written);
