@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "common/Shutdown.h"
+#include "common/Library.h"
 
 namespace fs = std::filesystem;
 

@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "MqttFixture.h"
-#include "common/internal/Topics.h"
+#include "common/internal/mqtt/Topics.h"
 
 using kel::MqttClient;
 

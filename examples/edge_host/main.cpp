@@ -10,8 +10,8 @@
 #include <Poco/Util/RegExpValidator.h>
 #include <Poco/Util/ServerApplication.h>
 #include <common/Config.h>
+#include <common/Library.h>
 #include <common/Logger.h>
-#include <common/Shutdown.h>
 #include <common/ThreadPool.h>
 #include <common/WebHookBasic.h>
 

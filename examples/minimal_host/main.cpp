@@ -3,10 +3,10 @@
 #include <Poco/Event.h>
 #include <Poco/Logger.h>
 #include <common/Config.h>
+#include <common/Library.h>
 #include <common/Logger.h>
 #include <common/MqttClient++.h>
 #include <common/NotificationCenter.h>
-#include <common/Shutdown.h>
 #include <common/ThreadPool.h>
 #include <common/Utils.h>
 #include <common/WebApiBasic.h>

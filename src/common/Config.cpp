@@ -8,9 +8,9 @@
 
 #include <sstream>
 
-#include "internal/Log.h"
-#include "internal/Paths.h"
-#include "internal/Platform.h"
+#include "internal/log/UnitLog.h"
+#include "internal/platform/Paths.h"
+#include "internal/platform/Platform.h"
 
 namespace kel {
 

@@ -22,8 +22,8 @@
 #include <mutex>
 #include <set>
 
-#include "internal/ExitHooks.h"
-#include "internal/Log.h"
+#include "internal/log/UnitLog.h"
+#include "internal/process/LibraryStop.h"
 
 namespace kel {
 
@@ -56,7 +56,7 @@ void stopRequests();
 
 UnderWay& underWay() {
     static UnderWay& instance = []() -> UnderWay& {
-        onLibraryStop(ExitStage::kRequests, &stopRequests);
+        onLibraryStop(StopStage::kRequests, &stopRequests);
         return *new UnderWay;
     }();
     return instance;

@@ -25,8 +25,8 @@
 #include <thread>
 #include <utility>
 
-#include "internal/ExitHooks.h"
-#include "internal/Platform.h"
+#include "internal/platform/Platform.h"
+#include "internal/process/LibraryStop.h"
 
 namespace kel {
 
@@ -147,7 +147,7 @@ Poco::Net::HTTPRequestHandler* HttpServer::RequestHandlerFactory::createRequestH
 
 HttpServer::Process& HttpServer::process() {
     static Process& instance = []() -> Process& {
-        onLibraryStop(ExitStage::kRequests, &HttpServer::stopAll);
+        onLibraryStop(StopStage::kRequests, &HttpServer::stopAll);
         // From 1.13 on POCO's pool, which exists by now, goes before the library is told of the
         // end.
         if (platform::canJoinAtExit()) std::atexit(&HttpServer::stopAll);

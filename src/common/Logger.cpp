@@ -39,11 +39,11 @@
 #include <utility>
 #include <vector>
 
-#include "internal/ExchangeableChannel.h"
-#include "internal/ExitHooks.h"
-#include "internal/Log.h"
-#include "internal/Paths.h"
-#include "internal/Platform.h"
+#include "internal/log/ExchangeableChannel.h"
+#include "internal/log/UnitLog.h"
+#include "internal/platform/Paths.h"
+#include "internal/platform/Platform.h"
+#include "internal/process/LibraryStop.h"
 
 namespace kel {
 
@@ -327,7 +327,7 @@ void loadLogging() {
         const std::lock_guard<std::mutex> lock(instance().mutex);
         if (!instance().impl) return;
         static std::once_flag stopHook;
-        std::call_once(stopHook, [] { onLibraryStop(ExitStage::kLogging, stopAtLibraryStop); });
+        std::call_once(stopHook, [] { onLibraryStop(StopStage::kLogging, stopAtLibraryStop); });
         if (!instance().impl->load()) return;
     }
     log.information("Log initialized");

@@ -29,13 +29,13 @@
 
 #include "ThreadPool.h"
 #include "Utils.h"
-#include "internal/CallbackGate.h"
-#include "internal/ConnectTurn.h"
-#include "internal/ExitHooks.h"
-#include "internal/InFlightWindow.h"
-#include "internal/Log.h"
-#include "internal/StopSignal.h"
-#include "internal/Topics.h"
+#include "internal/log/UnitLog.h"
+#include "internal/mqtt/CallbackGate.h"
+#include "internal/mqtt/ConnectTurn.h"
+#include "internal/mqtt/InFlightWindow.h"
+#include "internal/mqtt/Topics.h"
+#include "internal/process/LibraryStop.h"
+#include "internal/process/StopSignal.h"
 
 namespace kel {
 
@@ -98,7 +98,7 @@ void startMessaging() {
     std::call_once(messaging().started, [] {
         messaging().mqttPool = std::make_shared<ThreadPool>(1, 32, 60, 0);
         messaging().helpers = std::make_shared<ThreadPool>("mqttHelper", 1, 1024, 60, 0);
-        onLibraryStop(ExitStage::kMessaging, stopMessaging);
+        onLibraryStop(StopStage::kMessaging, stopMessaging);
         keepLibraryUp();
     });
 }
@@ -194,7 +194,7 @@ std::function<void()> messageTask(const MqttClient::MessageHandler& handler,
     const auto copy = std::make_shared<MessageCopy>(payload);
     return [handler, copy, topic, quiet] {
         if (!quiet) log.information(format("Begin handle msg async, topic: %s", topic));
-        const bool done = contained(log, [&] { handler(copy->get(), topic); });
+        const bool done = logExceptions(log, [&] { handler(copy->get(), topic); });
         if (done && !quiet) log.information(format("End handle msg async, topic: %s", topic));
     };
 }
@@ -213,7 +213,7 @@ void submitMessageTask(const std::function<void()>& task) {
 // Empty, with the reason logged, where `payload` is no JSON object.
 Poco::JSON::Object::Ptr parseMessage(const std::string& payload) {
     Poco::JSON::Object::Ptr object;
-    contained(log, [&] {
+    logExceptions(log, [&] {
         object = Poco::JSON::Parser().parse(payload).extract<Poco::JSON::Object::Ptr>();
     });
     if (!object) log.error("json msg is empty");
@@ -241,7 +241,7 @@ void handleJson(const MqttClient::JsonMessageHandler& handler, const MQTTClient_
 MqttClient::MessageHandler jsonHandler(MqttClient::JsonMessageHandler handler) {
     return [handler = std::move(handler)](MQTTClient_message* message, const std::string& topic) {
         if (!message || !message->payload || message->payloadlen <= 0) return;
-        contained(log, [&] { handleJson(handler, *message, topic); });
+        logExceptions(log, [&] { handleJson(handler, *message, topic); });
     };
 }
 
@@ -398,7 +398,7 @@ void MqttClient::endSession(MQTTClient handle) {
 bool MqttClient::askAfterConnect(int rc) {
     const auto callback = callbackCopy(_connect_callback);
     bool again = false;
-    if (callback) contained(log, [&] { again = callback(rc); });
+    if (callback) logExceptions(log, [&] { again = callback(rc); });
     return again;
 }
 
@@ -455,7 +455,7 @@ void MqttClient::connlost(void* context, char* cause) {
         log.error("context is null");
         return;
     }
-    contained(log, [&] {
+    logExceptions(log, [&] {
         const CallbackGate::Visit visit(gate(), context);
         if (visit.client()) visit.client()->sessionLost(context, cause ? cause : "");
     });
@@ -482,7 +482,7 @@ bool MqttClient::askAfterLoss(const std::weak_ptr<MqttClient>& weak, const std::
     if (!client) return false;
     const auto callback = client->callbackCopy(client->_connection_lost_callback);
     bool again = false;
-    if (callback) contained(log, [&] { again = callback(cause); });
+    if (callback) logExceptions(log, [&] { again = callback(cause); });
     return again;
 }
 
@@ -512,7 +512,7 @@ void MqttClient::Subscribe(std::function<void(MQTTClient_message*, std::string)>
                            std::string topic, int qos) {
     const auto subscribe = [handler = std::move(handler), topic = std::move(topic),
                             qos](MqttClient& client) {
-        contained(log, [&] { client.Subscribe_l(handler, topic, qos); });
+        logExceptions(log, [&] { client.Subscribe_l(handler, topic, qos); });
     };
     try {
         mqttPool().start([weak = weak_from_this(), subscribe] {
@@ -546,7 +546,7 @@ void MqttClient::Subscribe_l(const MessageHandler& handler, const std::string& t
 
 void MqttClient::Unsubscribe(std::string topic) {
     offLibraryThread([topic = std::move(topic)](MqttClient& client) {
-        contained(log, [&] { client.Unsubscribe_l(topic); });
+        logExceptions(log, [&] { client.Unsubscribe_l(topic); });
     });
 }
 
@@ -639,7 +639,7 @@ void MqttClient::delivered(void* context, MQTTClient_deliveryToken token) {
         return;
     }
     libraryHoldsItsLock = true;
-    contained(log, [&] {
+    logExceptions(log, [&] {
         const CallbackGate::Visit visit(gate(), context);
         if (visit.client()) visit.client()->messageDelivered(token);
     });
@@ -663,11 +663,11 @@ int MqttClient::msgarrvd(void* context, char* topicName, int /*topicLen*/,
         return kMessageTaken;
     }
     int outcome = kMessageLeft;
-    contained(log, [&] {
+    logExceptions(log, [&] {
         CallbackGate::Visit visit(gate(), context);
         const auto copy = visit.copy(topicName, message);
         if (!copy) return;
-        contained(log, [&] { visit.client()->dispatch(copy->payload, copy->topic); });
+        logExceptions(log, [&] { visit.client()->dispatch(copy->payload, copy->topic); });
         if (visit.release(topicName, message)) outcome = kMessageTaken;
     });
     return outcome;
@@ -688,7 +688,7 @@ void MqttClient::dispatch(const std::string& payload, const std::string& topic) 
     if (!quiet) log.information(format("Begin handle msg, topic: %s", topic));
     for (const MessageHandler& handler : handlers) {
         if (!handler) continue;
-        contained(log, [&] { submitMessageTask(messageTask(handler, payload, topic, quiet)); });
+        logExceptions(log, [&] { submitMessageTask(messageTask(handler, payload, topic, quiet)); });
     }
 }
 

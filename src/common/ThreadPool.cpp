@@ -18,8 +18,8 @@
 #include <list>
 #include <mutex>
 
-#include "internal/ExitHooks.h"
-#include "internal/Log.h"
+#include "internal/log/UnitLog.h"
+#include "internal/process/LibraryStop.h"
 
 namespace kel {
 
@@ -101,7 +101,7 @@ ThreadPool::~ThreadPool() {
 
 ThreadPool& ThreadPool::defaultPool() {
     static const auto& pool = *new std::shared_ptr<ThreadPool>([] {
-        onLibraryStop(ExitStage::kTaskPools, [] { defaultPool().stop(); });
+        onLibraryStop(StopStage::kTaskPools, [] { defaultPool().stop(); });
         return new ThreadPool("default", 1, 32, 60, 0);
     }());
     return *pool;

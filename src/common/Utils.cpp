@@ -21,10 +21,10 @@
 #include <tuple>
 #include <utility>
 
-#include "internal/Log.h"
-#include "internal/Paths.h"
-#include "internal/Platform.h"
-#include "internal/ServerUri.h"
+#include "internal/log/UnitLog.h"
+#include "internal/mqtt/ServerUri.h"
+#include "internal/platform/Paths.h"
+#include "internal/platform/Platform.h"
 
 namespace kel {
 
@@ -214,7 +214,7 @@ unsigned int GetCRC32(unsigned int crc, unsigned char* buffer, int length) {
 bool findProcessByName(const std::string& name, std::vector<unsigned long>& pids) {
     // A process that has just ended has no name any more.
     if (!name.empty()) {
-        contained(log, [&] {
+        logExceptions(log, [&] {
             const auto found = platform::processesByName(name);
             pids.insert(pids.end(), found.begin(), found.end());
         });

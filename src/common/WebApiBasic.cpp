@@ -14,8 +14,8 @@
 #include <Poco/URI.h>
 
 #include "HttpServer.h"
-#include "internal/JsonBody.h"
-#include "internal/Log.h"
+#include "internal/http/JsonBody.h"
+#include "internal/log/UnitLog.h"
 
 namespace kel {
 
@@ -25,21 +25,6 @@ using Poco::Net::HTTPServerResponse;
 namespace {
 
 constexpr UnitLog log("src/common/WebApiBasic");
-
-// Logs what leaves `call` and passes it on: the server turns it into what the client receives, but
-// tells nobody.
-template <typename Call>
-void loggingFailure(Call&& call, int line = __builtin_LINE()) {
-    try {
-        call();
-    } catch (const std::exception& exc) {
-        log.error(exc, line);
-        throw;
-    } catch (...) {
-        log.error("unknown exception", line);
-        throw;
-    }
-}
 
 void logRegistration(const std::string& path) {
     log.information(Poco::format("web api regist: %s", path));
@@ -97,7 +82,7 @@ void WebApiBasic::answerJson(const Handler& handler, HTTPServerRequest& request,
                              HTTPServerResponse& response, const ApiParams& params,
                              const Body&... body) {
     if (!handler) return apiNotFound(response);
-    loggingFailure([&] {
+    logAndRethrow(log, [&] {
         Poco::JSON::Object result;
         handler(request, response, params, result, *body...);
         if (result.size() > 0) result.stringify(response.send(), 0, -1);
@@ -192,7 +177,7 @@ void WebApiBasic::dispatch(HTTPServerRequest& request, HTTPServerResponse& respo
         if (found != _apis.end()) route = found->second;
     }
     if (!route) return apiNotFound(response);
-    loggingFailure([&] { (*route)(request, response, queryParameters(uri)); });
+    logAndRethrow(log, [&] { (*route)(request, response, queryParameters(uri)); });
 }
 
 }  // namespace kel

@@ -12,8 +12,8 @@
 #include <set>
 
 #include "Config.h"
-#include "internal/ExitHooks.h"
-#include "internal/JsonBody.h"
+#include "internal/http/JsonBody.h"
+#include "internal/process/LibraryStop.h"
 
 namespace kel {
 
@@ -105,7 +105,7 @@ void WebHookBasic::reportServerStarted() {
 void WebHookBasic::reportServerKeepalive() {
     static const bool enable = hookEnabled();
     if (!enable) return;
-    static const bool registered = (onLibraryStop(ExitStage::kRequests, &stopTimers), true);
+    static const bool registered = (onLibraryStop(StopStage::kRequests, &stopTimers), true);
     const std::lock_guard<std::mutex> lock(timers().mutex);
     if (!registered || timers().stopped) return;
     timers().hooks.insert(this);

@@ -3,10 +3,10 @@
 #include <common/Config.h>
 #include <common/HttpClient.h>
 #include <common/HttpServer.h>
+#include <common/Library.h>
 #include <common/Logger.h>
 #include <common/MqttClient++.h>
 #include <common/NotificationCenter.h>
-#include <common/Shutdown.h>
 #include <common/ThreadPool.h>
 #include <common/Utils.h>
 #include <common/WebApiBasic.h>

@@ -11,7 +11,7 @@
 #include <system_error>
 #include <thread>
 
-#include "common/internal/Platform.h"
+#include "common/internal/platform/Platform.h"
 
 namespace fs = std::filesystem;
 namespace platform = kel::platform;

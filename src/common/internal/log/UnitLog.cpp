@@ -1,4 +1,4 @@
-#include "Log.h"
+#include "UnitLog.h"
 
 #include <Poco/Exception.h>
 #include <Poco/Logger.h>
@@ -6,7 +6,7 @@
 
 #include <atomic>
 
-#include "../Logger.h"
+#include "../../Logger.h"
 
 namespace kel {
 

@@ -33,7 +33,7 @@ std::string exceptionText(const std::exception& exc);
 /// Runs `call` at an edge that no exception may cross: what it throws is logged.
 /// @return whether it threw nothing.
 template <typename Call>
-bool contained(const UnitLog& log, Call&& call, int line = __builtin_LINE()) {
+bool logExceptions(const UnitLog& log, Call&& call, int line = __builtin_LINE()) {
     try {
         call();
         return true;
@@ -43,6 +43,20 @@ bool contained(const UnitLog& log, Call&& call, int line = __builtin_LINE()) {
         log.error("unknown exception", line);
     }
     return false;
+}
+
+/// Logs what leaves `call` and passes it on, where somebody else deals with it but tells nobody.
+template <typename Call>
+void logAndRethrow(const UnitLog& log, Call&& call, int line = __builtin_LINE()) {
+    try {
+        call();
+    } catch (const std::exception& exc) {
+        log.error(exc, line);
+        throw;
+    } catch (...) {
+        log.error("unknown exception", line);
+        throw;
+    }
 }
 
 }  // namespace kel

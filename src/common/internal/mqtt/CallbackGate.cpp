@@ -23,7 +23,7 @@
 #include <thread>
 #include <utility>
 
-#include "../MqttClient++.h"
+#include "../../MqttClient++.h"
 
 namespace kel {
 

@@ -1,39 +1,44 @@
-// Shutdown.cpp - the one place where the process's end meets the library's threads.
+// Library.cpp - the one place where the process's end meets the library's threads.
 //
 // Everything process-wide in the library is created on first use and never destroyed, so that the
 // order of static destructors does not matter. The only static object with a destructor of its own
 // is the one below; it stops the threads, stage by stage.
 
-#include "Shutdown.h"
+#include "Library.h"
 
 #include <Poco/NotificationCenter.h>
 
+#include <algorithm>
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <vector>
 
-#include "internal/ExitHooks.h"
-#include "internal/Log.h"
-#include "internal/Platform.h"
+#include "internal/log/UnitLog.h"
+#include "internal/platform/Platform.h"
+#include "internal/process/LibraryStop.h"
+#include "internal/process/NeverDestroyed.h"
 
 namespace kel {
 
 namespace {
 
+std::atomic<bool> ending{false};
+
 struct Hooks {
     std::mutex mutex;
-    std::map<ExitStage, std::vector<void (*)()>> byStage;
+    std::map<StopStage, std::vector<void (*)()>> byStage;  // guarded by mutex
 };
 
 Hooks& hooks() {
-    static auto* instance = new Hooks;
+    static NeverDestroyed<Hooks> instance;
     return *instance;
 }
 
 // Takes the hooks of the earliest stage out; empty when none is left.
 std::vector<void (*)()> takeNextStage() {
     Hooks& all = hooks();
-    std::lock_guard<std::mutex> lock(all.mutex);
+    const std::lock_guard<std::mutex> lock(all.mutex);
     if (all.byStage.empty()) return {};
     return std::move(all.byStage.extract(all.byStage.begin()).mapped());
 }
@@ -42,18 +47,30 @@ struct AtProcessEnd {
     // From 1.13 on POCO makes its center on first use; handlers may post until it is our turn.
     AtProcessEnd() { Poco::NotificationCenter::defaultCenter(); }
 
+    // A forked child has none of our threads: it has nothing to stop, and waiting would not end.
     ~AtProcessEnd() {
+        if (platform::currentProcessId() != process) return;
+        ending = true;
         if (platform::canJoinAtExit()) stopLibrary();
         endLogging();
     }
+
+    const unsigned long process = platform::currentProcessId();
 } atProcessEnd;
 
 }  // namespace
 
-void onLibraryStop(ExitStage stage, void (*stop)()) {
+void onLibraryStop(StopStage stage, void (*stop)()) {
     Hooks& all = hooks();
-    std::lock_guard<std::mutex> lock(all.mutex);
-    all.byStage[stage].push_back(stop);
+    const std::lock_guard<std::mutex> lock(all.mutex);
+    auto& registered = all.byStage[stage];
+    if (std::find(registered.begin(), registered.end(), stop) == registered.end()) {
+        registered.push_back(stop);
+    }
+}
+
+bool processIsEnding() noexcept {
+    return ending;
 }
 
 void stopLibrary() noexcept {
