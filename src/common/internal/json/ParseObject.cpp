@@ -4,6 +4,8 @@
 #include <Poco/JSON/ParseHandler.h>
 #include <Poco/JSON/Parser.h>
 
+#include <sstream>
+
 namespace kel {
 
 namespace {
@@ -61,6 +63,26 @@ Poco::JSON::Object::Ptr parseJsonObject(const std::string& text, const JsonLimit
     Poco::JSON::Parser parser(new CountingHandler(limits.values));
     parser.setDepth(limits.depth);
     return parser.parse(text).extract<Poco::JSON::Object::Ptr>();
+}
+
+TextPlace placeOfJsonError(const std::string& text) {
+    std::istringstream in(text);
+    try {
+        Poco::JSON::Parser().parse(in);
+    } catch (const Poco::Exception&) {
+        // The caller knows what is wrong.
+    }
+    const std::streamoff taken = in.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::in);
+    TextPlace place;
+    for (std::streamoff i = 0; i + 1 < taken; ++i) {
+        if (text[static_cast<std::size_t>(i)] == '\n') {
+            ++place.line;
+            place.column = 1;
+        } else {
+            ++place.column;
+        }
+    }
+    return place;
 }
 
 }  // namespace kel

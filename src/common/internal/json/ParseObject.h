@@ -28,4 +28,14 @@ struct JsonLimits {
 /// Threads: any.
 Poco::JSON::Object::Ptr parseJsonObject(const std::string& text, const JsonLimits& limits = {});
 
+/// A byte of a text; both counted from 1.
+struct TextPlace {
+    std::size_t line = 1;
+    std::size_t column = 1;
+};
+
+/// The last byte of `text` that the parser takes: where `text` is no JSON, the place of the fault.
+/// Costs as much as parsing. Threads: any.
+TextPlace placeOfJsonError(const std::string& text);
+
 }  // namespace kel

@@ -193,9 +193,10 @@ std::string processName(const fs::path& entry) {
     return fs::path(withoutDeletedMark(exe.string())).filename().string();
 }
 
-// Somebody may have put a file in its place.
+// A file may stand in the place of the directory, or of a parent: that has one text.
 void requireDirectory(const std::string& path, std::error_code failed) {
-    if (!failed && !fs::is_directory(path, failed) && !failed) {
+    const bool exists = !failed || failed == std::errc::file_exists;
+    if (exists && !fs::is_directory(path, failed)) {
         failed = std::make_error_code(std::errc::not_a_directory);
     }
     if (failed) throw std::system_error(failed, "create directory " + path);
