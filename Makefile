@@ -31,8 +31,8 @@ test-windows:
 
 bench:
 	@scripts/install-deps
-	@scripts/build release PublishBench
-	@PATH=$$PATH:/usr/sbin build/release/bench/PublishBench
+	@scripts/build bench PublishBench
+	@PATH=$$PATH:/usr/sbin build/bench/bench/PublishBench
 
 format:
 	@scripts/format
