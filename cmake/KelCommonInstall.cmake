@@ -11,9 +11,16 @@ install(TARGETS KelCommon EXPORT KelCommonTargets
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/KelCommon)
 install(FILES ${KEL_PUBLIC_HEADERS}
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/KelCommon/common COMPONENT development)
-if(TARGET edge_host)
+if(KEL_BUILD_EXAMPLES)
     install(TARGETS edge_host minimal_host
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+    # Below /usr the loader finds the library by itself; elsewhere it looks beside the host.
+    if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+        set_target_properties(edge_host minimal_host PROPERTIES
+            INSTALL_RPATH $ORIGIN/../${CMAKE_INSTALL_LIBDIR})
+    endif()
+    install(DIRECTORY packaging/systemd packaging/logrotate
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kelcommon-tools/examples COMPONENT tools)
 endif()
 
 set(KEL_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/KelCommon)
