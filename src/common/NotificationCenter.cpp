@@ -104,6 +104,7 @@ void awaitEnd(const WorkInProgress& calls) {
 
 // What POCO holds, in a copy of its own. No `override`: which of the two accepts() is virtual
 // depends on the release of POCO.
+// NOLINTBEGIN(modernize-use-override)
 class NotificationCenter::Relay : public Poco::AbstractObserver {
 public:
     explicit Relay(std::shared_ptr<Slot> slot) : _slot(std::move(slot)) {}
@@ -125,6 +126,7 @@ public:
 private:
     std::shared_ptr<Slot> _slot;
 };
+// NOLINTEND(modernize-use-override)
 
 std::shared_ptr<Observer> Observer::createInstance(
     std::string name, std::function<void(Poco::Notification*)> callback) {

@@ -32,6 +32,7 @@ public:
     /// Calls the callback and leaves the reference count of `notification` alone.
     void handle(Poco::Notification* notification);
 
+    /// The name under which a center knows the observer.
     std::string name();
 
 private:

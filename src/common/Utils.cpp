@@ -11,8 +11,6 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
-#include <mutex>
 #include <set>
 #include <sstream>
 #include <stdexcept>

@@ -13,6 +13,7 @@
 #include <common/WebApiBasic.h>
 #include <common/WebHookBasic.h>
 
+#include <cstdlib>
 #include <iostream>
 
 static void expect(bool holds, const char* what) {
