@@ -1,6 +1,7 @@
 #include "common/Utils.h"
 
 #include <Poco/Exception.h>
+#include <Poco/JSON/JSONException.h>
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/StreamSocket.h>
 #include <gtest/gtest.h>
@@ -18,6 +19,7 @@
 
 #include "CapturedLog.h"
 #include "Sandbox.h"
+#include "common/internal/json/ParseObject.h"
 #include "common/internal/mqtt/BrokerHost.h"
 #include "common/internal/mqtt/ServerUri.h"
 
@@ -90,6 +92,32 @@ TEST(Json, TextGoesToAnObjectAndBackSortedAndCompact) {
         const CapturedLog log;
         EXPECT_TRUE(stringToJson(text).isNull()) << text;
         expectLogged(log, "", 193);
+    }
+}
+
+TEST(Json, TextsOverTheLimitsAreGivenUpBeforeTheyTakeMemory) {
+    const JsonLimits limits{40, 3, 6};
+    const std::string filled = R"({"a":[{},1,2.5],"b":"x"})", deep = R"({"a":[[]]})";
+    for (const std::string& within :
+         {filled, deep, filled + std::string(40 - filled.size(), ' ')}) {
+        EXPECT_FALSE(parseJsonObject(within, limits).isNull()) << within;
+    }
+    const std::vector<std::tuple<std::string, JsonLimits, std::string>> cases = {
+        {filled, {40, 3, 5}, "more values than 5"},
+        {filled, {40, 3, 1}, "more values than 1"},
+        {filled, {24, 3, 6}, ""},
+        {filled, {23, 3, 6}, "more bytes than 23"},
+        {deep, {40, 2, 6}, "Maximum depth exceeded"},
+        {R"([null])", {40, 3, 1}, "more values than 1"},
+    };
+    for (const auto& [text, tight, reason] : cases) {
+        std::string refusal;
+        try {
+            parseJsonObject(text, tight);
+        } catch (const Poco::JSON::JSONException& exc) {
+            refusal = exc.message();
+        }
+        EXPECT_EQ(refusal, reason) << text;
     }
 }
 

@@ -32,6 +32,7 @@ namespace {
 std::atomic<bool> ending{false};
 
 struct Hooks {
+    std::atomic<unsigned long> process{0};  // whose threads they stop
     std::mutex mutex;
     std::map<StopStage, std::vector<void (*)()>> byStage;  // guarded by mutex
 };
@@ -39,6 +40,12 @@ struct Hooks {
 Hooks& hooks() {
     static NeverDestroyed<Hooks> instance;
     return *instance;
+}
+
+// A forked child has none of our threads: waiting for those of its parent would not end. It may
+// have started its own.
+bool areOfThisProcess(const Hooks& all) {
+    return all.process == platform::currentProcessId();
 }
 
 using StopFunctions = std::vector<void (*)()>;
@@ -68,15 +75,11 @@ struct AtProcessEnd {
     // From 1.13 on POCO makes its center on first use; handlers may post until it is our turn.
     AtProcessEnd() { Poco::NotificationCenter::defaultCenter(); }
 
-    // A forked child has none of our threads: it has nothing to stop, and waiting would not end.
     ~AtProcessEnd() {
-        if (platform::currentProcessId() != process) return;
         ending = true;
         if (platform::canJoinAtExit()) stopLibrary();
         endLogging();
     }
-
-    const unsigned long process = platform::currentProcessId();
 } atProcessEnd;
 
 }  // namespace
@@ -84,6 +87,8 @@ struct AtProcessEnd {
 void onLibraryStop(StopStage stage, void (*stop)()) {
     Hooks& all = hooks();
     const std::lock_guard<std::mutex> lock(all.mutex);
+    if (!areOfThisProcess(all)) all.byStage.clear();
+    all.process = platform::currentProcessId();
     auto& registered = all.byStage[stage];
     if (std::find(registered.begin(), registered.end(), stop) == registered.end()) {
         registered.push_back(stop);
@@ -99,6 +104,7 @@ const char* version() noexcept {
 }
 
 void stopLibrary() noexcept {
+    if (!areOfThisProcess(hooks())) return;
     // One at a time, so that a second call cannot stop the logging while the first still stops what
     // logs. Recursive, since work that is waited for may itself call exit().
     static NeverDestroyed<std::recursive_mutex> oneAtATime;
