@@ -68,15 +68,17 @@ std::string narrow(const std::wstring& text) {
     return utf8;
 }
 
-// A path as the calls take it, "/" within and longer than MAX_PATH too. From 248 characters on,
-// where folders begin to fail, only the prefix helps, and it allows no "/".
-std::wstring widePath(const std::string& path) {
+// A path as the calls take it. From 248 characters on, where folders begin to fail, it needs a
+// prefix and is then read as it stands: with no slash and no separator twice.
+std::wstring forAnyLength(const std::string& path) {
     constexpr std::size_t kLong = 248;
     std::wstring text = wide(path);
     std::replace(text.begin(), text.end(), L'/', L'\\');
     if (text.size() < kLong || text.starts_with(L"\\\\?\\")) return text;
-    if (text.starts_with(L"\\\\")) return L"\\\\?\\UNC" + text.substr(1);
-    return L"\\\\?\\" + text;
+    const bool onServer = text.starts_with(L"\\\\");
+    const auto twice = [](wchar_t a, wchar_t b) { return a == L'\\' && b == L'\\'; };
+    text.erase(std::unique(text.begin(), text.end(), twice), text.end());
+    return (onServer ? L"\\\\?\\UNC" : L"\\\\?\\") + text;
 }
 
 bool heldByAnother(DWORD error) {
@@ -97,7 +99,7 @@ bool succeedsSoon(Call&& call) {
 }
 
 void refuseReadOnly(const std::string& path) {
-    const DWORD attributes = ::GetFileAttributesW(widePath(path).c_str());
+    const DWORD attributes = ::GetFileAttributesW(forAnyLength(path).c_str());
     if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY)) {
         ::SetLastError(ERROR_ACCESS_DENIED);
         fail("write read-only file", path);
@@ -137,7 +139,7 @@ void writeAll(HANDLE file, const std::string& content, const std::string& path) 
 void writeNewFile(const std::string& path, const std::string& content) {
     HANDLE file = INVALID_HANDLE_VALUE;
     const bool created = succeedsSoon([&] {
-        file = ::CreateFileW(widePath(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+        file = ::CreateFileW(forAnyLength(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
                              FILE_ATTRIBUTE_NORMAL, nullptr);
         return file != INVALID_HANDLE_VALUE;
     });
@@ -207,7 +209,7 @@ std::string executablePath() {
 }
 
 void createDirectories(const std::string& path) {
-    std::wstring folder = widePath(path);
+    std::wstring folder = forAnyLength(path);
     while (folder.ends_with(L'\\')) folder.pop_back();
     createWithParents(folder, path);
 }
@@ -218,7 +220,7 @@ void createPrivateDirectory(const std::string& path) {
 
 std::optional<std::pair<std::uint64_t, std::uint64_t>> directoryIdentity(const std::string& path) {
     const HANDLE folder =
-        ::CreateFileW(widePath(path).c_str(), FILE_READ_ATTRIBUTES,
+        ::CreateFileW(forAnyLength(path).c_str(), FILE_READ_ATTRIBUTES,
                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                       OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
     if (folder == INVALID_HANDLE_VALUE) return {};
@@ -234,9 +236,9 @@ void replaceFileContent(const std::string& path, const std::string& content) {
     const std::string neighbour = path + ".tmp";
     try {
         writeNewFile(neighbour, content);
-        if (!renameOver(widePath(neighbour), widePath(path))) fail("replace", path);
+        if (!renameOver(forAnyLength(neighbour), forAnyLength(path))) fail("replace", path);
     } catch (...) {
-        ::DeleteFileW(widePath(neighbour).c_str());
+        ::DeleteFileW(forAnyLength(neighbour).c_str());
         throw;
     }
 }
