@@ -27,7 +27,9 @@ std::atomic<bool> ending{false};
 
 struct Hooks {
     std::mutex mutex;
-    std::map<StopStage, std::vector<void (*)()>> byStage;  // guarded by mutex
+    // Guarded by mutex.
+    std::map<StopStage, std::vector<void (*)()>> byStage;
+    unsigned long process = platform::currentProcessId();  // whose threads these stop
 };
 
 Hooks& hooks() {
@@ -47,15 +49,14 @@ struct AtProcessEnd {
     // From 1.13 on POCO makes its center on first use; handlers may post until it is our turn.
     AtProcessEnd() { Poco::NotificationCenter::defaultCenter(); }
 
-    // A forked child has none of our threads: it has nothing to stop, and waiting would not end.
+    // A forked child has only the threads that it has started itself; waiting for others would not
+    // end.
     ~AtProcessEnd() {
-        if (platform::currentProcessId() != process) return;
+        if (platform::currentProcessId() != hooks().process) return;
         ending = true;
         if (platform::canJoinAtExit()) stopLibrary();
         endLogging();
     }
-
-    const unsigned long process = platform::currentProcessId();
 } atProcessEnd;
 
 }  // namespace
@@ -63,6 +64,10 @@ struct AtProcessEnd {
 void onLibraryStop(StopStage stage, void (*stop)()) {
     Hooks& all = hooks();
     const std::lock_guard<std::mutex> lock(all.mutex);
+    if (const auto process = platform::currentProcessId(); process != all.process) {
+        all.byStage.clear();
+        all.process = process;
+    }
     auto& registered = all.byStage[stage];
     if (std::find(registered.begin(), registered.end(), stop) == registered.end()) {
         registered.push_back(stop);

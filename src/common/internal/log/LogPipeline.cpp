@@ -16,6 +16,9 @@ constexpr std::size_t kBlockBytes = std::size_t{64} << 10;
 constexpr std::size_t kSpareBlocks = 16;
 // A thread that has something to do, but may not yet, looks again after this time.
 constexpr std::chrono::milliseconds kLookAgain(50);
+// A thread that has just written looks by itself once more after this time, so that callers who log
+// line after line need not wake it for each: that costs more than the line.
+constexpr std::chrono::microseconds kDoze(200);
 
 // What the threads log themselves waits for no room, which only they could make.
 thread_local bool onPipelineThread = false;
@@ -136,7 +139,8 @@ void LogPipeline::log(const Poco::Message& message) {
         writeAtOnce(message);
         return;
     }
-    const bool wake = _records.empty() && _resting > 0;
+    const bool urgent = record.priority <= Poco::Message::PRIO_ERROR;
+    const bool wake = (_records.empty() && _resting > 0) || urgent;
     append(record);
     lock.unlock();
     if (wake) _work.notify_one();
@@ -186,7 +190,11 @@ void LogPipeline::run(const OutputPtr& self) {
     }
 }
 
-void LogPipeline::rest(const Output& output, Lock& lock) {
+void LogPipeline::rest(Output& output, Lock& lock) {
+    if (std::exchange(output.awake, false)) {
+        _work.wait_for(lock, kDoze);
+        return;
+    }
     ++_resting;
     if (_records.empty() && output.backlog.empty()) {
         _work.wait(lock);
@@ -218,6 +226,7 @@ bool LogPipeline::mayWrite(const Output& output) const {
 void LogPipeline::writeNext(Output& output, Lock& lock) {
     const LineBlockPtr block = output.backlog.front();
     output.busy = true;
+    output.awake = true;
     lock.unlock();
     const bool written = output.sink->write(*block, output.progress);
     lock.lock();
@@ -279,8 +288,8 @@ void LogPipeline::give(Output& output, const LineBlockPtr& block) {
 
 void LogPipeline::tellGap(Output& output) {
     const bool file = &output == _file.get();
-    const LineBlockPtr line = gapLine(
-        output.gap, file ? "the log file could not be written" : "the console took none");
+    const LineBlockPtr line =
+        gapLine(output.gap, file ? "the log file could not be written" : "the console took none");
     output.gap = 0;
     output.backlog.push_back(line);
     output.bytes += line->text.size();

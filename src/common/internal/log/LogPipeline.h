@@ -29,10 +29,10 @@ namespace kel {
 /// its own. A caller copies its line into a queue and returns. Whichever of the two threads is free
 /// takes the queue's next block, formats it once and hands it to both.
 ///
-/// Bounds, all in bytes: beyond `queueBytes` of unformatted lines callers wait; beyond `backlogBytes`
-/// of formatted lines for one output nothing more is formatted until that one has gone on. The
-/// exceptions: a console that has taken nothing for `patience`, and a file that refuses to be
-/// written, lose their lines beyond that bound; a line in their place tells how many.
+/// Bounds, all in bytes: beyond `queueBytes` of unformatted lines callers wait; beyond
+/// `backlogBytes` of formatted lines for one output nothing more is formatted until that one has
+/// gone on. The exceptions: a console that has taken nothing for `patience`, and a file that
+/// refuses to be written, lose their lines beyond that bound; a line in their place tells how many.
 ///
 /// Threads: any, unless an operation says otherwise. Must never be destroyed once it has started,
 /// since a thread that waits for a disk may have to be left behind.
@@ -75,10 +75,10 @@ public:
     /// One line. Waits only while the queue is full, or while end() writes out what there is.
     void log(const Poco::Message& message);
 
-    /// Writes out what there is, however long it takes, as long as an output makes progress; one that
-    /// makes none for `patience` is given up. Ends the threads and closes the file. Lines logged
-    /// afterwards are written by the thread that logs them. Not on a thread that holds a lock which a
-    /// logging thread needs. Repeatable.
+    /// Writes out what there is, however long it takes, as long as an output makes progress; one
+    /// that makes none for `patience` is given up. Ends the threads and closes the file. Lines
+    /// logged afterwards are written by the thread that logs them. Not on a thread that holds a
+    /// lock which a logging thread needs. Repeatable.
     void end();
 
     /// Gives every later line to `successor`. After end().
@@ -106,10 +106,11 @@ private:
         std::deque<LineBlockPtr> backlog;
         std::size_t bytes = 0;
         bool busy = false;     // its thread is in the sink
+        bool awake = false;    // has written since it last found nothing to do
         bool failing = false;  // the last write failed
         bool givenUp = false;
         Progress::Clock::time_point notBefore;  // the next attempt, while it is failing
-        std::uint64_t gap = 0;                  // lines lost since the last one that is in the backlog
+        std::uint64_t gap = 0;  // lines lost since the last one that is in the backlog
         std::uint64_t dropped = 0;
         std::uint64_t written = 0;
         std::thread thread;
@@ -123,7 +124,7 @@ private:
     void exchangeFile(Output& output, Lock& lock);
     bool mayFormat() const;
     void formatNext(Lock& lock);
-    void rest(const Output& output, Lock& lock);
+    void rest(Output& output, Lock& lock);
 
     bool hasRoom(const Output& output) const;
     bool mayDrop(const Output& output) const;

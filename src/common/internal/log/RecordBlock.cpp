@@ -31,9 +31,12 @@ void put(char*& to, std::string_view text) noexcept {
 }  // namespace
 
 LogRecord recordOf(const Poco::Message& message) noexcept {
-    return {message.getTime().epochMicroseconds(), static_cast<int>(message.getPriority()),
-            message.getSourceLine(),               message.getSource(),
-            baseName(message.getSourceFile()),     message.getText()};
+    return {message.getTime().epochMicroseconds(),
+            static_cast<int>(message.getPriority()),
+            message.getSourceLine(),
+            message.getSource(),
+            baseName(message.getSourceFile()),
+            message.getText()};
 }
 
 std::size_t RecordBlock::sizeOf(const LogRecord& record) noexcept {
