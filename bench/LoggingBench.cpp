@@ -1,7 +1,7 @@
 // What a line costs its caller, and how many lines a second are written: the library's logger, the
-// same POCO channels wired by hand, and spdlog's asynchronous logger, each with a console and a file.
-// Standard error, the console of all three, is /dev/null meanwhile. Each measurement is a process of
-// its own, all take turns, and a figure counts only when the file has every line.
+// same POCO channels wired by hand, and spdlog's asynchronous logger, each with a console and a
+// file. Standard error, the console of all three, is /dev/null meanwhile. Each measurement is a
+// process of its own, all take turns, and a figure counts only when the file has every line.
 
 #include <Poco/AsyncChannel.h>
 #include <Poco/ConsoleChannel.h>
@@ -127,8 +127,7 @@ std::size_t linesIn(const fs::path& folder) {
     return lines;
 }
 
-Result measureHere(MakeContender make, int threads, int lines,
-                   const fs::path& folder) {
+Result measureHere(MakeContender make, int threads, int lines, const fs::path& folder) {
     const Contender contender = make(folder);
     std::vector<double> took(static_cast<std::size_t>(threads));
     const auto work = [&](double& seconds) {
@@ -186,9 +185,9 @@ void compare(const bench::Rounds& rounds, int threads) {
                    {{"POCO by hand", caller(pocoByHand), 0.2},
                     {"spdlog asynchronous", caller(spdlogAsync), 2}},
                    bench::Better::kLower);
-    rounds.contest(title, {"lines/s until written"}, rate(library),
-                   {{"POCO by hand", rate(pocoByHand), 1},
-                    {"spdlog asynchronous", rate(spdlogAsync), 0.8}});
+    rounds.contest(
+        title, {"lines/s until written"}, rate(library),
+        {{"POCO by hand", rate(pocoByHand), 1}, {"spdlog asynchronous", rate(spdlogAsync), 0.8}});
 }
 
 void printMemory() {
@@ -202,8 +201,9 @@ void printMemory() {
 
 int main(int argc, char** argv) {
     return bench::run(argc, argv, [argc](const bench::Rounds& rounds) {
-        rounds.table("Logging", std::to_string(kLines) + " lines to a file and to a console that "
-                                                         "takes everything.");
+        rounds.table("Logging", std::to_string(kLines) +
+                                    " lines to a file and to a console that "
+                                    "takes everything.");
         for (const int threads : {1, 4}) compare(rounds, threads);
         if (argc < 3) printMemory();
     });

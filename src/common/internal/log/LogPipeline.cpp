@@ -13,7 +13,7 @@ namespace kel {
 namespace {
 
 constexpr std::size_t kBlockBytes = std::size_t{64} << 10;
-constexpr std::size_t kSpareBlocks = 16;
+constexpr std::size_t kSpareBlocks = 64;
 // A thread that has something to do, but may not yet, looks again after this time.
 constexpr std::chrono::milliseconds kLookAgain(50);
 // A thread that has just written looks by itself once more after this time, so that callers who log

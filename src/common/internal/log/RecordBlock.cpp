@@ -18,9 +18,11 @@ struct Head {
 };
 
 std::string_view baseName(const char* path) noexcept {
-    const std::string_view whole(path ? path : "");
-    const std::size_t separator = whole.find_last_of(platform::pathSeparators());
-    return separator == std::string_view::npos ? whole : whole.substr(separator + 1);
+    std::string_view name(path ? path : "");
+    for (const char separator : platform::pathSeparators()) {
+        name.remove_prefix(name.rfind(separator) + 1);  // nothing, if it does not occur
+    }
+    return name;
 }
 
 void put(char*& to, std::string_view text) noexcept {
