@@ -1,11 +1,14 @@
 // Platform_posix.cpp - Linux, through POSIX calls and /proc.
 
 #include <arpa/inet.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/ip.h>
 #include <netinet/ip_icmp.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/random.h>
 #include <sys/socket.h>
@@ -20,6 +23,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
+#include <memory>
 #include <system_error>
 #include <thread>
 
@@ -331,9 +336,50 @@ void replaceFileContent(const std::string& path, const std::string& content) {
     }
 }
 
-void enableConsoleColors() noexcept {}
+AppendedFile::AppendedFile(const std::string& path)
+    : _handle(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR)) {
+    if (_handle < 0) fail("open", path);
+}
 
-void writeToConsole(const std::string& text) noexcept {
+AppendedFile::~AppendedFile() {
+    ::close(static_cast<int>(_handle));
+}
+
+std::size_t AppendedFile::write(std::string_view data, std::error_code& failed) noexcept {
+    std::size_t done = 0;
+    while (done < data.size()) {
+        const ssize_t n =
+            ::write(static_cast<int>(_handle), data.data() + done, data.size() - done);
+        if (n > 0) done += static_cast<std::size_t>(n);
+        if (n < 0 && errno != EINTR) {
+            failed.assign(errno, std::generic_category());
+            break;
+        }
+    }
+    return done;
+}
+
+bool AppendedFile::empty() const noexcept {
+    struct stat status {};
+    return ::fstat(static_cast<int>(_handle), &status) == 0 && S_ISREG(status.st_mode) &&
+           status.st_size == 0;
+}
+
+std::string_view lineEnd() noexcept {
+    return "\n";
+}
+
+std::string_view pathSeparators() noexcept {
+    return "/";
+}
+
+void prepareConsole() noexcept {}
+
+bool consoleIsTerminal() noexcept {
+    return ::isatty(STDERR_FILENO) == 1;
+}
+
+void writeToConsole(std::string_view text) noexcept {
     for (std::size_t done = 0; done < text.size();) {
         const ssize_t n = ::write(STDERR_FILENO, text.data() + done, text.size() - done);
         if (n > 0) done += static_cast<std::size_t>(n);
@@ -344,6 +390,35 @@ void writeToConsole(const std::string& text) noexcept {
             return;
         }
     }
+}
+
+// Nothing is known but whether there is room; a reader that takes the rest slowly is waited for.
+void printLine(const std::string& line, std::chrono::milliseconds patience) noexcept {
+    pollfd output{STDOUT_FILENO, POLLOUT, 0};
+    if (::poll(&output, 1, static_cast<int>(patience.count())) == 0) return;
+    try {
+        std::cout << line << std::endl;
+    } catch (...) {
+        // The host has asked its stream to throw.
+    }
+}
+
+void beginBackgroundThread(const char* name) noexcept {
+    sigset_t all;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+    ::pthread_setname_np(::pthread_self(), name);
+}
+
+void keepLoaded() noexcept {
+    Dl_info library{};
+    if (::dladdr(reinterpret_cast<const void*>(&keepLoaded), &library) != 0) {
+        ::dlopen(library.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+    }
+}
+
+void onFork(void (*inChild)()) noexcept {
+    ::pthread_atfork(nullptr, nullptr, inChild);
 }
 
 std::vector<unsigned long> processesByName(const std::string& name) {

@@ -19,8 +19,13 @@
 #include <icmpapi.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
+#include <future>
+#include <iostream>
+#include <memory>
 #include <system_error>
+#include <thread>
 
 #include "Platform.h"
 
@@ -79,6 +84,33 @@ std::wstring forAnyLength(const std::string& path) {
     const auto twice = [](wchar_t a, wchar_t b) { return a == L'\\' && b == L'\\'; };
     text.erase(std::unique(text.begin(), text.end(), twice), text.end());
     return (onServer ? L"\\\\?\\UNC" : L"\\\\?\\") + text;
+}
+
+HANDLE asHandle(std::intptr_t handle) {
+    return reinterpret_cast<HANDLE>(handle);
+}
+
+bool isConsole(HANDLE handle) {
+    DWORD mode = 0;
+    return handle && ::GetConsoleMode(handle, &mode);
+}
+
+void writeTo(HANDLE handle, std::string_view text) {
+    while (!text.empty()) {
+        DWORD written = 0;
+        if (!::WriteFile(handle, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) ||
+            written == 0) {
+            return;
+        }
+        text.remove_prefix(written);
+    }
+}
+
+void letColorsThrough(HANDLE handle) {
+    DWORD mode = 0;
+    if (handle && ::GetConsoleMode(handle, &mode)) {
+        ::SetConsoleMode(handle, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+    }
 }
 
 bool heldByAnother(DWORD error) {
@@ -243,18 +275,94 @@ void replaceFileContent(const std::string& path, const std::string& content) {
     }
 }
 
-void enableConsoleColors() noexcept {
-    const HANDLE output = ::GetStdHandle(STD_OUTPUT_HANDLE);
-    DWORD mode = 0;
-    if (output && ::GetConsoleMode(output, &mode)) {
-        ::SetConsoleMode(output, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+AppendedFile::AppendedFile(const std::string& path)
+    : _handle(reinterpret_cast<std::intptr_t>(
+          ::CreateFileW(forAnyLength(path).c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES,
+                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                        OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr))) {
+    if (asHandle(_handle) == INVALID_HANDLE_VALUE) fail("open", path);
+}
+
+AppendedFile::~AppendedFile() {
+    ::CloseHandle(asHandle(_handle));
+}
+
+std::size_t AppendedFile::write(std::string_view data, std::error_code& failed) noexcept {
+    std::size_t done = 0;
+    while (done < data.size()) {
+        DWORD written = 0;
+        if (!::WriteFile(asHandle(_handle), data.data() + done,
+                         static_cast<DWORD>(data.size() - done), &written, nullptr)) {
+            failed.assign(static_cast<int>(::GetLastError()), std::system_category());
+            break;
+        }
+        done += written;
+    }
+    return done;
+}
+
+bool AppendedFile::empty() const noexcept {
+    LARGE_INTEGER size{};
+    return ::GetFileSizeEx(asHandle(_handle), &size) && size.QuadPart == 0;
+}
+
+std::string_view lineEnd() noexcept {
+    return "\r\n";
+}
+
+std::string_view pathSeparators() noexcept {
+    return "/\\";
+}
+
+void prepareConsole() noexcept {
+    letColorsThrough(::GetStdHandle(STD_OUTPUT_HANDLE));
+    letColorsThrough(::GetStdHandle(STD_ERROR_HANDLE));
+    if (consoleIsTerminal()) ::SetConsoleOutputCP(CP_UTF8);
+}
+
+bool consoleIsTerminal() noexcept {
+    return isConsole(::GetStdHandle(STD_ERROR_HANDLE));
+}
+
+void writeToConsole(std::string_view text) noexcept {
+    writeTo(::GetStdHandle(STD_ERROR_HANDLE), text);
+}
+
+// A selection in the window stops a console for as long as it lasts, and nothing tells. So another
+// thread writes, past the C stream, whose lock the end of the process needs.
+void printLine(const std::string& line, std::chrono::milliseconds patience) noexcept {
+    try {
+        const HANDLE output = ::GetStdHandle(STD_OUTPUT_HANDLE);
+        if (!isConsole(output)) {
+            std::cout << line << std::endl;
+            return;
+        }
+        const auto done = std::make_shared<std::promise<void>>();
+        std::thread writer([output, done, text = line + "\r\n"] {
+            writeTo(output, text);
+            done->set_value();
+        });
+        if (done->get_future().wait_for(patience) == std::future_status::ready) {
+            writer.join();
+        } else {
+            keepLoaded();
+            writer.detach();
+        }
+    } catch (...) {
+        // No thread is to be had, or the host has asked its stream to throw.
     }
 }
 
-void writeToConsole(const std::string& text) noexcept {
-    std::fwrite(text.data(), 1, text.size(), stderr);
-    std::fflush(stderr);
+// Threads have neither signals nor, before Windows 10, names.
+void beginBackgroundThread(const char*) noexcept {}
+
+void keepLoaded() noexcept {
+    HMODULE library = nullptr;
+    ::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                         reinterpret_cast<LPCWSTR>(&keepLoaded), &library);
 }
+
+void onFork(void (*)()) noexcept {}
 
 // A snapshot that was refused is no null handle: it has no first process.
 std::vector<unsigned long> processesByName(const std::string& name) {
