@@ -196,19 +196,17 @@ TEST_F(Config, AKilledSaveLeavesACompleteFileAndTheNextOneNothingElse) {
         ::waitpid(child, nullptr, 0);
         const std::string content = contentOf(std::ifstream(_file));
         EXPECT_TRUE(content == versions[0] || content == versions[1]) << content.size();
-        EXPECT_LE(filesInFolder(), 2u);
         EXPECT_EQ(versions[1], saved(values[1]));
         EXPECT_EQ(1u, filesInFolder());
     }
 }
 
 TEST_F(Config, AFolderThatCannotBeUsedHasOneTextWhicheverItIs) {
-    const std::string reason = "create directory " + _directory.string() + "/: Not a directory";
-    _home.write("kelhost");
-    kel::loadConfig();
-    EXPECT_EQ(reason, kel::lastConfigError());
-    fs::remove_all(_home.path);
-    std::ofstream(_home.path) << "a file";
-    kel::loadConfig();
-    EXPECT_EQ(reason, kel::lastConfigError());
+    for (const fs::path& folder : {_directory, _home.path}) {
+        fs::remove_all(folder);
+        std::ofstream(folder) << "a file";
+        kel::loadConfig();
+        EXPECT_EQ("create directory " + _directory.string() + "/: Not a directory",
+                  kel::lastConfigError());
+    }
 }
