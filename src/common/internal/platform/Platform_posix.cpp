@@ -42,14 +42,18 @@ using Bytes = std::vector<unsigned char>;
     throw std::system_error(errno, std::generic_category(), what + " " + path);
 }
 
-// An open file or folder; closed by the destructor.
+// An open file or folder; unlocked and closed by the destructor. Closing alone would leave the lock
+// to a child that another thread has forked meanwhile.
 class Descriptor {
 public:
     Descriptor(const std::string& path, int flags, const char* what)
         : _fd(::open(path.c_str(), flags | O_CLOEXEC, S_IRUSR | S_IWUSR)) {
         if (_fd < 0) fail(what, path);
     }
-    ~Descriptor() { ::close(_fd); }
+    ~Descriptor() {
+        ::flock(_fd, LOCK_UN);
+        ::close(_fd);
+    }
 
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
@@ -108,7 +112,7 @@ void refuseReadOnly(const std::string& path, const FileStatus& file) {
     }
 }
 
-// Held until `file` is closed. Not every file system has such locks; without, it is for the hosts
+// Held as long as `file` lives. Not every file system has such locks; without, it is for the hosts
 // not to save at the same time.
 void lock(const Descriptor& file, const std::string& path) {
     constexpr int kAttempts = 200;
