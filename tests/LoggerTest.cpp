@@ -80,7 +80,11 @@ private:
 
 // Small bounds, so that few lines reach them, on a file of its own.
 struct SmallPipeline {
-    explicit SmallPipeline(const std::string& name) : file(dataHome() + "/kelhost/" + name) {
+    explicit SmallPipeline(const std::string& name,
+                           std::chrono::milliseconds patience = std::chrono::milliseconds(300))
+        : file(dataHome() + "/kelhost/" + name),
+          pipeline(kel::LogPipeline::Limits{std::size_t{1} << 18, std::size_t{1} << 18, patience,
+                                            std::chrono::milliseconds(10)}) {
         fs::create_directories(dataHome() + "/kelhost");
         pipeline->start(false);
     }
@@ -94,9 +98,7 @@ struct SmallPipeline {
     }
 
     const std::string file;
-    kel::NeverDestroyed<kel::LogPipeline> pipeline{
-        kel::LogPipeline::Limits{std::size_t{1} << 18, std::size_t{1} << 18,
-                                 std::chrono::milliseconds(300), std::chrono::milliseconds(10)}};
+    kel::NeverDestroyed<kel::LogPipeline> pipeline;
 };
 
 std::size_t countOf(const std::string& text, const std::string& part) {
@@ -274,7 +276,7 @@ TEST(Logger, AFileThatHangsSilencesNoConsoleAndHoldsUpNoEnd) {
 
 TEST(Logger, ASlowConsoleGetsEveryLineAndHoldsUpOnlyTheEnd) {
     UnreadConsole console;
-    SmallPipeline small("slow.log");
+    SmallPipeline small("slow.log", std::chrono::seconds(20));
     small.pipeline->useFile(small.file);
     std::thread host([&] {
         small.log(20000);

@@ -60,7 +60,7 @@ void switchesTheModeOfAConsole() {
     DWORD plain = 0, switched = 0;
     ::GetConsoleMode(console, &plain);
     ::SetConsoleMode(console, plain & ~DWORD{ENABLE_VIRTUAL_TERMINAL_PROCESSING});
-    platform::enableConsoleColors();
+    platform::prepareConsole();
     ::GetConsoleMode(console, &switched);
     expect(switched == (plain | ENABLE_VIRTUAL_TERMINAL_PROCESSING), "adds the colour flag");
 }

@@ -51,7 +51,7 @@ bool ConsoleSink::write(const LineBlock& block, Progress& progress) {
 
 void ConsoleSink::writeText(std::string_view text, Progress& progress) {
     while (!text.empty()) {
-        const std::string_view piece = text.substr(0, _piece.get());
+        const std::string_view piece = _piece.next(text);
         const auto begin = Progress::Clock::now();
         platform::writeToConsole(piece);
         _piece.took(Progress::Clock::now() - begin);

@@ -78,7 +78,7 @@ bool FileSink::writeRest(const LineBlock& block, Progress& progress) {
     while (_written < text.size()) {
         const auto begin = Progress::Clock::now();
         std::error_code failed;
-        _written += _file->write(text.substr(_written, _piece.get()), failed);
+        _written += _file->write(_piece.next(text.substr(_written)), failed);
         if (failed) {
             fail(failed.message());
             return false;

@@ -213,6 +213,7 @@ void LogPipeline::exchangeFile(Output& output, Lock& lock) {
     lock.lock();
     output.busy = false;
     output.notBefore = {};
+    if (output.givenUp) return;
     if (!_wantedFile) _fileState = opened ? FileState::kOpen : FileState::kRefused;
     _room.notify_all();
 }
@@ -231,11 +232,12 @@ void LogPipeline::writeNext(Output& output, Lock& lock) {
     const bool written = output.sink->write(*block, output.progress);
     lock.lock();
     output.busy = false;
+    if (output.givenUp) return;
     output.failing = !written;
     if (!written) {
         output.notBefore = Progress::Clock::now() + _limits.retryPause;
         if (_closing) giveUp(output);
-    } else if (!output.givenUp) {
+    } else {
         output.backlog.pop_front();
         output.bytes -= block->text.size();
         output.written += block->lines.size();

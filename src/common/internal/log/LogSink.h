@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <string_view>
 
 #include "LineBlock.h"
 
@@ -28,7 +29,10 @@ class PieceSize {
 public:
     explicit PieceSize(std::size_t most) : _most(most) {}
 
-    std::size_t get() const noexcept { return _size; }
+    /// The beginning of `text` to write next. It ends with a line, unless that is very long, so
+    /// that another process that writes to the same place cuts no line in two.
+    std::string_view next(std::string_view text) const noexcept;
+
     void took(std::chrono::nanoseconds duration) noexcept;
 
 private:
