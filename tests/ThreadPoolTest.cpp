@@ -30,6 +30,15 @@ private:
     const std::shared_future<void> _opened = _promise.get_future().share();
 };
 
+class CountingTask : public Poco::Task {
+public:
+    explicit CountingTask(std::atomic<int>& ran) : Task("count"), _ran(ran) {}
+    void runTask() override { ++_ran; }
+
+private:
+    std::atomic<int>& _ran;
+};
+
 // Counts the threads that have called it and have not ended.
 int threadsAlive() {
     static std::atomic<int> alive{0};
@@ -196,15 +205,10 @@ TEST(ThreadPool, TasksThatOutlastItHoldUpItsEndOnceAndStillEnd) {
 }
 
 TEST(TaskManager, EndsWithEveryTaskThatWasStarted) {
-    struct Counting : Poco::Task {
-        explicit Counting(std::atomic<int>& ran) : Task("count"), _ran(ran) {}
-        void runTask() override { ++_ran; }
-        std::atomic<int>& _ran;
-    };
     std::atomic<int> ran{0};
     for (int round = 0; round < 200; ++round) {
         kel::TaskManager manager = {"tasks", 1, 2};
-        for (int i = 0; i < 2; ++i) manager.start(new Counting(ran));
+        for (int i = 0; i < 2; ++i) manager.start(new CountingTask(ran));
     }
     EXPECT_EQ(400, ran);
 }
