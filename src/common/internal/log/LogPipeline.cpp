@@ -18,7 +18,7 @@ constexpr std::size_t kSpareBlocks = 64;
 constexpr std::chrono::milliseconds kLookAgain(50);
 // A thread that has just written looks by itself once more after this time, so that callers who log
 // line after line need not wake it for each: that costs more than the line.
-constexpr std::chrono::microseconds kDoze(200);
+constexpr std::chrono::microseconds kDoze(1000);
 
 // What the threads log themselves waits for no room, which only they could make.
 thread_local bool onPipelineThread = false;
@@ -28,8 +28,15 @@ thread_local bool inSink = false;
 // A forked child has none of the threads, and whatever lock they held stays locked in it.
 std::atomic<bool> inForkedChild{false};
 std::atomic<bool> forkedChildHasColors{false};
-// Earlier paths stay in memory, one a day, because somebody may still read them.
 std::atomic<const std::string*> forkedChildFile{nullptr};
+
+// Earlier paths stay in memory, one a day, because a child may be forked at any moment.
+void setForkedChildFile(const std::string& path) {
+    static NeverDestroyed<std::deque<std::string>> paths;
+    if (!paths->empty() && paths->back() == path) return;
+    paths->push_back(path);
+    forkedChildFile = &paths->back();
+}
 
 // Writes each line at once.
 class ForkedChild {
@@ -106,9 +113,8 @@ void LogPipeline::startThread(const OutputPtr& output, const char* name) {
 }
 
 void LogPipeline::useFile(const std::string& path) {
-    const std::string* last = forkedChildFile;
-    if (!last || *last != path) forkedChildFile = new std::string(path);
     const Lock lock(_mutex);
+    setForkedChildFile(path);
     _wantedFile = path;
     _fileState = FileState::kNotYetKnown;
     _work.notify_all();
