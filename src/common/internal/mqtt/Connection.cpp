@@ -39,10 +39,12 @@
 #include <utility>
 
 #include "../log/UnitLog.h"
+#include "../platform/Platform.h"
 #include "../process/NeverDestroyed.h"
 #include "ConnectTurn.h"
 #include "Dispatcher.h"
 #include "Messaging.h"
+#include "ServerUri.h"
 #include "Topics.h"
 
 namespace kel {
@@ -359,6 +361,9 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
         _lostElsewhere = false;
     }
     const int rc = MQTTClient_connect(_handle, &form);
+    if (rc == 0) {
+        logExceptions(log, [&] { platform::sendAtOnceTo(portOfServerUri(options.address)); });
+    }
     const std::lock_guard<std::mutex> lock(_mutex);
     _connecting = {};
     if (rc == 0 && !_lostElsewhere && !_closed) {

@@ -6,7 +6,7 @@ namespace kel {
 
 namespace {
 
-constexpr int kMostAtQos0 = 4;
+constexpr int kMostAtQos0 = 2;
 constexpr auto kPacePatience = std::chrono::milliseconds(10);
 constexpr auto kAskAgain = std::chrono::milliseconds(100);
 
