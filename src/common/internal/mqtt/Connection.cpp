@@ -6,8 +6,10 @@
 //   events, arrived, spent,  the receive thread, whoever ends a session,       _mutex
 //   callbacks, connecting    connect(), close()
 //
-//   lock order: the library's own, then _mutex or the window's. Nothing calls into the library with
-//   one of ours held.
+//   connect, (un)subscribe   one at a time                                     _answerMutex
+//
+//   lock order: _answerMutex, the library's own, _mutex or the window's. Nothing calls into the
+//   library with one of the last two held.
 //
 // The library's threads are one receive thread for the whole process (msgarrvd without its lock;
 // delivered with it) and one short-lived for each lost session (connlost, while another thread
@@ -354,6 +356,7 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
     // A second connect on a connected handle would leave the first connection's socket behind.
     leaveSession();
     MQTTClient_connectOptions form = libraryOptions(options);
+    const std::lock_guard<std::mutex> answer(_answerMutex);
     {
         const std::lock_guard<std::mutex> lock(_mutex);
         _events = std::move(events);
@@ -433,6 +436,7 @@ int Connection::subscribe(const std::vector<std::string>& filters, std::vector<i
     names.reserve(filters.size());
     for (const std::string& filter : filters) names.push_back(const_cast<char*>(filter.c_str()));
     const Dispatcher::WaitsForBroker wait;
+    const std::lock_guard<std::mutex> answer(_answerMutex);
     return MQTTClient_subscribeMany(_handle, static_cast<int>(names.size()), names.data(),
                                     qos.data());
 }
@@ -442,6 +446,7 @@ int Connection::unsubscribe(const std::string& filter) {
     const Call call(*this);
     if (!call) return MQTTCLIENT_DISCONNECTED;
     const Dispatcher::WaitsForBroker wait;
+    const std::lock_guard<std::mutex> answer(_answerMutex);
     return MQTTClient_unsubscribe(_handle, filter.c_str());
 }
 

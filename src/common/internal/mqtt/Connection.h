@@ -112,6 +112,9 @@ private:
     std::atomic<bool> _closed{false};
     std::atomic<int> _calls{0};  // into the library
 
+    // Held across calls that await an answer: the library keeps only one answer for each handle.
+    std::mutex _answerMutex;
+
     mutable std::mutex _mutex;
     std::condition_variable _returned;
     // Guarded by _mutex, which is taken inside the library's lock and never the other way round.
