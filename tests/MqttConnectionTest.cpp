@@ -72,7 +72,8 @@ struct BlockingItem : Dispatcher::Item {
     std::size_t size = 0;
 };
 
-std::shared_ptr<BlockingItem> item(std::size_t size, std::function<void()> handle = [] {}) {
+std::shared_ptr<BlockingItem> item(
+    std::size_t size, std::function<void()> handle = [] {}) {
     auto made = std::make_shared<BlockingItem>();
     made->size = size;
     made->handle = std::move(handle);

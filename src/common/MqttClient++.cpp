@@ -130,7 +130,7 @@ struct MqttClient::Impl : ConnectionEvents, std::enable_shared_from_this<MqttCli
 
     std::mutex _connectMutex;
     // Guarded by _connectMutex.
-    unsigned _failures = 0;  // in a row
+    unsigned _failures = 0;    // in a row
     unsigned _lossesSeen = 0;  // when the last session began
 
     std::mutex _mutex;
@@ -232,9 +232,8 @@ void MqttClient::Connect(std::function<bool(int)> onConnectResult,
 
 void MqttClient::Impl::startConnecting(bool again) {
     Messaging& messaging = Messaging::instance();
-    messaging.inBackground([&messaging, weak = weak_from_this(), again] {
-        connectTask(messaging, weak, again);
-    });
+    messaging.inBackground(
+        [&messaging, weak = weak_from_this(), again] { connectTask(messaging, weak, again); });
 }
 
 void MqttClient::Impl::connectTask(Messaging& messaging, const Weak& weak, bool again) {
@@ -272,8 +271,8 @@ std::optional<int> MqttClient::Impl::connectOnce(Messaging& messaging, bool agai
         sessionBegun();
     } else {
         log.error(format("Failed to connect, return code %d", rc));
-        log.information(format("no connection to %s: %s", options.address,
-                               connectFailureInWords(rc)));
+        log.information(
+            format("no connection to %s: %s", options.address, connectFailureInWords(rc)));
     }
     return rc;
 }
@@ -380,17 +379,21 @@ bool MqttClient::Impl::awaitBrokerHost(Messaging& messaging, const Weak& weak, u
 void MqttClient::Subscribe(std::function<void(const Poco::JSON::Object&, std::string)> handler,
                            std::string topic, int qos) {
     _impl->addJob({std::make_shared<SubscribedHandler>(SubscribedHandler{{}, std::move(handler)}),
-                   std::move(topic), qos, {}});
+                   std::move(topic),
+                   qos,
+                   {}});
 }
 
 void MqttClient::Subscribe(std::function<void(MQTTClient_message*, std::string)> handler,
                            std::string topic, int qos) {
     Subscriptions::Handler kept;
-    if (handler) kept = std::make_shared<SubscribedHandler>(SubscribedHandler{std::move(handler), {}});
+    if (handler)
+        kept = std::make_shared<SubscribedHandler>(SubscribedHandler{std::move(handler), {}});
     _impl->addJob({std::move(kept), std::move(topic), qos, {}});
 }
 
-// The jobs of a client are done one after the other, so that the last subscription of a filter wins.
+// The jobs of a client are done one after the other, so that the last subscription of a filter
+// wins.
 void MqttClient::Impl::addJob(Job job) {
     {
         const std::lock_guard<std::mutex> lock(_jobsMutex);
@@ -460,10 +463,11 @@ void MqttClient::Impl::subscribeAll(const std::vector<std::string>& filters,
         if (!to) {
             log.error(format("Failed to subscribe topic %s, _mqtt_client is null", filter));
         } else if (!to->isUp()) {
-            log.error(format("Failed to subscribe topic %s, _mqtt_client is not connected", filter));
+            log.error(
+                format("Failed to subscribe topic %s, _mqtt_client is not connected", filter));
         } else if (!topics::isValidFilter(filter) || qos[i] < 0 || qos[i] > 2) {
-            logSubscribed(filter, topics::isValidFilter(filter) ? MQTTCLIENT_BAD_QOS
-                                                                : MQTTCLIENT_FAILURE);
+            logSubscribed(filter,
+                          topics::isValidFilter(filter) ? MQTTCLIENT_BAD_QOS : MQTTCLIENT_FAILURE);
         } else {
             if (packet.size() == kMostFilters || bytes > kMostBytes) send();
             packet.push_back(filter);

@@ -4,8 +4,8 @@ namespace kel {
 
 namespace {
 
-// The library's own limit is set out of reach: at it, a publisher of any QoS sleeps 100 ms at a time
-// inside the library.
+// The library's own limit is set out of reach: at it, a publisher of any QoS sleeps 100 ms at a
+// time inside the library.
 constexpr int kOutOfReach = 65000;
 
 }  // namespace
@@ -25,15 +25,22 @@ MQTTClient_connectOptions libraryOptions(const ConnectOptions& options) {
 
 std::string connectFailureInWords(int rc) {
     switch (rc) {
-        case 1: return "the broker does not accept this version of the protocol";
-        case 2: return "the broker does not accept the client id";
-        case 3: return "the broker is not available";
-        case 4: return "the broker does not accept the form of user name or password";
-        case 5: return "the broker does not accept the login";
+        case 1:
+            return "the broker does not accept this version of the protocol";
+        case 2:
+            return "the broker does not accept the client id";
+        case 3:
+            return "the broker is not available";
+        case 4:
+            return "the broker does not accept the form of user name or password";
+        case 5:
+            return "the broker does not accept the login";
         case MQTTCLIENT_FAILURE:
             return "no answer from a broker (refused, unreachable or none within the time-out)";
-        case MQTTCLIENT_BAD_PROTOCOL: return "the scheme of the address is not known";
-        default: break;
+        case MQTTCLIENT_BAD_PROTOCOL:
+            return "the scheme of the address is not known";
+        default:
+            break;
     }
     const char* text = MQTTClient_strerror(rc);
     return text ? text : "unknown reason";

@@ -17,17 +17,19 @@
 //
 // When a session ends, on whichever thread that is found out, the library frees the messages of its
 // queue, the one that a callback holds just now included. It forgets a message only after the
-// callback has returned and it has taken its own lock again; and it destroys a handle without a look
-// at callbacks in progress. So that no message is touched or freed at the wrong moment, a handle is
-// given a message store of our own, which stores nothing but is called with the library's lock held:
+// callback has returned and it has taken its own lock again; and it destroys a handle without a
+// look at callbacks in progress. So that no message is touched or freed at the wrong moment, a
+// handle is given a message store of our own, which stores nothing but is called with the library's
+// lock held:
 //   put "q-..."     a message enters the queue: it is copied here.
 //   remove "q-..."  the receive thread is back from the callback: the message is freed here.
 //   clear, close    the queue is about to be emptied: the library frees what is in it.
 //   put "s-..."     a message of a publisher goes out, and this is its token.
 // What this leaves: a receive thread that finds the queue emptied between its callback and its lock
-// reads the number of the freed entry once more (the result is not used); and where a queue has been
-// emptied with a message in it, the receive thread may be anywhere near the callback. The handle is
-// destroyed 1 s later then, a last resort that nobody waits for; else as soon as no call is in it.
+// reads the number of the freed entry once more (the result is not used); and where a queue has
+// been emptied with a message in it, the receive thread may be anywhere near the callback. The
+// handle is destroyed 1 s later then, a last resort that nobody waits for; else as soon as no call
+// is in it.
 
 #include "Connection.h"
 

@@ -119,13 +119,13 @@ private:
     std::condition_variable _returned;
     // Guarded by _mutex, which is taken inside the library's lock and never the other way round.
     std::weak_ptr<ConnectionEvents> _events;
-    std::deque<Message> _arrived;      // copied, and not handed on yet
-    int _queued = 0;                   // messages in the library's own queue
-    unsigned _clears = 0;              // how often that queue has been emptied
-    char* _spentTopic = nullptr;       // handed on; the library is about to forget them
+    std::deque<Message> _arrived;  // copied, and not handed on yet
+    int _queued = 0;               // messages in the library's own queue
+    unsigned _clears = 0;          // how often that queue has been emptied
+    char* _spentTopic = nullptr;   // handed on; the library is about to forget them
     MQTTClient_message* _spent = nullptr;
-    int _callbacks = 0;                // in progress, or on their way back
-    bool _lostElsewhere = false;       // the session ended on another thread than the connecting one
+    int _callbacks = 0;           // in progress, or on their way back
+    bool _lostElsewhere = false;  // the session ended on another thread than the connecting one
     std::thread::id _connecting;
     std::chrono::steady_clock::time_point _unsureSince;
 };
