@@ -355,6 +355,9 @@ TEST(Logger, AForkedChildWritesItsLinesItself) {
         ::alarm(20);
         logNumbered(2, 100);
         kel::deleteLogger();
+#if defined(__SANITIZE_ADDRESS__)
+        ::_exit(0);  // the search for leaks sees false ones where threads are missing
+#endif
         std::exit(0);
     }
     int status = -1;
