@@ -131,7 +131,7 @@ struct MqttClient::Impl : ConnectionEvents, std::enable_shared_from_this<MqttCli
 
     std::mutex _connectMutex;
     // Guarded by _connectMutex.
-    unsigned _failures = 0;    // in a row
+    unsigned _failures = 1;    // in a row; never having been connected counts as one
     unsigned _lossesSeen = 0;  // when the last session began
 
     std::mutex _mutex;
