@@ -215,9 +215,10 @@ TEST_F(MqttClientTest, ClientsOfAMuteBrokerTakeNothingFromTheOthers) {
         if (client->PublishMessage("{}", "answer", 1, 0, 0)) _inbox.add("answered", "");
     };
     subscribe(client, answer, "ask");
+    const auto before = kel::messagingStatistics();
     for (int i = 0; i < 20; ++i) client->PublishMessage("{}", "ask", 1, 0, 0);
     EXPECT_TRUE(_inbox.await("answered", 20));
-    EXPECT_EQ(0u, kel::messagingStatistics().handledInline);
+    EXPECT_EQ(before.handledInline, kel::messagingStatistics().handledInline);
     client->Disconnect();
     EXPECT_EQ(1u, _log.count("Success to disconnect, return code 0"));
 }

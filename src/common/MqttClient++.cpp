@@ -33,6 +33,7 @@
 #include "internal/mqtt/Messaging.h"
 #include "internal/mqtt/Subscriptions.h"
 #include "internal/mqtt/Topics.h"
+#include "internal/process/LibraryStop.h"
 
 namespace kel {
 
@@ -130,7 +131,7 @@ struct MqttClient::Impl : ConnectionEvents, std::enable_shared_from_this<MqttCli
 
     std::mutex _connectMutex;
     // Guarded by _connectMutex.
-    unsigned _failures = 0;    // in a row
+    unsigned _failures = 1;    // in a row; never having been connected counts as one
     unsigned _lossesSeen = 0;  // when the last session began
 
     std::mutex _mutex;
@@ -525,6 +526,8 @@ bool MqttClient::Impl::unsubscribeAtBroker(const std::string& topic) {
 
 bool MqttClient::PublishMessage(std::string payload, std::string topic, int qos, int retained,
                                 int /*token*/) {
+    // Threads of the host may go on publishing; the logger is about to go.
+    if (processIsEnding()) return false;
     try {
         const std::shared_ptr<Connection> to = _impl->connection();
         if (!to) {
