@@ -2,6 +2,9 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
+
+namespace edge {
 
 /// The host's own settings, kept in the same file as the library's.
 struct Settings {
@@ -21,10 +24,13 @@ struct Settings {
     double alarmLimit = 90;
     int askEvery = 1000;  // milliseconds; 0: never
 
-    // The web API has no passwords: at another address than the loopback one, whoever reaches the
-    // port can publish. Port 0 takes any that is free.
     std::string webAddress = "127.0.0.1";
-    std::uint16_t webPort = 9528;
+    std::uint16_t webPort = 9528;    // 0 takes any that is free
+    bool webOpenToNetwork = false;   // another address than a loopback one may be served plain
+    std::string webHostNames;        // by which browsers may ask, separated by commas
+    std::string webScheme = "http";  // "https" behind a proxy that speaks TLS
+    std::string webKey;              // made at the first start, as is the next one
+    std::string webHookSecret;       // for other processes' hooks: ...?secret=<it>
 
     std::string scanFolder;  // log files below it are counted at start; "" for none
 
@@ -32,10 +38,23 @@ struct Settings {
     void store() const;
 
     /// The store's values; a key that the store lacks keeps the value it has here.
-    /// @throws Poco::DataFormatException  names the key whose value has the wrong type.
+    /// @throws Poco::DataFormatException  names the key whose value cannot be used.
     void load();
+
+    /// All settings, the library's included, that may be shown: no passwords, keys, secrets.
+    static std::vector<std::string> shownKeys();
 
 private:
     template <typename Self, typename Visitor>
     static void visit(Self& self, Visitor&& visitor);
 };
+
+/// Puts `value` in the place of a default in the store.
+/// @throws Poco::DataFormatException  there is no such setting, or it takes another type.
+void replaceDefault(const std::string& key, const std::string& value);
+
+/// What the configuration file holds is what kel::loadConfig() has loaded or written.
+/// @throws Poco::FileException  names the file, which cannot be read or written or holds no JSON.
+void checkConfigFile();
+
+}  // namespace edge

@@ -1,11 +1,13 @@
-#include "FolderScan.h"
+#include "Tasks.h"
 
 #include <Poco/DirectoryIterator.h>
 #include <Poco/File.h>
 #include <Poco/Format.h>
 #include <common/Utils.h>
 
-#include "HostLog.h"
+#include "Log.h"
+
+namespace edge {
 
 FolderScan::FolderScan(const std::string& folder)
     : Poco::Task("scan of " + folder), _root(Poco::Path::forDirectory(folder)) {}
@@ -24,10 +26,18 @@ void FolderScan::scanAll() {
     for (const Poco::Path& folder : folders) {
         if (isCancelled()) return;
         scan(folder);
-        setProgress(++done / static_cast<float>(folders.size()));
+        report(++done / static_cast<float>(folders.size()));
     }
     poco_notice(hostLog(), Poco::format("%s: %z log files; %d folders could not be read to the end",
                                         name(), _found.size(), _unreadable));
+}
+
+void FolderScan::report(float progress) {
+    setProgress(progress);  // for whoever watches the task manager
+    const int quarters = static_cast<int>(progress * 4);
+    if (quarters == _quarters) return;
+    _quarters = quarters;
+    poco_information(hostLog(), Poco::format("%s: %d %%", name(), quarters * 25));
 }
 
 std::list<Poco::Path> FolderScan::subfolders() const {
@@ -45,3 +55,5 @@ void FolderScan::scan(const Poco::Path& folder) {
         ++_unreadable;
     }
 }
+
+}  // namespace edge
