@@ -1,14 +1,8 @@
 #include "Settings.h"
 
 #include <Poco/Exception.h>
-#include <Poco/FileStream.h>
-#include <Poco/JSON/Parser.h>
 #include <Poco/NumberParser.h>
-#include <Poco/Path.h>
-#include <Poco/Util/Application.h>
 #include <common/Config.h>
-
-#include <filesystem>
 
 namespace edge {
 
@@ -132,23 +126,6 @@ void replaceDefault(const std::string& key, const std::string& value) {
             value);
     }
     store.setString(key, value);
-}
-
-// The library logs what is wrong and carries on with the defaults; a host that carried on with them
-// would run as another one than it was set up to be.
-void checkConfigFile() {
-    const std::string self =
-        Poco::Util::Application::instance().config().getString("application.path");
-    const std::string executable = std::filesystem::canonical(self).stem().string();
-    const Poco::Path folder =
-        Poco::Path::forDirectory(Poco::Path::configHome()).pushDirectory("kelhost");
-    const std::string path = Poco::Path(folder, executable + ".json").toString();
-    try {
-        Poco::FileInputStream file(path);
-        Poco::JSON::Parser().parse(file).extract<Poco::JSON::Object::Ptr>();
-    } catch (const Poco::Exception& exc) {
-        throw Poco::FileException("configuration file " + path, exc.displayText());
-    }
 }
 
 }  // namespace edge

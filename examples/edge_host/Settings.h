@@ -53,8 +53,4 @@ private:
 /// @throws Poco::DataFormatException  there is no such setting, or it takes another type.
 void replaceDefault(const std::string& key, const std::string& value);
 
-/// What the configuration file holds is what kel::loadConfig() has loaded or written.
-/// @throws Poco::FileException  names the file, which cannot be read or written or holds no JSON.
-void checkConfigFile();
-
 }  // namespace edge

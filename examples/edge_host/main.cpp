@@ -128,12 +128,19 @@ Settings EdgeHost::defaults() const {
     return settings;
 }
 
+// The library would carry on with the defaults; a host that did so would run as another one than it
+// was set up to be.
+void loadConfig() {
+    kel::loadConfig();
+    const std::string error = kel::lastConfigError();
+    if (!error.empty()) throw Poco::FileException("configuration", error);
+}
+
 Settings EdgeHost::loadSettings() {
     Settings settings = defaults();
     Settings checked = settings;
     checked.load();  // a bad value from the command line ends here and gets into no file
-    kel::loadConfig();
-    checkConfigFile();
+    loadConfig();
     settings.load();
     if (!_role.empty()) settings.role = _role;
     makeKeys(settings);

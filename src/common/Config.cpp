@@ -3,14 +3,19 @@
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <Poco/FileStream.h>
-#include <Poco/JSON/Parser.h>
+#include <Poco/JSON/Object.h>
 #include <Poco/Path.h>
+#include <Poco/String.h>
 
+#include <mutex>
 #include <sstream>
+#include <vector>
 
+#include "internal/json/ParseObject.h"
 #include "internal/log/UnitLog.h"
 #include "internal/platform/Paths.h"
 #include "internal/platform/Platform.h"
+#include "internal/process/NeverDestroyed.h"
 
 namespace kel {
 
@@ -28,60 +33,172 @@ namespace {
 
 constexpr UnitLog log("src/common/Config");
 
-// Path of the configuration file; empty until loadConfig(). Never destroyed, as the store.
-std::string& configPath() {
-    static auto* path = new std::string;
-    return *path;
+// What is known of the file beside the store.
+struct FileState {
+    std::mutex mutex;
+    // Guarded by mutex:
+    std::string path;       // empty until loadConfig()
+    std::string lastError;  // of the last load or save
+    std::string defaults;   // the store as JSON text before the last load; empty if that failed
+};
+
+FileState& fileState() {
+    static NeverDestroyed<FileState> state;
+    return *state;
+}
+
+std::string get(std::string FileState::*member) {
+    FileState& state = fileState();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    return state.*member;
+}
+
+void set(std::string FileState::*member, const std::string& value) {
+    FileState& state = fileState();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    state.*member = value;
 }
 
 std::string findConfigPath() {
     const Poco::Path directory = paths::applicationDirectory(Poco::Path::configHome());
-    Poco::File(directory.parent()).createDirectories();
     platform::createPrivateDirectory(directory.toString());
     return directory.toString() + paths::executable().getBaseName() + ".json";
 }
 
-// POCO keeps the old store without a word where the root is no object.
-void loadFile(const std::string& path) {
+std::string storeAsText() {
+    std::ostringstream text;
+    configInstance().save(text, 2);
+    return text.str();
+}
+
+// Editors of Windows put a byte order mark in front.
+std::string readFile(const std::string& path) {
+    if (!Poco::File(path).isFile()) throw Poco::OpenFileException("no regular file", path);
     Poco::FileInputStream in(path);
-    std::stringstream text;
+    std::ostringstream text;
     text << in.rdbuf();
-    Poco::JSON::Parser().parse(text.str()).extract<Poco::JSON::Object::Ptr>();
-    configInstance().load(text);
+    const std::string mark = "\xEF\xBB\xBF";
+    return text.str().substr(text.str().starts_with(mark) ? mark.size() : 0);
+}
+
+// POCO keeps the old store without a word where the root is no object.
+void replaceStore(const std::string& text) {
+    parseJsonObject(text);
+    std::istringstream in(text);
+    configInstance().load(in);
+}
+
+// Adds the place of the fault to `where`.
+void replaceStoreByFile(const std::string& path, std::string& where) {
+    const std::string text = readFile(path);
+    try {
+        replaceStore(text);
+    } catch (const Poco::BadCastException&) {
+        throw Poco::BadCastException("the root is no JSON object");
+    } catch (const Poco::Exception&) {
+        const TextPlace place = placeOfJsonError(text);
+        where += ":" + std::to_string(place.line) + ":" + std::to_string(place.column);
+        throw;
+    }
+}
+
+// `where` tells, on failure, what it was busy with.
+void loadOrCreate(std::string& where) {
+    where = findConfigPath();
+    set(&FileState::path, where);
+    log.information("config full path: " + where);
+    const Poco::File file(where);
+    if (file.exists() && file.getSize() != 0) {
+        replaceStoreByFile(file.path(), where);
+    } else {
+        saveConfig();
+    }
+}
+
+// Copies what `target` lacks; `keys` gets the dotted names.
+void addMissing(Poco::JSON::Object& target, const Poco::JSON::Object& defaults,
+                const std::string& prefix, std::vector<std::string>& keys) {
+    for (const auto& [name, value] : defaults) {
+        const Poco::JSON::Object::Ptr group = defaults.getObject(name);
+        if (group && !target.has(name))
+            target.set(name, Poco::JSON::Object::Ptr(new Poco::JSON::Object));
+        if (group && target.isObject(name)) {
+            addMissing(*target.getObject(name), *group, prefix + name + ".", keys);
+        } else if (!target.has(name)) {
+            target.set(name, value);
+            keys.push_back(prefix + name);
+        }
+    }
+}
+
+std::size_t addMissingTo(const std::string& store, const std::string& defaults) {
+    Poco::JSON::Object::Ptr target = parseJsonObject(store);
+    std::vector<std::string> keys;
+    addMissing(*target, *parseJsonObject(defaults), "", keys);
+    if (keys.empty()) return 0;
+    std::ostringstream text;
+    target->stringify(text);
+    replaceStore(text.str());
+    log.information("config keys added: " + Poco::cat(std::string(", "), keys.begin(), keys.end()));
+    saveConfig();
+    return keys.size();
 }
 
 }  // namespace
 
 Poco::Util::JSONConfiguration& configInstance() {
-    static auto* store = new Poco::Util::JSONConfiguration;
-    return *store;
+    using Store = Poco::Util::JSONConfiguration;
+    // On the heap, since a host may share the ownership of what POCO counts the references of.
+    static NeverDestroyed<Poco::AutoPtr<Store>> store(new Store);
+    return **store;
 }
 
 void loadConfig() {
+    std::string where;
     try {
-        configPath() = findConfigPath();
-        log.information("config full path: " + configPath());
-        const Poco::File file(configPath());
-        if (file.exists() && file.getSize() != 0) {
-            loadFile(configPath());
-        } else {
-            saveConfig();
-        }
+        set(&FileState::lastError, "");
+        set(&FileState::defaults, "");
+        const std::string defaults = storeAsText();
+        loadOrCreate(where);
+        set(&FileState::defaults, defaults);
         log.information("config initialized");
     } catch (const std::exception& exc) {
         log.error(std::string(exc.what()));
+        const std::string reason =
+            where.empty() ? exceptionText(exc) : where + ": " + exceptionText(exc);
+        log.information("config error: " + reason);
+        set(&FileState::lastError, reason);
     }
 }
 
 void saveConfig() {
-    if (configPath().empty()) return;
+    const std::string path = configPath();
+    if (path.empty()) return;
     try {
-        std::ostringstream text;
-        configInstance().save(text, 2);
-        platform::replaceFileContent(configPath(), text.str());
+        set(&FileState::lastError, "");
+        platform::replaceFileContent(path, storeAsText());
     } catch (const std::exception& exc) {
         log.error(std::string("save config file error: ") + exc.what());
+        set(&FileState::lastError, exceptionText(exc));
     }
+}
+
+std::size_t addMissingDefaults() {
+    try {
+        const std::string defaults = get(&FileState::defaults);
+        return defaults.empty() ? 0 : addMissingTo(storeAsText(), defaults);
+    } catch (const std::exception& exc) {
+        log.error(std::string("add missing config keys error: ") + exceptionText(exc));
+        return 0;
+    }
+}
+
+std::string configPath() {
+    return get(&FileState::path);
+}
+
+std::string lastConfigError() {
+    return get(&FileState::lastError);
 }
 
 void initHttpOption() {

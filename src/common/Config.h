@@ -2,6 +2,7 @@
 
 #include <Poco/Util/JSONConfiguration.h>
 
+#include <cstddef>
 #include <string>
 
 #include "Export.h"
@@ -16,15 +17,36 @@ KEL_API Poco::Util::JSONConfiguration& configInstance();
 /// Loads `<configuration home>/kelhost/<executable>.json` into the store, replacing all of it. A
 /// file that is missing or empty is written from the store instead, so defaults set before this
 /// call become the first file. A file with content is never rewritten.
-/// Never throws: a malformed or unreadable file is one error line in the log, the store and the
-/// file stay as they were. Threads: the start-up thread, after loadLogging().
+/// Never throws: a malformed or unreadable file is one error line in the log and an information
+/// line that says why (lastConfigError()); the store and the file stay as they were.
+/// Threads: the start-up thread, after loadLogging().
 KEL_API void loadConfig();
 
 /// Writes the store to the file that loadConfig() found, in one step: a reader sees the old file
-/// or the new one, and a failure leaves the old one. On POSIX only the owner can read it.
+/// or the new one, and a failure leaves the old one. On POSIX a new file is for its owner only, an
+/// old one keeps owner and mode. A read-only file is refused. A file that nothing can be renamed
+/// over, such as a mount point, is written in place: only there may a reader see half of it.
 /// Before loadConfig() it does nothing. Never throws: a failure is one error line in the log.
-/// Threads: the start-up thread.
+/// Threads: the start-up thread; waits 2 s at the longest while another process saves.
 KEL_API void saveConfig();
+
+/// Adds to the store what it held just before the last loadConfig() and what the file lacks, and
+/// saves the file if that is anything. So a new release's defaults get into an old file:
+///     kel::initHttpOption();         // and the host's own defaults
+///     kel::loadConfig();             // replaces them by an older release's file
+///     kel::addMissingDefaults();
+/// A value that the file has stays, null and values of another type included; arrays count as one
+/// value. After a load that failed it does nothing.
+/// @return how many values were added; an information line names their keys.
+/// Never throws: a failure is one error line in the log. Threads: the start-up thread.
+KEL_API std::size_t addMissingDefaults();
+
+/// Full path of the configuration file; "" before loadConfig(). Threads: any.
+KEL_API std::string configPath();
+
+/// Why the last loadConfig() or saveConfig() failed; "" if it did not. A malformed file comes with
+/// line and column (in bytes), both from 1: "<path>:3:14: JSON Exception: ...". Threads: any.
+KEL_API std::string lastConfigError();
 
 /// Writes the defaults of the HTTP service into the store (memory only), overwriting what is
 /// there: http.port 9528, http.sslport 443 (both kept as text), http.apiDebug true.

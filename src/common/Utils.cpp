@@ -4,8 +4,6 @@
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <Poco/Format.h>
-#include <Poco/JSON/ParseHandler.h>
-#include <Poco/JSON/Parser.h>
 #include <Poco/Net/ICMPClient.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Process.h>
@@ -21,6 +19,7 @@
 #include <tuple>
 #include <utility>
 
+#include "internal/json/ParseObject.h"
 #include "internal/log/UnitLog.h"
 #include "internal/mqtt/ServerUri.h"
 #include "internal/platform/Paths.h"
@@ -186,8 +185,7 @@ bool answersPing(const std::string& host) {
 
 Poco::JSON::Object::Ptr stringToJson(const std::string& text) {
     try {
-        Poco::JSON::Parser parser(new Poco::JSON::ParseHandler(false));
-        return parser.parse(text).extract<Poco::JSON::Object::Ptr>();
+        return parseJsonObject(text);
     } catch (const std::exception& exc) {
         log.error(parseFailure(exc), kParseFailedLine);
         return {};

@@ -65,7 +65,7 @@ void switchesTheModeOfAConsole() {
     expect(switched == (plain | ENABLE_VIRTUAL_TERMINAL_PROCESSING), "adds the colour flag");
 }
 
-// In a folder whose name no 8-bit code page can hold.
+// In a folder whose name no 8-bit code page can hold, with both separators, longer than MAX_PATH.
 void replacesFilesInOneStep() {
     const fs::path folder = fs::temp_directory_path() /
                             (L"kel-\u00e4\u6d4b-" + std::to_wstring(::GetCurrentProcessId()));
@@ -77,14 +77,30 @@ void replacesFilesInOneStep() {
     };
     for (const char* content : {"old", "new\r\n"}) {
         platform::createPrivateDirectory(utf8(folder));  // may exist
-        expect(replaced(utf8(file), content) && isAlone(content), "writes byte for byte");
+        std::ofstream(fs::path(file) += ".tmp") << "left behind";
+        expect(replaced(utf8(folder) + "/" + utf8(file.filename()), content) && isAlone(content),
+               "writes byte for byte");
     }
     std::ifstream reader(file);  // as a virus scanner does
     expect(!replaced(utf8(file), "x") && isAlone("new\r\n"), "leaves a file that stays open alone");
     const std::jthread closer([&] { reader.close(); });
     expect(replaced(utf8(file), "newer") && isAlone("newer"), "replaces it once it is closed");
+    ::SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_READONLY);
+    expect(!replaced(utf8(file), "x") && isAlone("newer"), "refuses a read-only file");
+    ::SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_NORMAL);
     for (const std::string& path : {utf8(folder), utf8(file / "no"), utf8(file) + "\xff"}) {
         expect(!replaced(path, "x") && isAlone("newer"), "refuses " + path);
+    }
+    const fs::path level = std::wstring(120, L'x'), deep = folder / level / level / "a";
+    platform::createDirectories(utf8(folder / level) + "/" + utf8(level / "a") + "/");
+    expect(replaced(utf8(deep) + "/file", "deep"), "writes below a path longer than MAX_PATH");
+    const auto id = platform::directoryIdentity(utf8(folder));
+    expect(id && id == platform::directoryIdentity(utf8(folder / level / "..")) &&
+               id != platform::directoryIdentity(utf8(deep)),
+           "knows a folder by two names");
+    ::DeleteFileW((L"\\\\?\\" + (deep / "file").wstring()).c_str());
+    for (fs::path path = deep; path != folder; path = path.parent_path()) {
+        ::RemoveDirectoryW((L"\\\\?\\" + path.wstring()).c_str());
     }
     fs::remove_all(folder);
 }

@@ -1,11 +1,11 @@
 #include "JsonBody.h"
 
 #include <Poco/JSON/JSONException.h>
-#include <Poco/JSON/ParseHandler.h>
-#include <Poco/JSON/Parser.h>
 
 #include <string>
 #include <vector>
+
+#include "../json/ParseObject.h"
 
 namespace kel {
 
@@ -33,8 +33,7 @@ void checkJsonBodyLength(std::int64_t length) {
 }
 
 Poco::JSON::Object::Ptr readJsonObject(std::istream& body) {
-    Poco::JSON::Parser parser(new Poco::JSON::ParseHandler(false));
-    return parser.parse(readText(body)).extract<Poco::JSON::Object::Ptr>();
+    return parseJsonObject(readText(body));
 }
 
 }  // namespace kel

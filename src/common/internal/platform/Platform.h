@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 // Our only door to the system: Platform_posix.cpp and Platform_windows.cpp implement it, CMake
@@ -12,14 +15,32 @@ namespace kel::platform {
 /// @throws std::system_error  the system does not tell.
 std::string executablePath();
 
-/// Creates `path`, its parents existing, for the owner only where the system knows that (POSIX).
-/// A directory that exists stays as it is.
-/// @throws std::system_error  it cannot be created.
+/// Creates the directory `path` and the parents that are missing. One that exists stays as it is.
+/// @throws std::system_error  "create directory <path>" and the reason, whichever of them cannot
+///         be created, or is no directory.
+void createDirectories(const std::string& path);
+
+/// As createDirectories(), but `path` itself is for its owner only where the system knows that
+/// (POSIX).
 void createPrivateDirectory(const std::string& path);
 
-/// Puts `content` in the place of the file `path` in one step: written to a neighbour file, which
-/// is then renamed over it. The file is readable by the owner only (POSIX).
-/// @throws std::system_error  what failed and on which path; the old file is as it was.
+/// The same for all paths that lead to one directory, different for two directories; nothing if
+/// `path` cannot be asked.
+std::optional<std::pair<std::uint64_t, std::uint64_t>> directoryIdentity(const std::string& path);
+
+/// Puts `content` in the place of the file `path` in one step: written to the neighbour
+/// `path`.tmp, which is then renamed over it. A neighbour that a killed process has left behind is
+/// replaced. A link stays a link; what it leads to is replaced.
+///
+/// POSIX: a new file is for its owner only, an old one keeps owner and mode. A file that nothing
+/// can be renamed over (a mount point; a folder or an owner that is not ours) is written in place
+/// instead: a reader may see half of it then, and so may the next start after a power failure.
+/// Windows: access rights are those of the folder. A file that is held open by somebody is tried
+/// again for a fifth of a second.
+///
+/// Threads and processes that replace files of one folder wait for each other, 2 s at most.
+/// @throws std::system_error  what failed and on which path; the old file is as it was. A file that
+///         is read-only, or no regular file, is refused.
 void replaceFileContent(const std::string& path, const std::string& content);
 
 /// Lets colour sequences on standard output through. Failures are ignored; without a console, or

@@ -4,16 +4,18 @@
 #include <poll.h>
 #include <semaphore.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <system_error>
+#include <thread>
 
 #include "Platform.h"
 
@@ -27,11 +29,40 @@ namespace {
     throw std::system_error(errno, std::generic_category(), what + " " + path);
 }
 
-void writeAll(int fd, const std::string& content, const std::string& path) {
+// An open file or folder; closed by the destructor.
+class Descriptor {
+public:
+    Descriptor(const std::string& path, int flags, const char* what)
+        : _fd(::open(path.c_str(), flags | O_CLOEXEC, S_IRUSR | S_IWUSR)) {
+        if (_fd < 0) fail(what, path);
+    }
+    ~Descriptor() { ::close(_fd); }
+
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int get() const { return _fd; }
+
+private:
+    const int _fd;
+};
+
+void writeAll(const Descriptor& file, const std::string& content, const std::string& path) {
     for (std::size_t done = 0; done < content.size();) {
-        const ssize_t n = ::write(fd, content.data() + done, content.size() - done);
+        const ssize_t n = ::write(file.get(), content.data() + done, content.size() - done);
         if (n < 0 && errno != EINTR) fail("write", path);
         if (n > 0) done += static_cast<std::size_t>(n);
+    }
+}
+
+std::string readAll(const Descriptor& file, const std::string& path) {
+    std::string content;
+    char block[4096];
+    for (;;) {
+        const ssize_t n = ::read(file.get(), block, sizeof(block));
+        if (n == 0) return content;
+        if (n < 0 && errno != EINTR) fail("read", path);
+        if (n > 0) content.append(block, static_cast<std::size_t>(n));
     }
 }
 
@@ -40,6 +71,106 @@ std::string realTarget(const std::string& path) {
     std::error_code ignored;
     const fs::path real = fs::canonical(path, ignored);
     return real.empty() ? path : real.string();
+}
+
+using FileStatus = struct stat;
+
+std::optional<FileStatus> statusOf(const std::string& path) {
+    FileStatus status{};
+    if (::stat(path.c_str(), &status) == 0) return status;
+    if (errno != ENOENT) fail("look at", path);
+    return {};
+}
+
+// The rights of its folder would allow to replace it all the same, and root may write anything.
+void refuseReadOnly(const std::string& path, const FileStatus& file) {
+    if (!S_ISREG(file.st_mode)) {
+        errno = S_ISDIR(file.st_mode) ? EISDIR : EINVAL;
+        fail("write other than a regular file", path);
+    }
+    const bool nobodyMayWrite = (file.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0;
+    if (nobodyMayWrite) errno = EACCES;
+    if (nobodyMayWrite || ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0) {
+        fail("write read-only file", path);
+    }
+}
+
+// Held until `file` is closed. Not every file system has such locks; without, it is for the hosts
+// not to save at the same time.
+void lock(const Descriptor& file, const std::string& path) {
+    constexpr int kAttempts = 200;
+    for (int attempt = 1; ::flock(file.get(), LOCK_EX | LOCK_NB) != 0; ++attempt) {
+        if (errno != EWOULDBLOCK) return;
+        if (attempt == kAttempts) fail("lock", path);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+void giveOwnerAndMode(const Descriptor& file, const FileStatus& former, const std::string& path) {
+    constexpr mode_t kMode = 07777;
+    if (::fchown(file.get(), former.st_uid, former.st_gid) != 0 ||
+        ::fchmod(file.get(), former.st_mode & kMode) != 0) {
+        fail("keep owner and mode of", path);
+    }
+}
+
+void replaceByNeighbour(const std::string& target, const std::optional<FileStatus>& former,
+                        const std::string& content) {
+    const std::string folderPath = fs::path(target).parent_path().string();
+    const Descriptor folder(folderPath, O_RDONLY | O_DIRECTORY, "open folder");
+    lock(folder, folderPath);
+    const std::string neighbour = target + ".tmp";
+    // What a killed process has left behind. It may also be a link that somebody has put there:
+    // hence O_EXCL, which follows none.
+    ::unlink(neighbour.c_str());
+    try {
+        const Descriptor file(neighbour, O_WRONLY | O_CREAT | O_EXCL, "create");
+        writeAll(file, content, neighbour);
+        if (former) giveOwnerAndMode(file, *former, target);
+        if (::fsync(file.get()) != 0) fail("write", neighbour);
+        if (::rename(neighbour.c_str(), target.c_str()) != 0) fail("replace", target);
+    } catch (...) {
+        ::unlink(neighbour.c_str());
+        throw;
+    }
+    ::fsync(folder.get());  // the new file is in place, whether that is known to last or not
+}
+
+// The folder or the owner is not ours, or the file is a mount point.
+bool forbidsReplacing(const std::error_code& code) {
+    for (const int reason : {EBUSY, EACCES, EPERM, EROFS}) {
+        if (code.value() == reason) return true;
+    }
+    return false;
+}
+
+void overwrite(const Descriptor& file, const std::string& content, const std::string& path) {
+    if (::lseek(file.get(), 0, SEEK_SET) != 0) fail("write", path);
+    writeAll(file, content, path);
+    if (::ftruncate(file.get(), static_cast<off_t>(content.size())) != 0) fail("cut", path);
+    if (::fsync(file.get()) != 0) fail("write", path);
+}
+
+// Makes room first, so that a full disk is noticed before the first byte is written; what fails
+// later puts the former content back.
+void overwriteInPlace(const std::string& target, const std::string& content) {
+    const Descriptor file(target, O_RDWR | O_NOFOLLOW, "open");
+    lock(file, target);
+    const std::string former = readAll(file, target);
+    if (::fallocate(file.get(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(content.size())) != 0 &&
+        errno != EOPNOTSUPP) {
+        fail("make room for", target);
+    }
+    try {
+        overwrite(file, content, target);
+    } catch (...) {
+        try {
+            overwrite(file, former, target);
+        } catch (const std::system_error&) {
+            // The first failure is the one to report.
+        }
+        throw;
+    }
 }
 
 // The kernel marks an executable that was replaced or removed, as an update does.
@@ -62,6 +193,15 @@ std::string processName(const fs::path& entry) {
         return shortName;
     }
     return fs::path(withoutDeletedMark(exe.string())).filename().string();
+}
+
+// A file may stand in the place of the directory, or of a parent: that has one text.
+void requireDirectory(const std::string& path, std::error_code failed) {
+    const bool exists = !failed || failed == std::errc::file_exists;
+    if (exists && !fs::is_directory(path, failed)) {
+        failed = std::make_error_code(std::errc::not_a_directory);
+    }
+    if (failed) throw std::system_error(failed, "create directory " + path);
 }
 
 bool isNumber(const std::string& text) {
@@ -92,24 +232,36 @@ std::string executablePath() {
     return withoutDeletedMark(exe.string());
 }
 
+void createDirectories(const std::string& path) {
+    std::error_code failed;
+    fs::create_directories(path, failed);
+    requireDirectory(path, failed);
+}
+
 void createPrivateDirectory(const std::string& path) {
-    if (::mkdir(path.c_str(), S_IRWXU) != 0 && errno != EEXIST) fail("create directory", path);
+    std::error_code failed;
+    fs::create_directories((fs::path(path) / "..").lexically_normal(), failed);
+    if (!failed && ::mkdir(path.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+        failed.assign(errno, std::generic_category());
+    }
+    requireDirectory(path, failed);
+}
+
+std::optional<std::pair<std::uint64_t, std::uint64_t>> directoryIdentity(const std::string& path) {
+    FileStatus status{};
+    if (::stat(path.c_str(), &status) != 0) return {};
+    return {{status.st_dev, status.st_ino}};
 }
 
 void replaceFileContent(const std::string& path, const std::string& content) {
     const std::string target = realTarget(path);
-    std::string neighbour = target + ".XXXXXX";
-    const int fd = ::mkstemp(neighbour.data());  // readable by the owner only
-    if (fd < 0) fail("create", neighbour);
+    const std::optional<FileStatus> former = statusOf(target);
+    if (former) refuseReadOnly(target, *former);
     try {
-        std::unique_ptr<const int, void (*)(const int*)> closer(&fd,
-                                                                [](const int* f) { ::close(*f); });
-        writeAll(fd, content, neighbour);
-        if (::fsync(fd) != 0) fail("write", neighbour);
-        if (::rename(neighbour.c_str(), target.c_str()) != 0) fail("replace", target);
-    } catch (...) {
-        ::unlink(neighbour.c_str());
-        throw;
+        replaceByNeighbour(target, former, content);
+    } catch (const std::system_error& exc) {
+        if (!former || !forbidsReplacing(exc.code())) throw;
+        overwriteInPlace(target, content);
     }
 }
 

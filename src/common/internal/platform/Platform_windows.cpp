@@ -12,7 +12,7 @@
 // Needs windows.h before it.
 #include <tlhelp32.h>
 
-#include <atomic>
+#include <algorithm>
 #include <cstdio>
 #include <system_error>
 
@@ -62,10 +62,55 @@ std::string narrow(const std::wstring& text) {
     return utf8;
 }
 
-// The process id keeps two processes apart, the count two threads.
-std::string neighbourOf(const std::string& path) {
-    static std::atomic<unsigned> count{0};
-    return path + "." + std::to_string(currentProcessId()) + "-" + std::to_string(++count) + ".tmp";
+// A path as the calls take it, "/" within and longer than MAX_PATH too. From 248 characters on,
+// where folders begin to fail, only the prefix helps, and it allows no "/".
+std::wstring widePath(const std::string& path) {
+    constexpr std::size_t kLong = 248;
+    std::wstring text = wide(path);
+    std::replace(text.begin(), text.end(), L'/', L'\\');
+    if (text.size() < kLong || text.starts_with(L"\\\\?\\")) return text;
+    if (text.starts_with(L"\\\\")) return L"\\\\?\\UNC" + text.substr(1);
+    return L"\\\\?\\" + text;
+}
+
+bool heldByAnother(DWORD error) {
+    return error == ERROR_SHARING_VIOLATION || error == ERROR_ACCESS_DENIED;
+}
+
+// Tries again for a fifth of a second: virus scanners and readers hold a file for a moment, during
+// which it cannot be replaced, and another process that saves holds the neighbour file.
+template <typename Call>
+bool succeedsSoon(Call&& call) {
+    constexpr int kAttempts = 20;
+    constexpr DWORD kPauseMilliseconds = 10;
+    for (int attempt = 1; !call(); ++attempt) {
+        if (attempt == kAttempts || !heldByAnother(::GetLastError())) return false;
+        ::Sleep(kPauseMilliseconds);
+    }
+    return true;
+}
+
+void refuseReadOnly(const std::string& path) {
+    const DWORD attributes = ::GetFileAttributesW(widePath(path).c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY)) {
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        fail("write read-only file", path);
+    }
+}
+
+bool isDirectory(const std::wstring& path) {
+    const DWORD attributes = ::GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+// `path` is for the text of the failure.
+void createWithParents(const std::wstring& folder, const std::string& path) {
+    if (isDirectory(folder)) return;
+    const std::size_t end = folder.find_last_of(L'\\');
+    if (end != folder.npos && end > 0) createWithParents(folder.substr(0, end), path);
+    if (!::CreateDirectoryW(folder.c_str(), nullptr) && !isDirectory(folder)) {
+        fail("create directory", path);
+    }
 }
 
 void writeAll(HANDLE file, const std::string& content, const std::string& path) {
@@ -84,29 +129,22 @@ void writeAll(HANDLE file, const std::string& content, const std::string& path) 
 }
 
 void writeNewFile(const std::string& path, const std::string& content) {
-    const HANDLE file = ::CreateFileW(wide(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE) fail("create", path);
+    HANDLE file = INVALID_HANDLE_VALUE;
+    const bool created = succeedsSoon([&] {
+        file = ::CreateFileW(widePath(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                             FILE_ATTRIBUTE_NORMAL, nullptr);
+        return file != INVALID_HANDLE_VALUE;
+    });
+    if (!created) fail("create", path);
     const Handle closer(file);
     writeAll(file, content, path);
 }
 
-bool heldByAnother(DWORD error) {
-    return error == ERROR_SHARING_VIOLATION || error == ERROR_ACCESS_DENIED;
-}
-
-// Virus scanners and readers hold a file for a moment, during which it cannot be replaced.
 bool renameOver(const std::wstring& from, const std::wstring& to) {
-    constexpr int kAttempts = 20;
-    constexpr DWORD kPauseMilliseconds = 10;
-    for (int attempt = 1;; ++attempt) {
-        if (::MoveFileExW(from.c_str(), to.c_str(),
-                          MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
-            return true;
-        }
-        if (attempt == kAttempts || !heldByAnother(::GetLastError())) return false;
-        ::Sleep(kPauseMilliseconds);
-    }
+    return succeedsSoon([&] {
+        return ::MoveFileExW(from.c_str(), to.c_str(),
+                             MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+    });
 }
 
 HANDLE terminationRequest() {
@@ -138,20 +176,37 @@ std::string executablePath() {
     }
 }
 
+void createDirectories(const std::string& path) {
+    std::wstring folder = widePath(path);
+    while (folder.ends_with(L'\\')) folder.pop_back();
+    createWithParents(folder, path);
+}
+
 void createPrivateDirectory(const std::string& path) {
-    if (!::CreateDirectoryW(wide(path).c_str(), nullptr) &&
-        ::GetLastError() != ERROR_ALREADY_EXISTS) {
-        fail("create directory", path);
-    }
+    createDirectories(path);
+}
+
+std::optional<std::pair<std::uint64_t, std::uint64_t>> directoryIdentity(const std::string& path) {
+    const HANDLE folder =
+        ::CreateFileW(widePath(path).c_str(), FILE_READ_ATTRIBUTES,
+                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                      OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (folder == INVALID_HANDLE_VALUE) return {};
+    const Handle closer(folder);
+    BY_HANDLE_FILE_INFORMATION information{};
+    if (!::GetFileInformationByHandle(folder, &information)) return {};
+    return {{information.dwVolumeSerialNumber,
+             std::uint64_t{information.nFileIndexHigh} << 32 | information.nFileIndexLow}};
 }
 
 void replaceFileContent(const std::string& path, const std::string& content) {
-    const std::string neighbour = neighbourOf(path);
+    refuseReadOnly(path);
+    const std::string neighbour = path + ".tmp";
     try {
         writeNewFile(neighbour, content);
-        if (!renameOver(wide(neighbour), wide(path))) fail("replace", path);
+        if (!renameOver(widePath(neighbour), widePath(path))) fail("replace", path);
     } catch (...) {
-        ::DeleteFileW(wide(neighbour).c_str());
+        ::DeleteFileW(widePath(neighbour).c_str());
         throw;
     }
 }
