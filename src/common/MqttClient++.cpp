@@ -30,6 +30,7 @@
 #include "ThreadPool.h"
 #include "Utils.h"
 #include "internal/log/UnitLog.h"
+#include "internal/mqtt/BrokerHost.h"
 #include "internal/mqtt/CallbackGate.h"
 #include "internal/mqtt/ConnectTurn.h"
 #include "internal/mqtt/InFlightWindow.h"
@@ -493,7 +494,7 @@ bool MqttClient::awaitBrokerHost(const std::weak_ptr<MqttClient>& weak, unsigned
         const std::shared_ptr<MqttClient> client = weak.lock();
         if (!client || client->_connected || client->_losses != loss) return false;
         if (!client->_mqtt_client) return true;
-        if (pingIp(client->_address)) {
+        if (brokerHostAnswers(client->_address)) {
             log.information("ping succeed, ip: " + client->_address);
             return true;
         }

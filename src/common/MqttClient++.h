@@ -64,8 +64,9 @@ public:
     ///        connected). Returning true after a failure asks for another attempt 4 s later,
     ///        without limit; after success the result is ignored. May be empty: no retry.
     /// @param onConnectionLost  called with the cause ("" if unknown) when an established
-    ///        connection is lost. Returning true waits until the broker's host answers a ping
-    ///        (tried every 2 s, without limit) and connects anew. May be empty: stay disconnected.
+    ///        connection is lost. Returning true waits until the broker's host answers a ping, or
+    ///        its port accepts or refuses a TCP connection (tried every 2 s, without limit), and
+    ///        connects anew. May be empty: stay disconnected.
     ///        It may block; it runs on a thread of the library's own.
     void Connect(std::function<bool(int)> onConnectResult,
                  std::function<bool(std::string)> onConnectionLost);
