@@ -13,7 +13,7 @@ help:
 
 demo:
 	@scripts/install-deps
-	@KEEP=$(KEEP) scripts/demo
+	@bash -c 'set -m; KEEP=$(KEEP) scripts/demo'
 
 test:
 	@scripts/install-deps

@@ -2,6 +2,7 @@
 
 #include <Poco/String.h>
 #include <common/ThreadPool.h>
+#include <common/WebApiBasic.h>
 
 #include <limits>
 #include <sstream>
@@ -44,16 +45,31 @@ std::string prometheusText(const std::vector<Metric>& metrics) {
 
 std::vector<Metric> libraryMetrics() {
     kel::ThreadPool& pool = kel::ThreadPool::defaultPool();
-    const auto gauge = Metric::kGauge;
+    const kel::HttpStatistics http = kel::WebApiBasic::instance()->statistics();
+    const auto gauge = Metric::kGauge, counter = Metric::kCounter;
+    const auto number = [](auto count) { return static_cast<double>(count); };
+    const std::string replies = "kelcommon_http_replies_total";
+    const std::string repliesHelp = "Replies of the web API by class of their status.";
     return {
+        {"kelcommon_http_connections", "Connections to the web API that are served.", gauge,
+         number(http.connections)},
+        {"kelcommon_http_queued", "Connections that wait for a thread.", gauge,
+         number(http.queued)},
+        {"kelcommon_http_refused_total", "Connections refused as being in excess.", counter,
+         number(http.refused)},
+        {"kelcommon_http_requests_total", "Requests to the web API.", counter,
+         number(http.requests)},
+        {replies, repliesHelp, counter, number(http.status2xx), {{"status", "2xx"}}},
+        {replies, repliesHelp, counter, number(http.status3xx), {{"status", "3xx"}}},
+        {replies, repliesHelp, counter, number(http.status4xx), {{"status", "4xx"}}},
+        {replies, repliesHelp, counter, number(http.status5xx), {{"status", "5xx"}}},
         {"kelcommon_pool_tasks", "Tasks that wait or run in the default pool.", gauge,
-         static_cast<double>(pool.pendingTasks())},
-        {"kelcommon_pool_threads", "Threads of the default pool.", gauge,
-         static_cast<double>(pool.allocated())},
+         number(pool.pendingTasks())},
+        {"kelcommon_pool_threads", "Threads of the default pool.", gauge, number(pool.allocated())},
         {"kelcommon_pool_threads_used", "Threads of the default pool that run a task.", gauge,
-         static_cast<double>(pool.used())},
+         number(pool.used())},
         {"kelcommon_pool_threads_limit", "Most threads that the default pool may have.", gauge,
-         static_cast<double>(pool.capacity())},
+         number(pool.capacity())},
     };
 }
 

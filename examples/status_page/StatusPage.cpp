@@ -161,6 +161,19 @@ Object::Ptr poolState() {
     return state;
 }
 
+Object::Ptr serverState(const kel::HttpStatistics& server) {
+    Object::Ptr state(new Object);
+    state->set("connections", server.connections);
+    state->set("queued", server.queued);
+    state->set("refused", server.refused);
+    state->set("requests", server.requests);
+    state->set("status2xx", server.status2xx);
+    state->set("status3xx", server.status3xx);
+    state->set("status4xx", server.status4xx);
+    state->set("status5xx", server.status5xx);
+    return state;
+}
+
 const char* typeOf(const std::string& file) {
     if (file.find(".css") != std::string::npos) return "text/css; charset=utf-8";
     if (file.find(".js") != std::string::npos) return "text/javascript; charset=utf-8";
@@ -239,7 +252,7 @@ void StatusPage::registerPage() {
 void StatusPage::registerRoutes() {
     list(kApi + "alive", "GET", "says that the host answers");
     _api->apiRegist(kApi + "alive");
-    view(kApi + "state", "host, connection, deliveries, rates, queue, pool, reports",
+    view(kApi + "state", "host, connection, deliveries, rates, queue, pool, server, reports",
          &StatusPage::state);
     view(kApi + "messages", "the last messages; ?limit=20", &StatusPage::messages);
     view(kApi + "settings", "the configuration without its secrets", &StatusPage::settings);
@@ -359,6 +372,7 @@ void StatusPage::state(const Exchange&, Object& result) {
     result.set("counters", _host->counters());
     result.set("queue", queueState());
     result.set("pool", poolState());
+    result.set("server", serverState(_api->statistics()));
     result.set("reports", reports());
 }
 

@@ -145,7 +145,7 @@ function duration(seconds) {
     return seconds + ' s';
 }
 
-function showState({host, connection, traffic, counters, queue, pool, reports}) {
+function showState({host, connection, traffic, counters, queue, pool, server, reports}) {
     document.title = host.role + ' – ' + host.name;
     say('name', host.name);
     say('about', `${host.version} · ${host.role} · ${host.clientId} · up ${duration(host.upSeconds)}`);
@@ -161,6 +161,8 @@ function showState({host, connection, traffic, counters, queue, pool, reports}) 
     say('lastReport', reports.last.length ? `${clock(reports.last[0].time)} from ${reports.last[0].from}` : 'by web hook');
     say('counters', 'Counters: ' + Object.entries(counters).filter(([, count]) => typeof count === 'number').map(([name, count]) => `${name} ${count}`).join(', '));
     say('pool', `Library's pool: ${pool.pendingTasks} tasks, ${pool.threads} of ${pool.capacity} threads.`);
+    say('server', `Web server: ${server.connections} connections, ${server.queued} waiting, ${server.refused} refused; `
+        + `${server.requests} requests, answered 2xx ${server.status2xx}, 3xx ${server.status3xx}, 4xx ${server.status4xx}, 5xx ${server.status5xx}.`);
     say('queue', `Waiting to be published: ${queue.depth} of ${queue.places}; ${queue.refused} refused.`);
     showRates(traffic.receivedPerSecond, traffic.sentPerSecond);
 }
