@@ -47,24 +47,23 @@ constexpr std::streamsize kLongestBody = 256 * 1024;
 
 bool answers(const SocketAddress& address) {
     try {
+        const bool everywhere = address.host().isWildcard();
         const Poco::Timespan limit(1, 0);
-        Poco::Net::StreamSocket().connect(address, limit);
+        Poco::Net::StreamSocket().connect(
+            everywhere ? SocketAddress("127.0.0.1", address.port()) : address, limit);
         return true;
     } catch (const Poco::Exception&) {
         return false;
     }
 }
 
-// The port of a host that has just ended may be had at once only by reusing its address. Some
-// systems would then share the port of one that runs: so it is reused only where nobody answers.
+// The port of a host that has just ended can be had at once only by reusing its address. On some
+// systems that would share the port of one that runs: hence the question.
 void bindExclusively(ServerSocket& socket, const SocketAddress& address) {
-    try {
-        socket.bind(address, false, false);
-    } catch (const Poco::Net::NetException&) {
-        if (address.port() == 0 || answers(address)) throw;
-        socket = ServerSocket();
-        socket.bind(address, true, false);
+    if (address.port() != 0 && answers(address)) {
+        throw Poco::Net::NetException("Address already in use", address.toString());
     }
+    socket.bind(address, true, false);
 }
 
 // --- Replies -----------------------------------------------------------------------------------
