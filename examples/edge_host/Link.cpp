@@ -111,8 +111,10 @@ std::vector<Metric> Link::metrics() const {
         {"edge_host_refused_total", "Messages that could not be published.", Metric::kCounter,
          static_cast<double>(_refused)}};
     for (int qos = 0; qos <= 2; ++qos) {
-        all.push_back({"edge_host_published_total", "Messages accepted for publishing.",
-                       Metric::kCounter, static_cast<double>(_accepted[qos]),
+        all.push_back({"edge_host_published_total",
+                       "Messages accepted for publishing.",
+                       Metric::kCounter,
+                       static_cast<double>(_accepted[qos]),
                        {{"qos", std::to_string(qos)}}});
     }
     return all;

@@ -80,8 +80,9 @@ std::vector<status_page::Metric> Node::metrics() const {
     const Poco::JSON::Object::Ptr counted = counters();
     for (const auto& [name, count] : *counted) {
         if (!count.isNumeric()) continue;
-        all.push_back({"edge_host_" + name + "_total", "Counted by the role " + _settings.role + ".",
-                       status_page::Metric::kCounter, count.convert<double>()});
+        all.push_back({"edge_host_" + name + "_total",
+                       "Counted by the role " + _settings.role + ".", status_page::Metric::kCounter,
+                       count.convert<double>()});
     }
     return all;
 }

@@ -147,8 +147,8 @@ Settings EdgeHost::loadSettings() {
     return settings;
 }
 
-// At the first start, and where the file is of a release that had none. They are saved, and the link
-// with the key is shown, once the page is served: a start that fails earlier is not the first.
+// At the first start, and where the file is of a release that had none. They are saved, and the
+// link with the key is shown, once the page is served: a start that fails earlier is not the first.
 void EdgeHost::makeKeys(Settings& settings) {
     _hasNewKeys = settings.webKey.empty() || settings.webHookSecret.empty();
     if (settings.webKey.empty()) settings.webKey = status_page::makeKey();

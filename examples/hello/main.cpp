@@ -14,6 +14,7 @@ int main() {
     auto onHello = [](const Poco::JSON::Object&, std::string) { heard.set(); };
     bus->Connect([](int) { return true; }, [](std::string) { return true; });  // and keeps at it
     bus->Subscribe(onHello, "/hello/world", 1);
-    while (!heard.tryWait(500)) bus->PublishMessage(R"({"text": "hello"})", "/hello/world", 1, 0, 0);
+    while (!heard.tryWait(500))
+        bus->PublishMessage(R"({"text": "hello"})", "/hello/world", 1, 0, 0);
     kel::deleteLogger();
 }

@@ -27,7 +27,8 @@ bool isKey(const std::string& given, const std::string& expected) {
     if (expected.empty() || given.size() != expected.size()) return false;
     unsigned difference = 0;
     for (std::size_t i = 0; i < given.size(); ++i) {
-        difference |= static_cast<unsigned char>(given[i]) ^ static_cast<unsigned char>(expected[i]);
+        difference |=
+            static_cast<unsigned char>(given[i]) ^ static_cast<unsigned char>(expected[i]);
     }
     return difference == 0;
 }

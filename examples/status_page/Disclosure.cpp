@@ -20,6 +20,26 @@ void replaceAll(std::string& text, const std::string& pattern, const std::string
     expression.subst(text, by, Poco::RegularExpression::RE_GLOBAL);
 }
 
+struct Credentials {
+    std::string user;   // all between "://" and the last "@"
+    std::string query;  // all from the first "?" or "#" behind that on
+};
+
+Credentials credentialsIn(const std::string& address) {
+    const auto scheme = address.find("://");
+    if (scheme == std::string::npos) return {};
+    Credentials found;
+    auto begin = scheme + 3;
+    const auto at = address.rfind('@');
+    if (at != std::string::npos && at > begin) {
+        found.user = address.substr(begin, at - begin);
+        begin = at;
+    }
+    const auto query = address.find_first_of("?#", begin);
+    if (query != std::string::npos) found.query = address.substr(query);
+    return found;
+}
+
 }  // namespace
 
 Disclosure::Disclosure(const std::vector<std::string>& shown) : _shown(shown.begin(), shown.end()) {
@@ -42,14 +62,23 @@ std::string Disclosure::line(std::string line) const {
 }
 
 std::string Disclosure::withoutCredentials(std::string text) {
-    const auto scheme = text.find("://");
-    if (scheme == std::string::npos) return text;
-    const auto begin = scheme + 3;
-    const auto at = text.rfind('@');
-    if (at != std::string::npos && at > begin) text.replace(begin, at - begin, kCovered);
-    const auto query = text.find_first_of("?#", begin);
-    if (query != std::string::npos) text.replace(query, std::string::npos, "?" + kCovered);
+    const Credentials found = credentialsIn(text);
+    if (!found.query.empty()) Poco::replaceInPlace(text, found.query, "?" + kCovered);
+    if (!found.user.empty()) Poco::replaceInPlace(text, found.user + "@", kCovered + "@");
     return text;
+}
+
+void Disclosure::hide(const std::string& text) {
+    if (text.size() >= kShortest) _hidden.push_back(text);
+}
+
+// Also their parts: somebody may log an address in another form than it has in the configuration.
+void Disclosure::hideCredentials(const std::string& address) {
+    const Credentials found = credentialsIn(address);
+    hide(found.user);
+    const auto colon = found.user.find(':');
+    if (colon != std::string::npos) hide(found.user.substr(colon + 1));
+    hide(found.query);
 }
 
 Poco::Dynamic::Var Disclosure::cover(const std::string& key, const Poco::Dynamic::Var& value) {
@@ -63,9 +92,12 @@ Poco::Dynamic::Var Disclosure::cover(const std::string& key, const Poco::Dynamic
     const bool isShown = _shown.count(key) > 0;
     if (isShown && !value.isString()) return value;
     const std::string text = value.toString();
-    const std::string visible = isShown ? withoutCredentials(text) : kCovered;
-    if (visible != text && value.isString() && text.size() >= kShortest) _hidden.push_back(text);
-    return visible;
+    if (isShown) {
+        hideCredentials(text);
+        return withoutCredentials(text);
+    }
+    if (value.isString()) hide(text);
+    return kCovered;
 }
 
 Poco::JSON::Object::Ptr Disclosure::coverObject(const std::string& prefix,

@@ -29,8 +29,11 @@ public:
     static std::string withoutCredentials(std::string text);
 
 private:
+    void hide(const std::string& text);
+    void hideCredentials(const std::string& address);
     Poco::Dynamic::Var cover(const std::string& key, const Poco::Dynamic::Var& value);
-    Poco::JSON::Object::Ptr coverObject(const std::string& prefix, const Poco::JSON::Object& object);
+    Poco::JSON::Object::Ptr coverObject(const std::string& prefix,
+                                        const Poco::JSON::Object& object);
     Poco::JSON::Array::Ptr coverArray(const std::string& key, const Poco::JSON::Array& array);
 
     const std::set<std::string> _shown;

@@ -185,10 +185,10 @@ ServerSocket StatusPage::listen(const PageSettings& settings) {
     try {
         const SocketAddress address(settings.address, settings.port);
         if (!address.host().isLoopback() && !settings.openToNetwork) {
-            throw Poco::InvalidAccessException(Poco::format(
-                "the web API would be open to the network without TLS at %s (setting "
-                "http.address): set http.openToNetwork to true if that is wanted",
-                settings.address));
+            throw Poco::InvalidAccessException(
+                Poco::format("the web API would be open to the network without TLS at %s (setting "
+                             "http.address): set http.openToNetwork to true if that is wanted",
+                             settings.address));
         }
         ServerSocket socket;
         bindExclusively(socket, address);
@@ -439,9 +439,15 @@ std::vector<Metric> StatusPage::ownMetrics() const {
         {"status_page_host_info", "The process that serves the page.", gauge, 1, labels},
         {"process_start_time_seconds", "When the process started, since 1970.", gauge,
          static_cast<double>(_started.epochMicroseconds()) / 1e6},
-        {"status_page_messages_total", "Messages on the bus.", counter,
-         traffic->getValue<double>("received"), {{"direction", "received"}}},
-        {"status_page_messages_total", "", counter, traffic->getValue<double>("sent"),
+        {"status_page_messages_total",
+         "Messages on the bus.",
+         counter,
+         traffic->getValue<double>("received"),
+         {{"direction", "received"}}},
+        {"status_page_messages_total",
+         "",
+         counter,
+         traffic->getValue<double>("sent"),
          {{"direction", "sent"}}},
         {"status_page_reports_total", "Reports of other processes by their web hook.", counter,
          reports()->getValue<double>("count")},

@@ -22,8 +22,9 @@ namespace status_page {
 
 struct PageSettings {
     std::string address = "127.0.0.1";
-    std::uint16_t port = 9528;   ///< 0 takes any that is free
-    bool openToNetwork = false;  ///< whether another address than a loopback one may be served plain
+    std::uint16_t port = 9528;  ///< 0 takes any that is free
+    bool openToNetwork =
+        false;  ///< whether another address than a loopback one may be served plain
 
     std::string key;         ///< for everything that shows contents or changes something
     std::string hookSecret;  ///< for the reports of other processes, in the query of their hook URL
