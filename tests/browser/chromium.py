@@ -34,7 +34,7 @@ def executable():
 class Chromium:
     """One tab. What the page logs as an error and every address it asks for are kept."""
 
-    def __init__(self):
+    def __init__(self, *options):
         self._profile = tempfile.mkdtemp(prefix="kel-chromium-")
         theirs, self._to = os.pipe()
         self._from, theirs_too = os.pipe()
@@ -45,7 +45,7 @@ class Chromium:
             os.dup2(ends[0], 3)
             os.dup2(ends[1], 4)
 
-        command = [executable(), *OPTIONS, f"--user-data-dir={self._profile}", "about:blank"]
+        command = [executable(), *OPTIONS, *options, f"--user-data-dir={self._profile}", "about:blank"]
         self._process = subprocess.Popen(command, preexec_fn=place, close_fds=False,
                                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         for end in (*ends, theirs, theirs_too):
@@ -108,8 +108,8 @@ class Chromium:
         failure = self.call("Page.navigate", url=url).get("errorText")
         if failure:
             raise AssertionError(f"{url}: {failure}")
-        there = "document.readyState === 'complete' && location.href"
-        await_true(lambda: self.run(there) == url, f"{url} loads")
+        there = "document.readyState === 'complete' && location.href.split('#')[0]"
+        await_true(lambda: self.run(there) == url.split("#")[0], f"{url} loads")
 
     def run(self, script):
         """The value of a JavaScript expression in the page; promises are awaited."""
