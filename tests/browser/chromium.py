@@ -31,6 +31,10 @@ def executable():
     raise SystemExit("no chromium-headless-shell and no chromium here")
 
 
+class Navigated(Exception):
+    """The page was left for another, or for itself anew, while it was asked for something."""
+
+
 class Chromium:
     """One tab. What the page logs as an error and every address it asks for are kept."""
 
@@ -80,6 +84,8 @@ class Chromium:
         os.write(self._to, json.dumps(message).encode() + b"\0")
         while (answer := self._receive()).get("id") != self._id:
             self._note(answer)
+        if "navigated" in answer.get("error", {}).get("message", ""):
+            raise Navigated(method)
         if "error" in answer:
             raise AssertionError(f"{method}: {answer['error']}")
         return answer["result"]
@@ -113,8 +119,11 @@ class Chromium:
 
     def run(self, script):
         """The value of a JavaScript expression in the page; promises are awaited."""
-        result = self.call("Runtime.evaluate", expression=script, returnByValue=True,
-                           awaitPromise=True)
+        try:
+            result = self.call("Runtime.evaluate", expression=script, returnByValue=True,
+                               awaitPromise=True)
+        except Navigated:
+            return self.run(script)
         if "exceptionDetails" in result:
             raise AssertionError(f"{script}: {result['exceptionDetails']}")
         return result["result"].get("value")
