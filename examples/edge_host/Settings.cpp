@@ -76,14 +76,13 @@ void Settings::visit(Self& self, Visitor&& visitor) {
     visitor("topics.bus", self.busTopic);
     visitor("alarms.limit", self.alarmLimit);
     visitor("bus.askEveryMs", self.askEvery);
-    visitor("http.address", self.webAddress);
-    visitor(kel::http::kPort.c_str(), self.webPort);
-    visitor("http.openToNetwork", self.webOpenToNetwork);
-    visitor("http.hostNames", self.webHostNames);
-    visitor("http.scheme", self.webScheme);
-    visitor("http.key", self.webKey);
-    visitor("http.hookSecret", self.webHookSecret);
-    visitor("scan.folder", self.scanFolder);
+    visitor("http.address", self.page.address);
+    visitor(kel::http::kPort.c_str(), self.page.port);
+    visitor("http.openToNetwork", self.page.openToNetwork);
+    visitor("http.hostNames", self.page.hostNames);
+    visitor("http.scheme", self.page.scheme);
+    visitor("http.key", self.page.key);
+    visitor("http.hookSecret", self.page.hookSecret);
 }
 
 std::vector<std::string> Settings::shownKeys() {
@@ -104,7 +103,7 @@ std::vector<std::string> Settings::shownKeys() {
             "http.hostNames",
             "http.scheme",
             "rpc.port",
-            "scan.folder",
+
             "hook.enable",
             "hook.timeoutSec",
             "hook.alive_interval",
@@ -135,7 +134,8 @@ void Settings::load() {
         }
     });
     expectOneOf("host.role", role, "server", "microservice");
-    expectOneOf("http.scheme", webScheme, "http", "https");
+    expectOneOf("http.scheme", page.scheme, "http", "https");
+    page.shownSettings = shownKeys();
 }
 
 void replaceDefault(const std::string& key, const std::string& value) {

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <cstdint>
+#include <status_page/PageSettings.h>
+
 #include <string>
 #include <vector>
 
@@ -24,15 +25,7 @@ struct Settings {
     double alarmLimit = 90;
     int askEvery = 1000;  // milliseconds; 0: never
 
-    std::string webAddress = "127.0.0.1";
-    std::uint16_t webPort = 9528;    // 0 takes any that is free
-    bool webOpenToNetwork = false;   // another address than a loopback one may be served plain
-    std::string webHostNames;        // by which browsers may ask, separated by commas
-    std::string webScheme = "http";  // "https" behind a proxy that speaks TLS
-    std::string webKey;              // made at the first start, as is the next one
-    std::string webHookSecret;       // for other processes' hooks: ...?secret=<it>
-
-    std::string scanFolder;  // log files below it are counted at start; "" for none
+    status_page::PageSettings page;  // its key and secret are made at the first start
 
     /// Writes these values into the configuration store, under their keys.
     void store() const;

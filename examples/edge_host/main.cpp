@@ -4,8 +4,6 @@
 //   loadLogging, the defaults on the empty store, loadConfig, then the services;
 //   web API, tasks, connections, saveConfig where settings changed, stopLibrary, deleteLogger.
 
-#include <Poco/String.h>
-#include <Poco/StringTokenizer.h>
 #include <Poco/Util/Application.h>
 #include <Poco/Util/HelpFormatter.h>
 #include <Poco/Util/Option.h>
@@ -24,15 +22,14 @@
 #include "Log.h"
 #include "Microservice.h"
 #include "Outages.h"
+#include "Periodic.h"
 #include "Server.h"
 #include "Settings.h"
-#include "Tasks.h"
 
 namespace edge {
 
 namespace {
 
-using status_page::PageSettings;
 using status_page::StatusPage;
 
 int fail(int exitCode, const std::string& reason) {
@@ -119,7 +116,7 @@ Settings EdgeHost::defaults() const {
     Settings settings;
     if (!_role.empty()) settings.role = _role;
     settings.clientId = "edge-" + settings.role;
-    if (settings.role != "server") ++settings.webPort;  // both roles on one machine
+    if (settings.role != "server") ++settings.page.port;  // both roles on one machine
     kel::initHttpOption();
     kel::initRpcOption();
     kel::initSSLOption();
@@ -150,40 +147,16 @@ Settings EdgeHost::loadSettings() {
 // At the first start, and where the file is of a release that had none. They are saved, and the
 // link with the key is shown, once the page is served: a start that fails earlier is not the first.
 void EdgeHost::makeKeys(Settings& settings) {
-    _hasNewKeys = settings.webKey.empty() || settings.webHookSecret.empty();
-    if (settings.webKey.empty()) settings.webKey = status_page::makeKey();
-    if (settings.webHookSecret.empty()) settings.webHookSecret = status_page::makeKey();
-    kel::configInstance().setString("http.key", settings.webKey);
-    kel::configInstance().setString("http.hookSecret", settings.webHookSecret);
+    _hasNewKeys = settings.page.key.empty() || settings.page.hookSecret.empty();
+    if (settings.page.key.empty()) settings.page.key = status_page::makeKey();
+    if (settings.page.hookSecret.empty()) settings.page.hookSecret = status_page::makeKey();
+    kel::configInstance().setString("http.key", settings.page.key);
+    kel::configInstance().setString("http.hookSecret", settings.page.hookSecret);
 }
 
 std::shared_ptr<Node> makeNode(const Settings& settings) {
     if (settings.role == "server") return std::make_shared<Server>(settings);
     return std::make_shared<Microservice>(settings);
-}
-
-PageSettings pageSettings(const Settings& settings) {
-    const Poco::StringTokenizer names(
-        Poco::toLower(settings.webHostNames), ",",
-        Poco::StringTokenizer::TOK_TRIM | Poco::StringTokenizer::TOK_IGNORE_EMPTY);
-    PageSettings page;
-    page.address = settings.webAddress;
-    page.port = settings.webPort;
-    page.openToNetwork = settings.webOpenToNetwork;
-    page.key = settings.webKey;
-    page.hookSecret = settings.webHookSecret;
-    page.hostNames.assign(names.begin(), names.end());
-    page.scheme = settings.webScheme;
-    page.shownSettings = Settings::shownKeys();
-    return page;
-}
-
-void startTasks(kel::TaskManager& tasks, const Settings& settings,
-                const std::shared_ptr<Node>& node) {
-    if (settings.askEvery > 0) {
-        tasks.start(new Periodic("ask the peer", settings.askEvery, [node] { node->askPeer(); }));
-    }
-    if (!settings.scanFolder.empty()) tasks.start(new FolderScan(settings.scanFolder));
 }
 
 // The link is printed and not logged: others may read the log.
@@ -193,9 +166,9 @@ void keepKeys(const StatusPage& page) {
 }
 
 void EdgeHost::serve(const Settings& settings) {
-    const PageSettings page = pageSettings(settings);
     // First of all: with its port taken everything else is in vain.
-    const auto web = std::make_shared<StatusPage>(page, StatusPage::listen(page));
+    const auto socket = StatusPage::listen(settings.page);
+    const auto web = std::make_shared<StatusPage>(settings.page, socket);
     const Outages outages;
     const std::shared_ptr<Node> node = makeNode(settings);
     node->start();
@@ -203,7 +176,9 @@ void EdgeHost::serve(const Settings& settings) {
     if (_hasNewKeys) keepKeys(*web);
     kel::WebHookBasic::defaultWebHook()->reportServerKeepalive();  // the first report at once
     kel::TaskManager tasks;
-    startTasks(tasks, settings, node);
+    if (settings.askEvery > 0) {
+        tasks.start(new Periodic("ask the peer", settings.askEvery, [node] { node->askPeer(); }));
+    }
     poco_notice(hostLog(), settings.role + " is up");
     kel::waitForTerminationRequest();
     poco_notice(hostLog(), settings.role + " is shutting down");

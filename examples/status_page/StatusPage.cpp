@@ -15,6 +15,8 @@
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/NumberParser.h>
 #include <Poco/StreamCopier.h>
+#include <Poco/String.h>
+#include <Poco/StringTokenizer.h>
 #include <common/Logger.h>
 #include <common/ThreadPool.h>
 #include <common/Utils.h>
@@ -173,6 +175,13 @@ Object::Ptr serverState(const kel::HttpStatistics& server) {
     return state;
 }
 
+std::vector<std::string> namesIn(const std::string& list) {
+    using Poco::StringTokenizer;
+    const StringTokenizer names(Poco::toLower(list), ",",
+                                StringTokenizer::TOK_TRIM | StringTokenizer::TOK_IGNORE_EMPTY);
+    return {names.begin(), names.end()};
+}
+
 const char* typeOf(const std::string& file) {
     if (file.find(".css") != std::string::npos) return "text/css; charset=utf-8";
     if (file.find(".js") != std::string::npos) return "text/javascript; charset=utf-8";
@@ -207,7 +216,7 @@ StatusPage::StatusPage(const PageSettings& settings, const ServerSocket& socket)
     : _settings(settings),
       _socket(socket),
       _scheme(socket.secure() ? "https" : settings.scheme),
-      _access(settings.key, settings.hostNames, _scheme),
+      _access(settings.key, namesIn(settings.hostNames), _scheme),
       _disclosure(settings.shownSettings) {}
 
 void StatusPage::start(const std::shared_ptr<Host>& host) {

@@ -4,7 +4,6 @@
 #include <Poco/Timestamp.h>
 #include <common/WebApiBasic.h>
 
-#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -16,24 +15,10 @@
 #include "Access.h"
 #include "Disclosure.h"
 #include "Host.h"
+#include "PageSettings.h"
 #include "PublishQueue.h"
 
 namespace status_page {
-
-struct PageSettings {
-    std::string address = "127.0.0.1";
-    std::uint16_t port = 9528;  ///< 0 takes any that is free
-    bool openToNetwork =
-        false;  ///< whether another address than a loopback one may be served plain
-
-    std::string key;         ///< for everything that shows contents or changes something
-    std::string hookSecret;  ///< for the reports of other processes, in the query of their hook URL
-
-    std::vector<std::string> hostNames;  ///< by which browsers may ask, besides addresses
-    std::string scheme = "http";         ///< "https" behind a proxy that speaks TLS
-
-    std::vector<std::string> shownSettings;  ///< see Disclosure
-};
 
 /// A status page and the web API behind it, over the process's kel::WebApiBasic. The page itself
 /// ("/status") and "/index/api/alive" are open; all other routes want the key (see Access). Replies
