@@ -1,14 +1,20 @@
-# The project's everyday commands; `make` alone lists them.
+# The project's everyday commands; `make` alone lists them. What needs packages installs those that
+# are missing; with none missing that takes neither root nor network.
 PRESET ?= debug
 
 help:
-	@echo "make demo          install what is missing, build, show two processes talk; KEEP=1 goes on until Ctrl-C"
-	@echo "make test          install what is missing, build, run all tests; PRESET=debug|release|asan|tsan"
-	@echo "make test-browser  the same for the status page, in a headless Chromium (100 MB to install)"
-	@echo "make bench         install what is missing, measure beside other libraries; AREA=mqtt|pool, all without"
-	@echo "make build         build everything; PRESET as above"
-	@echo "make test-windows  install what is missing, run the Windows platform file under Wine"
+	@echo "make demo          build, show two processes talk; KEEP=1 goes on until Ctrl-C"
+	@echo "make build         build everything; PRESET=debug|release|bench|asan|tsan|clang"
+	@echo "make test          build, run all tests; PRESET=debug|bench|asan|tsan|clang"
+	@echo "make test-browser  build, use the status page in a headless Chromium (100 MB to install)"
+	@echo "make test-windows  build and run the Windows platform file under Wine"
+	@echo "make bench         measure beside other libraries; AREA=mqtt|pool, all without"
+	@echo "make check         everything that has to pass before a change is taken (CI runs this)"
+	@echo "make lint          static analysis; FILES=... for these alone"
 	@echo "make format        format the C++ files"
+	@echo "make package       .deb packages and a .tar.gz, to build/packages"
+	@echo "make docs          the documents and the reference as a site, to build/site"
+	@echo "make deps          install the Debian packages that the build, the tests and the demo need"
 	@echo "make clean         remove the build folder"
 
 demo:
@@ -32,10 +38,28 @@ test-windows:
 bench:
 	@scripts/bench $(AREA)
 
+check:
+	@.ci/run
+
+lint:
+	@scripts/install-deps base ci
+	@scripts/lint $(FILES)
+
 format:
 	@scripts/format
+
+package:
+	@scripts/install-deps build
+	@scripts/package
+
+docs:
+	@scripts/install-deps docs
+	@scripts/docs
+
+deps:
+	@scripts/install-deps --say
 
 clean:
 	rm -rf build
 
-.PHONY: help demo test test-browser bench build test-windows format clean
+.PHONY: help demo test test-browser build test-windows bench check lint format package docs deps clean

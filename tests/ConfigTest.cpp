@@ -64,6 +64,8 @@ TEST_F(Config, FirstStartWritesTheDefaultsForTheOwnerOnly) {
 }
 
 TEST_F(Config, AMalformedFileKeepsStoreAndFileAndTellsThePlace) {
+    configInstance().loadEmpty("http");
+    kel::initHttpOption();
     kel::loadConfig();
     const std::string whole = contentOf(std::ifstream(_file));
     EXPECT_EQ(_file, kel::configPath());
@@ -85,7 +87,7 @@ TEST_F(Config, AMalformedFileKeepsStoreAndFileAndTellsThePlace) {
             << kel::lastConfigError();
         ASSERT_EQ(1u, log.count("config error: " + kel::lastConfigError()));
         ASSERT_EQ(3u, log.count(""));  // the path, what is wrong, and why
-        ASSERT_EQ(9527, configInstance().getInt(kel::rpc::kRpcPort));
+        ASSERT_EQ(443, configInstance().getInt(kel::http::kSslPort));
         ASSERT_EQ(0u, kel::addMissingDefaults());
         ASSERT_EQ(text, contentOf(std::ifstream(_file)));
     }
@@ -175,7 +177,7 @@ TEST_F(Config, AFileThatNothingCanBeRenamedOverIsWrittenInPlace) {
 
 TEST_F(Config, AKilledSaveLeavesACompleteFileAndTheNextOneNothingElse) {
     kel::loadConfig();
-    const std::string values[] = {std::string(1'000'000, 'a'), std::string(250'000, 'b')};
+    const std::string values[] = {std::string(400'000, 'a'), std::string(100'000, 'b')};
     const std::string versions[] = {saved(values[0]), saved(values[1])};
     const auto isComplete = [&](const fs::path& path) {
         std::error_code missing;
@@ -189,24 +191,22 @@ TEST_F(Config, AKilledSaveLeavesACompleteFileAndTheNextOneNothingElse) {
             for (const std::string& value : values) saved(value);
         }
         int looks = 0;  // strikes while it writes
-        while (looks < 10'000'000 && isComplete(neighbour) && isComplete(_file)) ++looks;
+        while (looks < 1'000'000 && isComplete(neighbour) && isComplete(_file)) ++looks;
         ::kill(child, SIGKILL);
         ::waitpid(child, nullptr, 0);
         const std::string content = contentOf(std::ifstream(_file));
         EXPECT_TRUE(content == versions[0] || content == versions[1]) << content.size();
-        EXPECT_LE(filesInFolder(), 2u);
         EXPECT_EQ(versions[1], saved(values[1]));
         EXPECT_EQ(1u, filesInFolder());
     }
 }
 
 TEST_F(Config, AFolderThatCannotBeUsedHasOneTextWhicheverItIs) {
-    const std::string reason = "create directory " + _directory.string() + "/: Not a directory";
-    _home.write("kelhost");
-    kel::loadConfig();
-    EXPECT_EQ(reason, kel::lastConfigError());
-    fs::remove_all(_home.path);
-    std::ofstream(_home.path) << "a file";
-    kel::loadConfig();
-    EXPECT_EQ(reason, kel::lastConfigError());
+    for (const fs::path& folder : {_directory, _home.path}) {
+        fs::remove_all(folder);
+        std::ofstream(folder) << "a file";
+        kel::loadConfig();
+        EXPECT_EQ("create directory " + _directory.string() + "/: Not a directory",
+                  kel::lastConfigError());
+    }
 }

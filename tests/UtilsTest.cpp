@@ -1,6 +1,7 @@
 #include "common/Utils.h"
 
 #include <Poco/Exception.h>
+#include <Poco/JSON/JSONException.h>
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/StreamSocket.h>
 #include <gtest/gtest.h>
@@ -18,6 +19,7 @@
 
 #include "CapturedLog.h"
 #include "Sandbox.h"
+#include "common/internal/json/ParseObject.h"
 #include "common/internal/mqtt/BrokerHost.h"
 #include "common/internal/mqtt/ServerUri.h"
 
@@ -93,6 +95,14 @@ TEST(Json, TextGoesToAnObjectAndBackSortedAndCompact) {
     }
 }
 
+TEST(Json, TextsOverTheLimitsAreGivenUp) {
+    const std::string text = R"({"a":[{},1,2.5],"b":"x"})";
+    EXPECT_FALSE(parseJsonObject(text, {24, 3, 6}).isNull());
+    for (const JsonLimits& tight : {JsonLimits{23, 3, 6}, {24, 2, 6}, {24, 3, 5}, {24, 3, 1}}) {
+        EXPECT_THROW(parseJsonObject(text, tight), Poco::JSON::JSONException);
+    }
+}
+
 TEST(Crc32, OfTwoPartsIsTheStandardCheckValue) {
     unsigned char digits[] = "123456789";
     EXPECT_EQ(GetCRC32(GetCRC32(0, digits, 4), digits + 4, 5), 0xCBF43926u);
@@ -127,12 +137,12 @@ TEST(Processes, AreFoundByTheirExactNameAlsoAfterAnUpdateAndEndedTheCallerLast) 
     expectLogged(log, "cannot kill process", 163);
     for (const unsigned several : {0u, 1u, unsigned{INT_MAX} + 1, UINT_MAX}) {
         cleanProcessById(several);
-        expectLogged(log, "process id " + std::to_string(several), 163);
+        expectLogged(log, "refused to end process id " + std::to_string(several), 163);
     }
     EXPECT_EQ(log.count("system command: "), 1u);
 }
 
-TEST(ListFiles, CollectsByTypeAndKeywordAlsoThroughLinksButNotInCircles) {
+TEST(ListFiles, CollectsByTypeAndKeywordAlsoThroughLinksAndEachFolderOnce) {
     const TempFolder folder, linked;
     for (const char* name :
          {"mqtt_a.dll", "MQTT_a.dll", "x_mqtt.dll", "mqtt_a.DLL", "mqtt.dll.txt", "sub/mqtt_b.so",
@@ -145,18 +155,26 @@ TEST(ListFiles, CollectsByTypeAndKeywordAlsoThroughLinksButNotInCircles) {
     fs::create_symlink(linked.path, root + "/link");
     fs::create_symlink(root, linked.path / "root");
     fs::create_symlink("nowhere", root + "/dangling.log");
+    // Without the rule 2^20 visits.
+    for (char name = 'a'; name < 'a' + 20; ++name) {
+        const std::string level = root + "/levels/" + name, next(1, static_cast<char>(name + 1));
+        fs::create_directories(level);
+        for (const char* link : {"/1", "/2"}) fs::create_symlink("../" + next, level + link);
+    }
+    folder.write("levels/u/deep.log");
 
     const std::vector<std::tuple<ListFileType, std::string, std::list<std::string>>> cases = {
-        {ListFileType::MicroService, "mqtt", {service}},
+        {MicroService, "mqtt", {service}},
         {ListFileType::Plugin, "mqtt", {root + "/mqtt_a.dll", root + "/sub/mqtt_b.so"}},
         {ListFileType::Plugin, "other", {root + "/sub/run.dll/other.dll"}},
         {ListFileType::LogFile, "mqtt", {root + "/mqtt_1.log", root + "/sub/mqtt_\xff\xfe.log"}},
         {ListFileType::LogFile, "dang", {root + "/dangling.log"}},
         {ListFileType::LogFile, "linked", {root + "/link/linked.log"}},
-        {static_cast<ListFileType>(3), "", {}},
+        {static_cast<ListFileType>(LogFile + 99), "", {}},
     };
     const CapturedLog log;
     for (const auto& [type, key, expected] : cases) EXPECT_EQ(list(root, type, key), expected);
+    EXPECT_EQ(list(root, LogFile, "deep").size(), 1u);
     EXPECT_EQ(log.count(""), 4u);
     expectLogged(log, "microservice: " + service, 37);
     expectLogged(log, "pulugin: " + root + "/mqtt_a.dll", 47);

@@ -31,6 +31,7 @@ namespace kel {
 /// 10 s to finish; idle connections are closed.
 class KEL_API HttpServer {
 public:
+    /// Answers one request; called on the thread of its connection.
     using Callback =
         std::function<void(Poco::Net::HTTPServerRequest&, Poco::Net::HTTPServerResponse&)>;
 

@@ -12,12 +12,18 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <vector>
 
+#include "Version.h"
 #include "internal/log/UnitLog.h"
 #include "internal/platform/Platform.h"
 #include "internal/process/LibraryStop.h"
 #include "internal/process/NeverDestroyed.h"
+
+#define KEL_TEXT_OF(number) #number
+#define KEL_DOTTED(major, minor, patch) \
+    KEL_TEXT_OF(major) "." KEL_TEXT_OF(minor) "." KEL_TEXT_OF(patch)
 
 namespace kel {
 
@@ -26,6 +32,7 @@ namespace {
 std::atomic<bool> ending{false};
 
 struct Hooks {
+    std::atomic<unsigned long> process{0};  // whose threads they stop
     std::mutex mutex;
     std::map<StopStage, std::vector<void (*)()>> byStage;  // guarded by mutex
 };
@@ -35,27 +42,44 @@ Hooks& hooks() {
     return *instance;
 }
 
-// Takes the hooks of the earliest stage out; empty when none is left.
-std::vector<void (*)()> takeNextStage() {
+// A forked child has none of our threads: waiting for those of its parent would not end. It may
+// have started its own.
+bool areOfThisProcess(const Hooks& all) {
+    return all.process == platform::currentProcessId();
+}
+
+using StopFunctions = std::vector<void (*)()>;
+
+// Takes the hooks of the first stage from `stage` on out, so that a unit that starts anew registers
+// again; `stage` becomes that one. Nothing once there is none.
+std::optional<StopFunctions> takeFrom(StopStage& stage) {
     Hooks& all = hooks();
     const std::lock_guard<std::mutex> lock(all.mutex);
-    if (all.byStage.empty()) return {};
-    return std::move(all.byStage.extract(all.byStage.begin()).mapped());
+    const auto found = all.byStage.lower_bound(stage);
+    if (found == all.byStage.end()) return {};
+    stage = found->first;
+    return all.byStage.extract(found).mapped();
+}
+
+void run(const StopFunctions& stopFunctions) {
+    for (auto* stop : stopFunctions) {
+        try {
+            stop();
+        } catch (...) {
+            // The next unit still has to be stopped.
+        }
+    }
 }
 
 struct AtProcessEnd {
     // From 1.13 on POCO makes its center on first use; handlers may post until it is our turn.
     AtProcessEnd() { Poco::NotificationCenter::defaultCenter(); }
 
-    // A forked child has none of our threads: it has nothing to stop, and waiting would not end.
     ~AtProcessEnd() {
-        if (platform::currentProcessId() != process) return;
         ending = true;
         if (platform::canJoinAtExit()) stopLibrary();
         endLogging();
     }
-
-    const unsigned long process = platform::currentProcessId();
 } atProcessEnd;
 
 }  // namespace
@@ -63,6 +87,8 @@ struct AtProcessEnd {
 void onLibraryStop(StopStage stage, void (*stop)()) {
     Hooks& all = hooks();
     const std::lock_guard<std::mutex> lock(all.mutex);
+    if (!areOfThisProcess(all)) all.byStage.clear();
+    all.process = platform::currentProcessId();
     auto& registered = all.byStage[stage];
     if (std::find(registered.begin(), registered.end(), stop) == registered.end()) {
         registered.push_back(stop);
@@ -73,15 +99,21 @@ bool processIsEnding() noexcept {
     return ending;
 }
 
+const char* version() noexcept {
+    return KEL_DOTTED(KEL_VERSION_MAJOR, KEL_VERSION_MINOR, KEL_VERSION_PATCH);
+}
+
 void stopLibrary() noexcept {
-    for (auto stage = takeNextStage(); !stage.empty(); stage = takeNextStage()) {
-        for (auto* stop : stage) {
-            try {
-                stop();
-            } catch (...) {
-                // The next unit still has to be stopped.
-            }
-        }
+    if (!areOfThisProcess(hooks())) return;
+    // One at a time, so that a second call cannot stop the logging while the first still stops what
+    // logs. Recursive, since work that is waited for may itself call exit().
+    static NeverDestroyed<std::recursive_mutex> oneAtATime;
+    const std::lock_guard<std::recursive_mutex> lock(*oneAtATime);
+    // A unit that another thread has started anew meanwhile is stopped too, but not for ever.
+    constexpr int kRounds = 3;
+    for (int round = 0; round < kRounds; ++round) {
+        auto stage = StopStage::kMessaging;
+        while (const auto stopFunctions = takeFrom(stage)) run(*stopFunctions);
     }
 }
 

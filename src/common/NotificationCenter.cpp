@@ -5,8 +5,14 @@
 // ours, which leads to the Slot of a name; the slot holds the observer of the moment. A post that
 // POCO has already begun meets the slot, hence an observer that was just removed or replaced there.
 //
-// Locks, in this order: _mutex of a center, POCO's own, a slot's. None is held while a callback
-// runs or while somebody waits for it.
+// state                             who may touch it         under
+// _observers of a center            any thread               its _mutex
+// POCO's list of relays             any thread               POCO's own lock
+// observer and calls of a slot      any thread               the slot's _mutex
+// callbackDepth                     its own thread           nothing
+//
+// Locks are taken in this order. None is held while a callback runs, while what a callback holds is
+// destroyed, or while somebody waits for a callback to end.
 
 #include "NotificationCenter.h"
 
@@ -14,8 +20,12 @@
 #include <Poco/Exception.h>
 #include <Poco/NotificationCenter.h>
 
-#include <condition_variable>
+#include <chrono>
+#include <optional>
 #include <utility>
+
+#include "internal/process/NeverDestroyed.h"
+#include "internal/process/WorkInProgress.h"
 
 namespace kel {
 
@@ -30,57 +40,71 @@ class NotificationCenter::Slot {
 public:
     struct Target {
         std::shared_ptr<Observer> observer;
-        int running = 0;  // calls; guarded by the slot's _mutex
+        std::shared_ptr<WorkInProgress> calls;
     };
 
     /// Puts `observer` (empty for none) in the place of the one before, which gets no more calls.
-    std::shared_ptr<Target> exchange(std::shared_ptr<Observer> observer) {
-        auto next = observer ? std::make_shared<Target>() : nullptr;
-        if (next) next->observer = std::move(observer);
+    Target exchange(std::shared_ptr<Observer> observer) {
+        Target next{std::move(observer), std::make_shared<WorkInProgress>()};
         const std::lock_guard<std::mutex> lock(_mutex);
         return std::exchange(_target, std::move(next));
     }
 
-    /// Returns once no call of `former` runs; at once inside a callback.
-    void awaitEnd(const std::shared_ptr<Target>& former) {
-        if (!former || callbackDepth > 0) return;
-        std::unique_lock<std::mutex> lock(_mutex);
-        _ended.wait(lock, [&] { return former->running == 0; });
-    }
-
     void deliver(Poco::Notification* notification) {
-        const Call call(*this);
-        if (call.target) call.target->observer->handle(notification);
+        Call call(*this);
+        if (call.observer()) call.observer()->handle(notification);
     }
 
 private:
-    // Counts itself in and out, also when the callback throws.
-    struct Call {
-        explicit Call(Slot& owner) : slot(owner) {
+    // One call of the observer of the moment, if there is one.
+    class Call {
+    public:
+        explicit Call(Slot& slot) {
             const std::lock_guard<std::mutex> lock(slot._mutex);
-            target = slot._target;
-            if (target) ++target->running;
+            if (!slot._target.observer) return;
+            _target = slot._target;
+            _counted.emplace(*_target.calls);
             ++callbackDepth;
         }
+
+        // Whoever waits for the end of this call has the last reference to the observer from then
+        // on: what its callback holds must not be destroyed here when the wait is over.
         ~Call() {
+            if (!_counted) return;
+            _target.observer.reset();
             --callbackDepth;
-            const std::lock_guard<std::mutex> lock(slot._mutex);
-            if (target && --target->running == 0) slot._ended.notify_all();
+            _counted.reset();
         }
+
         Call(const Call&) = delete;
         Call& operator=(const Call&) = delete;
 
-        Slot& slot;
-        std::shared_ptr<Target> target;
+        Observer* observer() const { return _target.observer.get(); }
+
+    private:
+        Target _target;
+        std::optional<WorkInProgress::Item> _counted;
     };
 
     std::mutex _mutex;
-    std::condition_variable _ended;
-    std::shared_ptr<Target> _target;  // guarded by _mutex
+    Target _target;  // guarded by _mutex
 };
+
+namespace {
+
+// Returns once none of `calls` runs; at once inside a callback.
+void awaitEnd(const WorkInProgress& calls) {
+    if (callbackDepth > 0) return;
+    while (!calls.awaitNone(std::chrono::hours(1))) {
+        // A callback takes as long as its host lets it.
+    }
+}
+
+}  // namespace
 
 // What POCO holds, in a copy of its own. No `override`: which of the two accepts() is virtual
 // depends on the release of POCO.
+// NOLINTBEGIN(modernize-use-override)
 class NotificationCenter::Relay : public Poco::AbstractObserver {
 public:
     explicit Relay(std::shared_ptr<Slot> slot) : _slot(std::move(slot)) {}
@@ -102,6 +126,7 @@ public:
 private:
     std::shared_ptr<Slot> _slot;
 };
+// NOLINTEND(modernize-use-override)
 
 std::shared_ptr<Observer> Observer::createInstance(
     std::string name, std::function<void(Poco::Notification*)> callback) {
@@ -128,8 +153,8 @@ NotificationCenter::~NotificationCenter() {
 }
 
 NotificationCenter& NotificationCenter::defaultCenter() {
-    static auto& center = *new NotificationCenter;
-    return center;
+    static NeverDestroyed<NotificationCenter> center;
+    return *center;
 }
 
 void NotificationCenter::addObserver(std::shared_ptr<Observer> observer) {
@@ -138,15 +163,16 @@ void NotificationCenter::addObserver(std::shared_ptr<Observer> observer) {
     std::unique_lock<std::mutex> lock(_mutex);
     const std::shared_ptr<Slot> slot =
         _observers.try_emplace(name, std::make_shared<Slot>()).first->second;
-    const auto former = slot->exchange(std::move(observer));
+    const Slot::Target former = slot->exchange(std::move(observer));
     // The host may have emptied POCO's center.
     auto& poco = Poco::NotificationCenter::defaultCenter();
     if (const Relay relay(slot); !poco.hasObserver(relay)) poco.addObserver(relay);
     lock.unlock();
-    slot->awaitEnd(former);
+    if (former.observer) awaitEnd(*former.calls);
 }
 
 void NotificationCenter::postNotification(Poco::AutoPtr<Poco::Notification> notification) {
+    if (!notification) throw Poco::NullPointerException("notification");
     Poco::NotificationCenter::defaultCenter().postNotification(notification);
 }
 
@@ -156,10 +182,10 @@ void NotificationCenter::removeObserver(std::string name) {
     if (entry == _observers.end()) return;
     const std::shared_ptr<Slot> slot = entry->second;
     Poco::NotificationCenter::defaultCenter().removeObserver(Relay(slot));
-    const auto former = slot->exchange(nullptr);
+    const Slot::Target former = slot->exchange(nullptr);
     _observers.erase(entry);
     lock.unlock();
-    slot->awaitEnd(former);
+    if (former.observer) awaitEnd(*former.calls);
 }
 
 }  // namespace kel

@@ -32,6 +32,7 @@ public:
     /// Calls the callback and leaves the reference count of `notification` alone.
     void handle(Poco::Notification* notification);
 
+    /// The name under which a center knows the observer.
     std::string name();
 
 private:
@@ -70,10 +71,12 @@ public:
     void postNotification(Poco::AutoPtr<Poco::Notification> notification);
 
     /// Unregisters the observer `name`; nothing happens if there is none. Once this has returned no
-    /// call of it begins, and none is still running on another thread either, so that what its
-    /// callback uses may go. Hence the caller must not hold a lock that the callback takes.
-    /// From inside any observer's callback it returns at once: a call that another thread has
-    /// already started then runs to its end, and two callbacks may remove each other.
+    /// call of it begins, none is still running on another thread either, and what the callback
+    /// holds has been destroyed unless the host keeps the Observer: what it uses, and the plug-in
+    /// that its code is in, may be destroyed or unloaded. Hence the caller must not hold a lock
+    /// that the callback takes. From inside any observer's callback it returns at once: a call that
+    /// another thread has already started then runs to its end, and two callbacks may remove each
+    /// other.
     void removeObserver(std::string name);
 
 private:

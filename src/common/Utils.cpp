@@ -11,7 +11,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <tuple>
@@ -64,9 +64,9 @@ std::string parseFailure(const std::exception& exc) {
     return poco && !poco->message().empty() ? poco->message() : exc.what();
 }
 
-// Whether `test` holds for a file. None does for one that is gone or for a link that leads nowhere.
+// The result of `test` for a file; false for one that is gone, or for a link that leads nowhere.
 template <typename Test>
-bool holds(Test&& test) {
+bool falseIfMissing(Test&& test) {
     try {
         return test();
     } catch (const Poco::FileAccessDeniedException&) {
@@ -83,40 +83,25 @@ public:
         : _files(files), _type(type), _keyword(keyword) {}
 
     void run(const Poco::Path& directory) {
-        if (isOpen(directory)) return;
-        _open.push_back(systemPath(directory));
+        // One that cannot be asked is reported by the iterator.
+        const auto identity = platform::directoryIdentity(directory.toString());
+        if (identity && !_visited.insert(*identity).second) return;
         const Poco::DirectoryIterator end;
         for (Poco::DirectoryIterator entry(directory); entry != end; ++entry) {
-            if (holds([&] { return entry->isDirectory(); })) {
+            if (falseIfMissing([&] { return entry->isDirectory(); })) {
                 run(entry.path());
             } else if (!collect(*entry, entry.name())) {
-                break;
+                return;
             }
         }
-        _open.pop_back();
     }
 
 private:
-    // From UTF-8 on Windows; byte by byte, whatever they mean, on POSIX.
-    static std::filesystem::path systemPath(const Poco::Path& path) {
-        const std::string text = path.toString();
-        return std::u8string(text.begin(), text.end());
-    }
-
-    // A link may lead back to where the listing came from.
-    bool isOpen(const Poco::Path& directory) const {
-        const std::filesystem::path path = systemPath(directory);
-        return std::any_of(_open.begin(), _open.end(), [&](const auto& open) {
-            std::error_code unreadable;  // the directory iterator reports that better
-            return std::filesystem::equivalent(open, path, unreadable);
-        });
-    }
-
     /// @return false for a type that is none of the three.
     bool collect(const Poco::File& file, const std::string& name) {
         switch (_type) {
             case ListFileType::MicroService:
-                if (holds([&] { return file.isFile() && file.canExecute(); })) {
+                if (falseIfMissing([&] { return file.isFile() && file.canExecute(); })) {
                     add(file, "microservice: %s", kMicroServiceLine);
                 }
                 return true;
@@ -148,14 +133,15 @@ private:
     std::list<std::string>& _files;
     const ListFileType _type;
     const std::string& _keyword;
-    std::vector<std::filesystem::path> _open;  // from the top to the directory being read
+    // A link may lead back to where the listing came from, or to a directory that others lead to.
+    std::set<std::pair<std::uint64_t, std::uint64_t>> _visited;
 };
 
 // Ids 0 and 1 mean a group of processes and the system itself; one that does not fit would turn
 // into another number, -1 for "all" among them.
-void refuseUnsafe(unsigned int pid) {
+void refuseUnsafeId(unsigned int pid) {
     if (pid <= 1 || !std::in_range<Poco::Process::PID>(pid)) {
-        throw Poco::InvalidArgumentException("process id " + std::to_string(pid));
+        throw Poco::InvalidArgumentException("refused to end process id " + std::to_string(pid));
     }
 }
 
@@ -223,7 +209,7 @@ void cleanProcessByName(const std::string& name) {
 
 void cleanProcessById(const unsigned int& pid) {
     try {
-        refuseUnsafe(pid);
+        refuseUnsafeId(pid);
         const std::string command = platform::killCommand(pid);
         log.information(Poco::format("system command: %s", command), kSystemCommandLine);
         std::ignore = std::system(command.c_str());  // the kill below tells what is wrong

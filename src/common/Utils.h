@@ -28,8 +28,8 @@ KEL_API std::string jsonToString(Poco::JSON::Object::Ptr obj);
 /// Threads: any.
 KEL_API unsigned int GetCRC32(unsigned int crc, unsigned char* buffer, int length);
 
-/// What listFilesRecursively() collects.
-enum class ListFileType {
+/// What listFilesRecursively() collects. Both `ListFileType::Plugin` and `Plugin` name a value.
+enum ListFileType : int {
     MicroService = 0,  ///< files that can be executed; the keyword is not used
     Plugin = 1,        ///< names that start with the keyword and end in ".dll" (or ".so" on Linux)
     LogFile = 2,       ///< names that start with the keyword and end in ".log"
@@ -48,8 +48,8 @@ KEL_API bool findProcessByName(const std::string& name, std::vector<unsigned lon
 /// Never throws; failures are logged. Threads: any; waits for a system command per process.
 KEL_API void cleanProcessByName(const std::string& name);
 
-/// Ends the process `pid` at once. Ids 0 and 1, and any that the system does not have, are refused
-/// with an error line.
+/// Ends the process `pid` at once. Ids 0 and 1, and any that is no process id of the system, are
+/// refused: an error line says so, and nothing is run.
 /// Never throws; failures are logged, also that of the second attempt, which finds the process
 /// already gone after a successful first one. Threads: any; waits for a system command.
 KEL_API void cleanProcessById(const unsigned int& pid);
@@ -63,7 +63,8 @@ KEL_API std::string getCurrentChildPath(const std::string& child);
 
 /// Appends the full paths of the files below `dir` that `type` and `keyword` select, depth first.
 /// Tests are byte-wise and case-sensitive; an empty keyword matches every name. Links to
-/// directories are followed, but never into a directory that is being listed already.
+/// directories are followed; each directory is listed once, however many links lead to it, under
+/// the path by which it is met first.
 /// Micro-services and plug-ins are logged as they are found. A `type` that is none of the above
 /// collects nothing.
 /// @throws Poco::FileException  `dir` or a directory below is missing or unreadable; `files` keeps

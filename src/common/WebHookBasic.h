@@ -28,6 +28,7 @@ public:
     /// after a transport failure, with status 400) or longer than 8 MiB.
     using Callback = std::function<void(Poco::Net::HTTPResponse::HTTPStatus, Poco::JSON::Object&)>;
 
+    /// A hook with a client and a timer of its own; the settings are the same for every hook.
     static std::shared_ptr<WebHookBasic> createInstance();
 
     /// The hook that the whole process shares. It is never replaced.

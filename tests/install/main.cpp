@@ -9,9 +9,11 @@
 #include <common/NotificationCenter.h>
 #include <common/ThreadPool.h>
 #include <common/Utils.h>
+#include <common/Version.h>
 #include <common/WebApiBasic.h>
 #include <common/WebHookBasic.h>
 
+#include <cstdlib>
 #include <iostream>
 
 static void expect(bool holds, const char* what) {
@@ -25,6 +27,11 @@ int main() {
     kel::initHttpOption();
     kel::loadConfig();
     expect(kel::configInstance().getInt(kel::http::kPort) == 9528, "configuration");
+    expect(kel::configPath().find("uses_kelcommon.json") != std::string::npos, "path");
+    const int number = KEL_VERSION_MAJOR * 10000 + KEL_VERSION_MINOR * 100 + KEL_VERSION_PATCH;
+    expect(number == KEL_VERSION && kel::version() == std::string(PACKAGE_VERSION), "version");
+    const int plugin = kel::ListFileType::Plugin;
+    expect(plugin == kel::Plugin, "list type");
     expect(kel::logName() == "uses_kelcommon_logger", "logger");
     kel::WebApiBasic::instance()->apiRegist("/alive");
     kel::WebHookBasic::defaultWebHook()->reportServerStarted();

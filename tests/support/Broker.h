@@ -12,7 +12,8 @@ class Broker {
 public:
     enum class Login { kAnonymous, kPassword };  // kPassword: user "edge", password "secret"
 
-    explicit Broker(Login login = Login::kAnonymous);
+    /// @param noDelay  without it the broker leaves Nagle's algorithm on, as it does by itself.
+    explicit Broker(Login login = Login::kAnonymous, bool noDelay = true);
     ~Broker() { kill(); }
     Broker(const Broker&) = delete;
     Broker& operator=(const Broker&) = delete;
@@ -38,6 +39,7 @@ private:
 
     const TempFolder _folder;
     Login _login;
+    bool _noDelay;
     int _port = 0;
     pid_t _pid = -1;
 };

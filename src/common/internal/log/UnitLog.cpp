@@ -4,23 +4,60 @@
 #include <Poco/Logger.h>
 #include <Poco/Message.h>
 
+#include <algorithm>
 #include <atomic>
 
-#include "../../Logger.h"
+#include "../process/NeverDestroyed.h"
 
 namespace kel {
 
 namespace {
 
 std::atomic<bool> ended{false};
+// Earlier names are never freed, because somebody may still read them. There is one in practice.
+std::atomic<const std::string*> currentName{nullptr};
+
+bool isControl(unsigned char c) {
+    return c < 0x20 || c == 0x7F;
+}
+
+// U+0080 to U+009F, which terminals obey too.
+bool isLongControl(const std::string& text, std::size_t i) {
+    if (i + 1 >= text.size() || static_cast<unsigned char>(text[i]) != 0xC2) return false;
+    const auto next = static_cast<unsigned char>(text[i + 1]);
+    return next >= 0x80 && next <= 0x9F;
+}
+
+bool hasControls(const std::string& text) {
+    const auto suspicious = [](unsigned char c) { return isControl(c) || c == 0xC2; };
+    return std::any_of(text.begin(), text.end(), suspicious);
+}
+
+std::string escapeOf(unsigned char c) {
+    constexpr const char* kDigits = "0123456789abcdef";
+    switch (c) {
+        case '\n':
+            return "\\n";
+        case '\r':
+            return "\\r";
+        case '\t':
+            return "\\t";
+        default:
+            return std::string("\\x") + kDigits[c >> 4] + kDigits[c & 15];
+    }
+}
 
 void write(const char* file, int line, Poco::Message::Priority priority,
            const std::string& text) noexcept {
     if (ended) return;
     try {
-        Poco::Logger& logger = Poco::Logger::get(logName());
+        Poco::Logger& logger = Poco::Logger::get(loggerName());
         if (logger.getLevel() < priority) return;
-        logger.log(Poco::Message(logger.name(), text, priority, file, line));
+        if (hasControls(text)) {
+            logger.log(Poco::Message(logger.name(), withoutControls(text), priority, file, line));
+        } else {
+            logger.log(Poco::Message(logger.name(), text, priority, file, line));
+        }
     } catch (...) {
         // There is nobody left to tell.
     }
@@ -47,10 +84,36 @@ void UnitLog::information(const std::string& text, int line) const noexcept {
 bool UnitLog::informationEnabled() const noexcept {
     if (ended) return false;
     try {
-        return Poco::Logger::get(logName()).information();
+        return Poco::Logger::get(loggerName()).information();
     } catch (...) {
         return false;
     }
+}
+
+const std::string& loggerName() noexcept {
+    static NeverDestroyed<std::string> none;
+    const std::string* name = currentName;
+    return name ? *name : *none;
+}
+
+void setLoggerName(const std::string& name) {
+    if (loggerName() != name) currentName = new std::string(name);
+}
+
+std::string withoutControls(const std::string& text) {
+    std::string escaped;
+    escaped.reserve(text.size() + 16);
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (isLongControl(text, i)) {
+            escaped += escapeOf(static_cast<unsigned char>(text[++i]));
+        } else if (isControl(c)) {
+            escaped += escapeOf(c);
+        } else {
+            escaped += text[i];
+        }
+    }
+    return escaped;
 }
 
 void endLogging() noexcept {

@@ -6,7 +6,8 @@
 namespace kel {
 
 /// How every unit logs: one constant of this class per source file, one call per line. Goes to the
-/// logger that logName() names at that moment. A logging failure never becomes the caller's.
+/// logger that loggerName() names at that moment. What peers sent may be part of a text, so control
+/// characters in it are written as escapes. A logging failure never becomes the caller's.
 class UnitLog {
 public:
     /// @param sourceFile  a string literal: POCO messages keep the pointer.
@@ -22,6 +23,14 @@ public:
 private:
     const char* _sourceFile;
 };
+
+/// Name of the library's POCO logger; "" before the first setLoggerName(). Never waits.
+const std::string& loggerName() noexcept;
+void setLoggerName(const std::string& name);
+
+/// `text` with its control characters as escapes: "\n", "\t", "\x1b" and the like. Those that UTF-8
+/// writes with two bytes are among them. A backslash stays as it is.
+std::string withoutControls(const std::string& text);
 
 /// Nothing is logged any more: POCO's own statics are about to go. Threads of the host may still
 /// be running, and calling.

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -45,14 +47,59 @@ std::optional<std::pair<std::uint64_t, std::uint64_t>> directoryIdentity(const s
 ///         is read-only, or no regular file, is refused.
 void replaceFileContent(const std::string& path, const std::string& content);
 
-/// Lets colour sequences on standard output through. Failures are ignored; without a console, or
-/// where terminals take them anyway, it does nothing.
-void enableConsoleColors() noexcept;
+/// A file that is only appended to, closed by the destructor. Others may read, rename and remove it
+/// meanwhile. Threads: one at a time.
+class AppendedFile {
+public:
+    /// Opens `path`, and creates it for the owner only (POSIX) where it does not exist.
+    /// @throws std::system_error  it cannot be opened.
+    explicit AppendedFile(const std::string& path);
+    ~AppendedFile();
+    AppendedFile(const AppendedFile&) = delete;
+    AppendedFile& operator=(const AppendedFile&) = delete;
+
+    /// @return how many bytes were written: fewer than `data` has only where `failed` says why.
+    std::size_t write(std::string_view data, std::error_code& failed) noexcept;
+
+    bool empty() const noexcept;
+
+private:
+    std::intptr_t _handle;
+};
+
+/// What ends a line in a text file.
+std::string_view lineEnd() noexcept;
+
+/// The characters that separate the names in a path.
+std::string_view pathSeparators() noexcept;
+
+/// Lets colour sequences and UTF-8 through where the console needs to be told. Failures are
+/// ignored; without a console it does nothing.
+void prepareConsole() noexcept;
+
+/// Whether standard error is a terminal.
+bool consoleIsTerminal() noexcept;
 
 /// Writes to standard error past the C and C++ streams: while those wait for a console that takes
 /// nothing they hold locks, for which the end of the process would wait in turn. Errors are
-/// ignored. (Windows: through the C stream.)
-void writeToConsole(const std::string& text) noexcept;
+/// ignored.
+void writeToConsole(std::string_view text) noexcept;
+
+/// Prints `line`, and the line's end, on standard output, unless that has taken nothing for
+/// `patience`.
+void printLine(const std::string& line, std::chrono::milliseconds patience) noexcept;
+
+/// To be called first on a thread of the library's own that calls no host code: names it, and
+/// leaves signals, such as the one for a pipe that nobody reads any more, to the host's threads.
+void beginBackgroundThread(const char* name) noexcept;
+
+/// Keeps the library's code in memory until the process ends, where a thread had to be left behind
+/// in it.
+void keepLoaded() noexcept;
+
+/// Has `inChild` run in each process that is forked from this one, where there is such a thing. It
+/// may do nothing but set atomic variables.
+void onFork(void (*inChild)()) noexcept;
 
 /// Ids of the processes whose executable file name is `name`, byte for byte, in system order. On
 /// Windows the names come in the system's ANSI code page, the one text here that is not UTF-8.

@@ -1,11 +1,13 @@
 // Platform_posix.cpp - Linux, through POSIX calls and /proc.
 
 #include <arpa/inet.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/ip.h>
 #include <netinet/ip_icmp.h>
 #include <poll.h>
+#include <pthread.h>
 #include <semaphore.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -22,6 +24,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
+#include <memory>
 #include <system_error>
 #include <thread>
 
@@ -39,14 +43,18 @@ using Bytes = std::vector<unsigned char>;
     throw std::system_error(errno, std::generic_category(), what + " " + path);
 }
 
-// An open file or folder; closed by the destructor.
+// An open file or folder; unlocked and closed by the destructor. Closing alone would leave the lock
+// to a child that another thread has forked meanwhile.
 class Descriptor {
 public:
     Descriptor(const std::string& path, int flags, const char* what)
         : _fd(::open(path.c_str(), flags | O_CLOEXEC, S_IRUSR | S_IWUSR)) {
         if (_fd < 0) fail(what, path);
     }
-    ~Descriptor() { ::close(_fd); }
+    ~Descriptor() {
+        ::flock(_fd, LOCK_UN);
+        ::close(_fd);
+    }
 
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
@@ -105,7 +113,7 @@ void refuseReadOnly(const std::string& path, const FileStatus& file) {
     }
 }
 
-// Held until `file` is closed. Not every file system has such locks; without, it is for the hosts
+// Held as long as `file` lives. Not every file system has such locks; without, it is for the hosts
 // not to save at the same time.
 void lock(const Descriptor& file, const std::string& path) {
     constexpr int kAttempts = 200;
@@ -347,9 +355,50 @@ void replaceFileContent(const std::string& path, const std::string& content) {
     }
 }
 
-void enableConsoleColors() noexcept {}
+AppendedFile::AppendedFile(const std::string& path)
+    : _handle(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR)) {
+    if (_handle < 0) fail("open", path);
+}
 
-void writeToConsole(const std::string& text) noexcept {
+AppendedFile::~AppendedFile() {
+    ::close(static_cast<int>(_handle));
+}
+
+std::size_t AppendedFile::write(std::string_view data, std::error_code& failed) noexcept {
+    std::size_t done = 0;
+    while (done < data.size()) {
+        const ssize_t n =
+            ::write(static_cast<int>(_handle), data.data() + done, data.size() - done);
+        if (n > 0) done += static_cast<std::size_t>(n);
+        if (n < 0 && errno != EINTR) {
+            failed.assign(errno, std::generic_category());
+            break;
+        }
+    }
+    return done;
+}
+
+bool AppendedFile::empty() const noexcept {
+    struct stat status {};
+    return ::fstat(static_cast<int>(_handle), &status) == 0 && S_ISREG(status.st_mode) &&
+           status.st_size == 0;
+}
+
+std::string_view lineEnd() noexcept {
+    return "\n";
+}
+
+std::string_view pathSeparators() noexcept {
+    return "/";
+}
+
+void prepareConsole() noexcept {}
+
+bool consoleIsTerminal() noexcept {
+    return ::isatty(STDERR_FILENO) == 1;
+}
+
+void writeToConsole(std::string_view text) noexcept {
     for (std::size_t done = 0; done < text.size();) {
         const ssize_t n = ::write(STDERR_FILENO, text.data() + done, text.size() - done);
         if (n > 0) done += static_cast<std::size_t>(n);
@@ -360,6 +409,35 @@ void writeToConsole(const std::string& text) noexcept {
             return;
         }
     }
+}
+
+// Nothing is known but whether there is room; a reader that takes the rest slowly is waited for.
+void printLine(const std::string& line, std::chrono::milliseconds patience) noexcept {
+    pollfd output{STDOUT_FILENO, POLLOUT, 0};
+    if (::poll(&output, 1, static_cast<int>(patience.count())) == 0) return;
+    try {
+        std::cout << line << std::endl;
+    } catch (...) {
+        // The host has asked its stream to throw.
+    }
+}
+
+void beginBackgroundThread(const char* name) noexcept {
+    sigset_t all;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+    ::pthread_setname_np(::pthread_self(), name);
+}
+
+void keepLoaded() noexcept {
+    Dl_info library{};
+    if (::dladdr(reinterpret_cast<const void*>(&keepLoaded), &library) != 0) {
+        ::dlopen(library.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+    }
+}
+
+void onFork(void (*inChild)()) noexcept {
+    ::pthread_atfork(nullptr, nullptr, inChild);
 }
 
 std::vector<unsigned long> processesByName(const std::string& name) {

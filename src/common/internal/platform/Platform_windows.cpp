@@ -19,8 +19,13 @@
 #include <icmpapi.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
+#include <future>
+#include <iostream>
+#include <memory>
 #include <system_error>
+#include <thread>
 
 #include "Platform.h"
 
@@ -68,15 +73,44 @@ std::string narrow(const std::wstring& text) {
     return utf8;
 }
 
-// A path as the calls take it, "/" within and longer than MAX_PATH too. From 248 characters on,
-// where folders begin to fail, only the prefix helps, and it allows no "/".
-std::wstring widePath(const std::string& path) {
+// A path as the calls take it. From 248 characters on, where folders begin to fail, it needs a
+// prefix and is then read as it stands: with no slash and no separator twice.
+std::wstring forAnyLength(const std::string& path) {
     constexpr std::size_t kLong = 248;
     std::wstring text = wide(path);
     std::replace(text.begin(), text.end(), L'/', L'\\');
     if (text.size() < kLong || text.starts_with(L"\\\\?\\")) return text;
-    if (text.starts_with(L"\\\\")) return L"\\\\?\\UNC" + text.substr(1);
-    return L"\\\\?\\" + text;
+    const bool onServer = text.starts_with(L"\\\\");
+    const auto twice = [](wchar_t a, wchar_t b) { return a == L'\\' && b == L'\\'; };
+    text.erase(std::unique(text.begin(), text.end(), twice), text.end());
+    return (onServer ? L"\\\\?\\UNC" : L"\\\\?\\") + text;
+}
+
+HANDLE asHandle(std::intptr_t handle) {
+    return reinterpret_cast<HANDLE>(handle);
+}
+
+bool isConsole(HANDLE handle) {
+    DWORD mode = 0;
+    return handle && ::GetConsoleMode(handle, &mode);
+}
+
+void writeTo(HANDLE handle, std::string_view text) {
+    while (!text.empty()) {
+        DWORD written = 0;
+        if (!::WriteFile(handle, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) ||
+            written == 0) {
+            return;
+        }
+        text.remove_prefix(written);
+    }
+}
+
+void letColorsThrough(HANDLE handle) {
+    DWORD mode = 0;
+    if (handle && ::GetConsoleMode(handle, &mode)) {
+        ::SetConsoleMode(handle, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+    }
 }
 
 bool heldByAnother(DWORD error) {
@@ -97,7 +131,7 @@ bool succeedsSoon(Call&& call) {
 }
 
 void refuseReadOnly(const std::string& path) {
-    const DWORD attributes = ::GetFileAttributesW(widePath(path).c_str());
+    const DWORD attributes = ::GetFileAttributesW(forAnyLength(path).c_str());
     if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY)) {
         ::SetLastError(ERROR_ACCESS_DENIED);
         fail("write read-only file", path);
@@ -137,7 +171,7 @@ void writeAll(HANDLE file, const std::string& content, const std::string& path) 
 void writeNewFile(const std::string& path, const std::string& content) {
     HANDLE file = INVALID_HANDLE_VALUE;
     const bool created = succeedsSoon([&] {
-        file = ::CreateFileW(widePath(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+        file = ::CreateFileW(forAnyLength(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
                              FILE_ATTRIBUTE_NORMAL, nullptr);
         return file != INVALID_HANDLE_VALUE;
     });
@@ -220,7 +254,7 @@ std::string executablePath() {
 }
 
 void createDirectories(const std::string& path) {
-    std::wstring folder = widePath(path);
+    std::wstring folder = forAnyLength(path);
     while (folder.ends_with(L'\\')) folder.pop_back();
     createWithParents(folder, path);
 }
@@ -231,7 +265,7 @@ void createPrivateDirectory(const std::string& path) {
 
 std::optional<std::pair<std::uint64_t, std::uint64_t>> directoryIdentity(const std::string& path) {
     const HANDLE folder =
-        ::CreateFileW(widePath(path).c_str(), FILE_READ_ATTRIBUTES,
+        ::CreateFileW(forAnyLength(path).c_str(), FILE_READ_ATTRIBUTES,
                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                       OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
     if (folder == INVALID_HANDLE_VALUE) return {};
@@ -247,25 +281,101 @@ void replaceFileContent(const std::string& path, const std::string& content) {
     const std::string neighbour = path + ".tmp";
     try {
         writeNewFile(neighbour, content);
-        if (!renameOver(widePath(neighbour), widePath(path))) fail("replace", path);
+        if (!renameOver(forAnyLength(neighbour), forAnyLength(path))) fail("replace", path);
     } catch (...) {
-        ::DeleteFileW(widePath(neighbour).c_str());
+        ::DeleteFileW(forAnyLength(neighbour).c_str());
         throw;
     }
 }
 
-void enableConsoleColors() noexcept {
-    const HANDLE output = ::GetStdHandle(STD_OUTPUT_HANDLE);
-    DWORD mode = 0;
-    if (output && ::GetConsoleMode(output, &mode)) {
-        ::SetConsoleMode(output, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+AppendedFile::AppendedFile(const std::string& path)
+    : _handle(reinterpret_cast<std::intptr_t>(
+          ::CreateFileW(forAnyLength(path).c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES,
+                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                        OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr))) {
+    if (asHandle(_handle) == INVALID_HANDLE_VALUE) fail("open", path);
+}
+
+AppendedFile::~AppendedFile() {
+    ::CloseHandle(asHandle(_handle));
+}
+
+std::size_t AppendedFile::write(std::string_view data, std::error_code& failed) noexcept {
+    std::size_t done = 0;
+    while (done < data.size()) {
+        DWORD written = 0;
+        if (!::WriteFile(asHandle(_handle), data.data() + done,
+                         static_cast<DWORD>(data.size() - done), &written, nullptr)) {
+            failed.assign(static_cast<int>(::GetLastError()), std::system_category());
+            break;
+        }
+        done += written;
+    }
+    return done;
+}
+
+bool AppendedFile::empty() const noexcept {
+    LARGE_INTEGER size{};
+    return ::GetFileSizeEx(asHandle(_handle), &size) && size.QuadPart == 0;
+}
+
+std::string_view lineEnd() noexcept {
+    return "\r\n";
+}
+
+std::string_view pathSeparators() noexcept {
+    return "/\\";
+}
+
+void prepareConsole() noexcept {
+    letColorsThrough(::GetStdHandle(STD_OUTPUT_HANDLE));
+    letColorsThrough(::GetStdHandle(STD_ERROR_HANDLE));
+    if (consoleIsTerminal()) ::SetConsoleOutputCP(CP_UTF8);
+}
+
+bool consoleIsTerminal() noexcept {
+    return isConsole(::GetStdHandle(STD_ERROR_HANDLE));
+}
+
+void writeToConsole(std::string_view text) noexcept {
+    writeTo(::GetStdHandle(STD_ERROR_HANDLE), text);
+}
+
+// A selection in the window stops a console for as long as it lasts, and nothing tells. So another
+// thread writes, past the C stream, whose lock the end of the process needs.
+void printLine(const std::string& line, std::chrono::milliseconds patience) noexcept {
+    try {
+        const HANDLE output = ::GetStdHandle(STD_OUTPUT_HANDLE);
+        if (!isConsole(output)) {
+            std::cout << line << std::endl;
+            return;
+        }
+        const auto done = std::make_shared<std::promise<void>>();
+        std::thread writer([output, done, text = line + "\r\n"] {
+            writeTo(output, text);
+            done->set_value();
+        });
+        if (done->get_future().wait_for(patience) == std::future_status::ready) {
+            writer.join();
+        } else {
+            keepLoaded();
+            writer.detach();
+        }
+    } catch (...) {
+        // No thread is to be had, or the host has asked its stream to throw.
     }
 }
 
-void writeToConsole(const std::string& text) noexcept {
-    std::fwrite(text.data(), 1, text.size(), stderr);
-    std::fflush(stderr);
+// Threads have neither signals nor, before Windows 10, names.
+void beginBackgroundThread(const char*) noexcept {}
+
+void keepLoaded() noexcept {
+    HMODULE library = nullptr;
+    ::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                         reinterpret_cast<LPCWSTR>(&keepLoaded), &library);
 }
+
+void onFork(void (*)()) noexcept {}
 
 // A snapshot that was refused is no null handle: it has no first process.
 std::vector<unsigned long> processesByName(const std::string& name) {
