@@ -19,7 +19,7 @@ help:
 
 demo:
 	@scripts/install-deps
-	@KEEP=$(KEEP) scripts/demo
+	@bash -mc 'KEEP=$(KEEP) scripts/demo; exit $$?' # -m: Ctrl-C reaches the demo and not make
 
 test:
 	@scripts/install-deps

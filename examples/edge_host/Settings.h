@@ -1,7 +1,11 @@
 #pragma once
 
-#include <cstdint>
+#include <status_page/PageSettings.h>
+
 #include <string>
+#include <vector>
+
+namespace edge {
 
 /// The host's own settings, kept in the same file as the library's.
 struct Settings {
@@ -21,21 +25,25 @@ struct Settings {
     double alarmLimit = 90;
     int askEvery = 1000;  // milliseconds; 0: never
 
-    // The web API has no passwords: at another address than the loopback one, whoever reaches the
-    // port can publish. Port 0 takes any that is free.
-    std::string webAddress = "127.0.0.1";
-    std::uint16_t webPort = 9528;
-
-    std::string scanFolder;  // log files below it are counted at start; "" for none
+    status_page::PageSettings page;  // its key and secret are made at the first start
 
     /// Writes these values into the configuration store, under their keys.
     void store() const;
 
     /// The store's values; a key that the store lacks keeps the value it has here.
-    /// @throws Poco::DataFormatException  names the key whose value has the wrong type.
+    /// @throws Poco::DataFormatException  names the key whose value cannot be used.
     void load();
+
+    /// All settings, the library's included, that may be shown: no passwords, keys, secrets.
+    static std::vector<std::string> shownKeys();
 
 private:
     template <typename Self, typename Visitor>
     static void visit(Self& self, Visitor&& visitor);
 };
+
+/// Puts `value` in the place of a default in the store.
+/// @throws Poco::DataFormatException  there is no such setting, or it takes another type.
+void replaceDefault(const std::string& key, const std::string& value);
+
+}  // namespace edge

@@ -135,4 +135,12 @@ void sendAtOnceTo(std::uint16_t port);
 /// lock, which an ending thread needs.
 bool canJoinAtExit() noexcept;
 
+/// Keeps requests to end the process, by signal or by console event, for
+/// waitForTerminationRequest() instead of letting them end it. Repeatable.
+/// @throws std::system_error  the system refuses.
+void catchTerminationRequests();
+
+/// Waits for such a request; catchTerminationRequests() comes first.
+void waitForTerminationRequest();
+
 }  // namespace kel::platform

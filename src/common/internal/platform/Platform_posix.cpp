@@ -9,6 +9,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/random.h>
@@ -225,6 +226,20 @@ void requireDirectory(const std::string& path, std::error_code failed) {
 bool isNumber(const std::string& text) {
     return !text.empty() &&
            std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// A semaphore is among the few things that a signal handler may touch. Initialised before the
+// handler is installed.
+sem_t terminationRequests;
+
+void onTerminationSignal(int) {
+    const int error = errno;
+    ::sem_post(&terminationRequests);
+    errno = error;
+}
+
+void check(int result, const char* call) {
+    if (result != 0) throw std::system_error(errno, std::generic_category(), call);
 }
 
 // Sends and receives ICMP, through a raw socket or else through the kind that the kernel lends to
@@ -489,6 +504,23 @@ void sendAtOnceTo(std::uint16_t port) {
 
 bool canJoinAtExit() noexcept {
     return true;
+}
+
+// A handler and no blocked signals: those would be inherited by every program that the host starts.
+void catchTerminationRequests() {
+    static const int initialised = ::sem_init(&terminationRequests, 0, 0);
+    check(initialised, "sem_init");
+    struct sigaction action {};
+    action.sa_handler = onTerminationSignal;
+    action.sa_flags = SA_RESTART;
+    for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {
+        check(::sigaction(signal, &action, nullptr), "sigaction");
+    }
+}
+
+void waitForTerminationRequest() {
+    while (::sem_wait(&terminationRequests) != 0 && errno == EINTR) {
+    }
 }
 
 }  // namespace kel::platform

@@ -6,6 +6,8 @@
 
 #include <string>
 
+namespace edge {
+
 /// The process's logger, looked up anew for each line; log with POCO's macros, which add file and
 /// line: poco_information(hostLog(), "text").
 inline Poco::Logger& hostLog() {
@@ -16,3 +18,5 @@ inline Poco::Logger& hostLog() {
 inline std::string quoted(const std::string& text) {
     return Poco::toJSON(text);
 }
+
+}  // namespace edge

@@ -1,23 +1,22 @@
 #include "LogTail.h"
 
 #include <Poco/Exception.h>
+#include <Poco/FileStream.h>
 #include <Poco/Path.h>
 #include <Poco/StringTokenizer.h>
 #include <common/Logger.h>
 #include <common/Utils.h>
 
 #include <algorithm>
-#include <fstream>
 #include <iterator>
 #include <list>
 #include <string>
 
-#include "Text.h"
+namespace status_page {
 
 namespace {
 
 constexpr std::streamoff kTailBytes = 64 * 1024;
-constexpr std::size_t kLineLimit = 1000;
 
 // Log files are called "<executable>-<date>.log", so the last by name is the newest.
 std::string newestLog() {
@@ -32,10 +31,9 @@ std::string newestLog() {
 
 // The file's end, from the beginning of a line on.
 std::string tailOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary | std::ios::ate);
-    const std::streamoff size = file.tellg();
-    if (!file) return "";
-    const std::streamoff start = std::max<std::streamoff>(0, size - kTailBytes);
+    Poco::FileInputStream file(path, std::ios::in | std::ios::binary);
+    file.seekg(0, std::ios::end);
+    const std::streamoff start = std::max<std::streamoff>(0, file.tellg() - kTailBytes);
     file.seekg(start);
     std::string partial;
     if (start > 0) std::getline(file, partial);
@@ -44,15 +42,17 @@ std::string tailOf(const std::string& path) {
 
 }  // namespace
 
-Poco::JSON::Array::Ptr logTail(std::size_t count) {
-    Poco::JSON::Array::Ptr list(new Poco::JSON::Array);
+std::vector<std::string> logTail(std::size_t count) {
     try {
-        const Poco::StringTokenizer lines(tailOf(newestLog()), "\n",
+        const std::string file = newestLog();
+        if (file.empty()) return {};
+        const Poco::StringTokenizer lines(tailOf(file), "\r\n",
                                           Poco::StringTokenizer::TOK_IGNORE_EMPTY);
-        for (std::size_t i = lines.count() - std::min(count, lines.count()); i < lines.count(); ++i)
-            list->add(shown(lines[i], kLineLimit));
+        const auto shown = static_cast<std::ptrdiff_t>(std::min(count, lines.count()));
+        return {lines.end() - shown, lines.end()};
     } catch (const Poco::Exception&) {
-        // No folder, no log: there is nothing to show.
+        return {};  // no folder, no log: there is nothing to show
     }
-    return list;
 }
+
+}  // namespace status_page

@@ -6,6 +6,8 @@
 
 #include "Text.h"
 
+namespace status_page {
+
 namespace {
 
 constexpr std::size_t kMessages = 100;
@@ -97,3 +99,5 @@ Poco::JSON::Array::Ptr Traffic::perSecond(Direction direction, Poco::Int64 now) 
     }
     return counts;
 }
+
+}  // namespace status_page

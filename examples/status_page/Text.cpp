@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+namespace status_page {
+
 namespace {
 
 constexpr int kReplacement = 0xFFFD;  // for a byte that is no UTF-8
@@ -25,3 +27,5 @@ std::string shown(const char* text, std::size_t length, std::size_t limit) {
     Poco::TextConverter(utf8, utf8, kReplacement).convert(text, static_cast<int>(end), valid);
     return cut ? valid + "\u2026" : valid;
 }
+
+}  // namespace status_page

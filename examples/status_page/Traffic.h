@@ -9,6 +9,8 @@
 #include <mutex>
 #include <string>
 
+namespace status_page {
+
 /// What came and went on the bus lately: the last messages and how many there were in each of the
 /// last seconds. However large and many they are, it keeps about 250 KiB at most.
 /// Threads: all operations may be called from any thread.
@@ -51,3 +53,5 @@ private:
     Poco::Int64 _totals[2]{};
     std::array<Second, kSeconds + 1> _seconds;  // the last place is the current second's
 };
+
+}  // namespace status_page

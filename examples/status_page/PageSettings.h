@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace status_page {
+
+/// Where the page is served, and to whom.
+struct PageSettings {
+    std::string address = "127.0.0.1";
+    std::uint16_t port = 9528;  ///< 0 takes any that is free
+    /// Whether another address than a loopback one may be served without TLS.
+    bool openToNetwork = false;
+
+    std::string key;         ///< for everything that shows contents or changes something
+    std::string hookSecret;  ///< for the reports of other processes, in the query of their hook URL
+
+    std::string hostNames;        ///< by which browsers may ask, separated by commas
+    std::string scheme = "http";  ///< "https" behind a proxy that speaks TLS
+
+    std::vector<std::string> shownSettings;  ///< see Disclosure
+};
+
+}  // namespace status_page
