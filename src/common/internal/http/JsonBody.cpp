@@ -7,11 +7,41 @@
 #include <string>
 #include <vector>
 
+#include "../../HttpLimits.h"
+
 namespace kel {
 
 namespace {
 
-constexpr std::int64_t kMaxLength = 8 * 1024 * 1024;
+// Looks at the text before anything is built from it: the parser would make 2 GB of objects of
+// 8 MiB of empty ones. A value is counted where it begins after an opening bracket or a comma.
+void checkValues(const std::string& text) {
+    std::size_t values = 1;
+    int depth = 0;
+    bool inText = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (inText) {
+            if (c == '\\') ++i;
+            inText = c != '"';
+        } else if (c == '"') {
+            inText = true;
+        } else if (c == ',') {
+            ++values;
+        } else if (c == '[' || c == '{') {
+            ++values;
+            ++depth;
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
+        if (values > HttpLimits::kJsonValues) {
+            throw Poco::JSON::JSONException("body has too many values");
+        }
+        if (depth > HttpLimits::kJsonDepth) {
+            throw Poco::JSON::JSONException("body is nested too deeply");
+        }
+    }
+}
 
 // Read whole first: the parser's C code must not have exceptions of the stream pass through it.
 std::string readText(std::istream& body) {
@@ -29,12 +59,15 @@ std::string readText(std::istream& body) {
 }  // namespace
 
 void checkJsonBodyLength(std::int64_t length) {
-    if (length > kMaxLength) throw Poco::JSON::JSONException("body is longer than 8 MiB");
+    if (length > HttpLimits::kJsonSize)
+        throw Poco::JSON::JSONException("body is longer than 8 MiB");
 }
 
 Poco::JSON::Object::Ptr readJsonObject(std::istream& body) {
+    const std::string text = readText(body);
+    checkValues(text);
     Poco::JSON::Parser parser(new Poco::JSON::ParseHandler(false));
-    return parser.parse(readText(body)).extract<Poco::JSON::Object::Ptr>();
+    return parser.parse(text).extract<Poco::JSON::Object::Ptr>();
 }
 
 }  // namespace kel
