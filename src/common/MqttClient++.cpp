@@ -31,6 +31,7 @@
 #include "internal/mqtt/Connection.h"
 #include "internal/mqtt/Delivery.h"
 #include "internal/mqtt/Messaging.h"
+#include "internal/mqtt/ServerUri.h"
 #include "internal/mqtt/Subscriptions.h"
 #include "internal/mqtt/Topics.h"
 #include "internal/process/LibraryStop.h"
@@ -274,8 +275,8 @@ std::optional<int> MqttClient::Impl::connectOnce(Messaging& messaging, bool agai
         sessionBegun();
     } else {
         log.error(format("Failed to connect, return code %d", rc));
-        log.information(
-            format("no connection to %s: %s", options.address, connectFailureInWords(rc)));
+        log.information(format("no connection to %s: %s", withoutCredentials(options.address),
+                               connectFailureInWords(rc)));
     }
     return rc;
 }
@@ -370,7 +371,7 @@ bool MqttClient::Impl::awaitBrokerHost(Messaging& messaging, const Weak& weak, u
         if (client->_connected || client->_losses != loss) return false;
         if (!client->connection()) return true;
         if (brokerHostAnswers(client->options.address)) {
-            log.information("ping succeed, ip: " + client->options.address);
+            log.information("ping succeed, ip: " + withoutCredentials(client->options.address));
             return true;
         }
     } while (messaging.pause(kPauseBetweenPings));
