@@ -3,7 +3,7 @@ PRESET ?= debug
 
 help:
 	@echo "make demo          install what is missing, build, show two processes talk; KEEP=1 goes on until Ctrl-C"
-	@echo "make test          install what is missing, build, run all tests; PRESET=debug|release|asan|tsan"
+	@echo "make test          install what is missing, build, run all tests; PRESET=debug|release|asan|tsan|notls"
 	@echo "make test-browser  the same for the status page, in a headless Chromium (100 MB to install)"
 	@echo "make bench         messages per second over a broker of its own"
 	@echo "make build         build everything; PRESET as above"

@@ -184,6 +184,8 @@ const std::vector<std::string>& pluginSuffixes() {
     return suffixes;
 }
 
+void ignoreBrokenPipes() noexcept {}
+
 bool canJoinAtExit() noexcept {
     return false;
 }
