@@ -77,3 +77,188 @@ TEST_F(Tls, ClientTakesOnlyACertificateThatFits) {
         EXPECT_NE(std::string::npos, log.find(line).getText().find(reason));
     }
 }
+
+TEST_F(Tls, ClientTakesNothingElseForAHandshake) {
+    const std::vector<std::pair<std::function<void(RawClient&)>, std::string>> cases = {
+        {[](RawClient& peer) { peer.send("HTTP/1.1 200 OK\r\n\r\n"); }, "no TLS"},
+        {[](RawClient& peer) { peer.send(std::string(600, '\x16')); }, "no TLS"},
+        {[](RawClient& peer) { peer.shutdown(); }, "TLS handshake with 127.0.0.1"},
+        {[](RawClient& peer) { peer.read(); }, "stopped in the handshake"},
+    };
+    for (const auto& [answer, reason] : cases) {
+        SCOPED_TRACE(reason);
+        Poco::Net::ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", 0));
+        const auto served = std::async(std::launch::async, [&socket, &answer = answer] {
+            RawClient peer(socket.acceptConnection());
+            char hello[2048];
+            const int length = peer.receiveBytes(hello, sizeof hello);
+            answer(peer);
+            return std::string(hello, static_cast<std::size_t>(length));
+        });
+        const std::size_t before = log.count(reason);
+        EXPECT_EQ("400", get("https://" + socket.address().toString() + "/secret"));
+        EXPECT_EQ(before + 1, log.count(reason));
+        served.wait();
+    }
+}
+
+// A web API behind TLS, and openssl as its client.
+class TlsServer : public Tls {
+protected:
+    TlsServer() {
+        set("server", "privateKeyFile", files["good.key"]);
+        set("server", "certificateFile", files["good.pem"]);
+        set("server", "caConfig", files["root.pem"]);
+    }
+    ~TlsServer() override { api->stop(); }
+
+    void start() {
+        const auto socket = kel::secureServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0));
+        port = socket.address().port();
+        api->apiRegist("/json", [](auto&, auto&, auto&, auto& result) { result.set("a", 1); });
+        api->start(socket);
+    }
+
+    // What openssl's client says of one connection on which it gets /json.
+    std::string connect(const std::string& options = "") const {
+        return shell(
+            "printf 'GET /json HTTP/1.0\r\n\r\n' | timeout 20 openssl s_client -ign_eof "
+            "-verify_return_error -CAfile " +
+            files["root.pem"] + " -verify_hostname localhost -connect 127.0.0.1:" +
+            std::to_string(port) + " " + options + " || true");
+    }
+
+    static bool contains(const std::string& text, const std::string& part) {
+        return text.find(part) != std::string::npos;
+    }
+
+    const std::shared_ptr<kel::WebApiBasic> api = kel::WebApiBasic::instance();
+    Poco::UInt16 port = 0;
+};
+
+TEST_F(TlsServer, ServesAndSpeaksNothingBelowTls12) {
+    start();
+    for (const char* version : {"-tls1_3", "-tls1_2"}) {
+        const std::string said = connect(version);
+        EXPECT_TRUE(contains(said, "Verification: OK") && contains(said, R"({"a":1})")) << said;
+    }
+    EXPECT_FALSE(contains(connect("-tls1_1 -cipher ALL:@SECLEVEL=0"), R"({"a":1})"));
+    EXPECT_TRUE(log.await("TLS handshake with 127.0.0.1:"));
+}
+
+TEST_F(TlsServer, NamesTheFileOrTheKeyThatCannotBeUsed) {
+    const std::string missing = files["missing.pem"];
+    const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
+        {"privateKeyFile", "", "openSSL.server.privateKeyFile"},
+        {"privateKeyFile", missing, missing + ": No such file"},
+        {"privateKeyFile", files["other.key"], files["other.key"] + ": does not fit"},
+        {"privateKeyFile", files["root.pem"], files["root.pem"] + ": holds no key"},
+        {"privateKeyFile", files["locked.key"], files["locked.key"] + ": the passphrase"},
+        {"certificateFile", missing, missing + ": No such file"},
+        {"certificateFile", files["cut.pem"], files["cut.pem"] + ": "},
+        {"caConfig", missing, missing + ": No such file"},
+        {"caConfig", files["good.key"], files["good.key"] + ": "},
+        {"crlFile", files["good.pem"], files["good.pem"] + ": "},
+        {"cipherList", "no-such-cipher", "openSSL.server.cipherList: no cipher match"},
+        {"verificationMode", "lazy", "openSSL.server.verificationMode: "},
+        {"sessionCacheSize", "many", "openSSL.server.sessionCacheSize: "},
+        {"privateKeyPassphraseHandler.name", "KeyConsoleHandler", "PassphraseHandler.name: "},
+        {"invalidCertificateHandler.name", "Nobody", "CertificateHandler.name: "},
+    };
+    for (const auto& [name, value, reason] : cases) {
+        SCOPED_TRACE(name + " " + value);
+        const std::string usable = configInstance().getRawString("openSSL.server." + name, "");
+        set("server", name, value);
+        try {
+            kel::secureServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0));
+            ADD_FAILURE() << "took it";
+        } catch (const Poco::Exception& exc) {
+            EXPECT_TRUE(contains(exc.displayText(), reason)) << exc.displayText();
+            EXPECT_FALSE(contains(exc.displayText(), "vellum"));
+        }
+        set("server", name, usable);
+        if (usable.empty()) configInstance().remove("openSSL.server." + name);
+    }
+}
+
+TEST_F(TlsServer, UsesTheDefaultsOfAFirstStartAndNamesWhatIsUnsafe) {
+    const std::string folder = ::getenv("XDG_CONFIG_HOME") + std::string("/kelhost/");
+    std::filesystem::create_directories(folder);
+    configInstance().remove("openSSL");
+    kel::initSSLOption();
+    shell("cat " + files["shipped.key"] + " " + files["good.pem"] + " >" + folder + "any.pem; cp " +
+          files["root.pem"] + " " + folder + "rootcert.pem");
+    start();
+    EXPECT_TRUE(contains(connect(), R"({"a":1})"));
+    for (const char* key :
+         {"verificationMode: ", "cipherList: ", "invalidCertificateHandler.name: ",
+          "privateKeyPassphraseHandler.options.password: "}) {
+        EXPECT_EQ(1u, log.count(std::string("openSSL.server.") + key));
+    }
+    EXPECT_EQ(0u, log.count("vellum"));
+}
+
+TEST_F(TlsServer, TakesRenewedFilesUpWithTheNextConnection) {
+    const TempFolder own;
+    const std::string pem = own.path / "server.pem";
+    const auto renew = [&](const std::string& name) {
+        std::filesystem::copy_file(files[name], pem,
+                                   std::filesystem::copy_options::overwrite_existing);
+    };
+    renew("good.pem");
+    set("server", "certificateFile", pem);
+    start();
+    EXPECT_TRUE(contains(connect(), "Verification: OK"));
+    renew("expired.pem");
+    EXPECT_TRUE(contains(connect(), "certificate has expired"));
+    renew("chained.pem");
+    EXPECT_TRUE(contains(connect(), "Verification: OK"));
+    renew("cut.pem");  // half a renewal
+    EXPECT_TRUE(contains(connect(), "Verification: OK"));
+    EXPECT_EQ(
+        1u, log.count("the previous ones stay in use: SSL Exception: openSSL.server.certificate " +
+                      pem));
+    renew("good.pem");
+    EXPECT_TRUE(contains(connect(), "issuer=CN = root"));
+}
+
+TEST_F(TlsServer, LetsInOnlyTheClientsThatItAsksFor) {
+    set("server", "verificationMode", "strict");
+    set("server", "invalidCertificateHandler.name", "RejectCertificateHandler");
+    set("server", "loadDefaultCAFile", "false");
+    set("server", "crlFile", files["crl.pem"]);
+    start();
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"good", ""},
+        {"expired", "certificate has expired"},
+        {"stranger", "unable to get local issuer certificate"},
+        {"revoked", "certificate revoked"},
+    };
+    for (const auto& [name, reason] : cases) {
+        SCOPED_TRACE(name);
+        const std::string said =
+            connect("-cert " + files[name + ".pem"] + " -key " + files["good.key"]);
+        EXPECT_EQ(reason.empty(), contains(said, R"({"a":1})"));
+        EXPECT_TRUE(reason.empty() || log.await(reason));
+    }
+    EXPECT_FALSE(contains(connect(), R"({"a":1})"));
+    EXPECT_TRUE(log.await("peer did not return a certificate"));
+}
+
+TEST_F(TlsServer, ServesOthersWhileAPeerSpeaksSomethingElseOrNothing) {
+    start();
+    std::vector<RawClient> silent;
+    for (int i = 0; i < 3; ++i) silent.emplace_back(port).send("\x16\x03\x01");
+    RawClient(port).send(request("GET /json"));
+    RawClient(port).send(std::string(600, '\x16'));
+    EXPECT_TRUE(log.await("plain HTTP instead of TLS"));
+    EXPECT_TRUE(log.await("no TLS, or none that is spoken here"));
+    EXPECT_TRUE(contains(connect(), R"({"a":1})"));
+    EXPECT_TRUE(log.await("stopped in the handshake", silent.size()));
+    const std::string session = files["session"];
+    connect("-tls1_2 -sess_out " + session);
+    EXPECT_TRUE(contains(connect("-tls1_2 -sess_in " + session), "Reused, TLSv1.2"));
+    api->stop();
+    start();  // on another port
+    EXPECT_TRUE(contains(connect(), R"({"a":1})"));
+}

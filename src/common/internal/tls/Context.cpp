@@ -21,9 +21,12 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
+#include <vector>
 
 #include "../log/UnitLog.h"
+#include "../process/NeverDestroyed.h"
 #include "ShippedDefaults.h"
 
 namespace fs = std::filesystem;
@@ -152,32 +155,90 @@ void useKeyAndCertificate(SSL_CTX* context, const Settings& settings) {
     }
 }
 
-void useAuthorities(SSL_CTX* context, const Settings& settings) {
-    if (settings.systemAuthorities) SSL_CTX_set_default_verify_paths(context);
+// Changes with the content of the files.
+std::string stampOf(const std::vector<std::string>& files) {
+    std::string stamp;
+    for (const std::string& file : files) {
+        std::error_code missing;
+        const auto written = fs::last_write_time(file, missing).time_since_epoch().count();
+        stamp += std::to_string(written) + ' ' + std::to_string(fs::file_size(file, missing)) + '|';
+    }
+    return stamp;
+}
+
+std::string stampOf(const Settings& settings) {
+    return stampOf({settings.keyFile, settings.certificateFile, settings.authorities,
+                    settings.revocationFile});
+}
+
+void addAuthorities(X509_STORE* store, const Settings& settings) {
+    if (settings.systemAuthorities) X509_STORE_set_default_paths(store);
     if (settings.authorities.empty()) return;
     const std::string what = settings.origin + "authorities";
     checkReadable(what, settings.authorities);
     const bool folder = fs::is_directory(settings.authorities);
     const char* const path = settings.authorities.c_str();
-    if (SSL_CTX_load_verify_locations(context, folder ? nullptr : path, folder ? path : nullptr) !=
-        1) {
+    if (X509_STORE_load_locations(store, folder ? nullptr : path, folder ? path : nullptr) != 1) {
         refuseFile(what, settings.authorities, opensslReason());
     }
-    if (!settings.server || folder) return;
-    SSL_CTX_set_client_CA_list(context, SSL_load_client_CA_file(path));
 }
 
-void useRevocations(SSL_CTX* context, const Settings& settings) {
+void addRevocations(X509_STORE* store, const Settings& settings) {
     if (settings.revocationFile.empty()) return;
     const std::string what = settings.origin + "crlFile";
     checkReadable(what, settings.revocationFile);
-    X509_LOOKUP* const lookup =
-        X509_STORE_add_lookup(SSL_CTX_get_cert_store(context), X509_LOOKUP_file());
+    X509_LOOKUP* const lookup = X509_STORE_add_lookup(store, X509_LOOKUP_file());
     if (!lookup ||
         X509_load_crl_file(lookup, settings.revocationFile.c_str(), X509_FILETYPE_PEM) < 1) {
         refuseFile(what, settings.revocationFile, opensslReason());
     }
-    X509_VERIFY_PARAM_set_flags(SSL_CTX_get0_param(context), X509_V_FLAG_CRL_CHECK);
+}
+
+// Reading the system's authorities takes 20 ms, ten times as long as a handshake: what is read is
+// kept for as long as the files stay as they are, a few kinds of it at most.
+class KnownStores {
+public:
+    std::shared_ptr<X509_STORE> storeFor(const Settings& settings) {
+        const std::string key = settings.authorities + '|' + settings.revocationFile + '|' +
+                                (settings.systemAuthorities ? systemStamp() : "") + '|' +
+                                stampOf({settings.authorities, settings.revocationFile});
+        const std::lock_guard<std::mutex> lock(_mutex);
+        auto& store = _stores[key];
+        if (store) return store;
+        const auto read = readStore(settings);
+        if (_stores.size() > kMost) _stores.clear();
+        return _stores[key] = read;
+    }
+
+private:
+    static constexpr std::size_t kMost = 8;
+
+    static std::string systemStamp() {
+        return stampOf({X509_get_default_cert_file(), X509_get_default_cert_dir()});
+    }
+
+    static std::shared_ptr<X509_STORE> readStore(const Settings& settings) {
+        const std::shared_ptr<X509_STORE> store(X509_STORE_new(), X509_STORE_free);
+        if (!store) throw std::bad_alloc();
+        addAuthorities(store.get(), settings);
+        addRevocations(store.get(), settings);
+        return store;
+    }
+
+    std::mutex _mutex;
+    std::map<std::string, std::shared_ptr<X509_STORE>> _stores;  // guarded by _mutex
+};
+
+void useAuthorities(SSL_CTX* context, const Settings& settings) {
+    static NeverDestroyed<KnownStores> known;
+    SSL_CTX_set1_cert_store(context, known->storeFor(settings).get());
+    if (!settings.revocationFile.empty()) {
+        X509_VERIFY_PARAM_set_flags(SSL_CTX_get0_param(context), X509_V_FLAG_CRL_CHECK);
+    }
+    // Which authorities a client's certificate may come from is told to the client.
+    if (settings.server && fs::is_regular_file(settings.authorities)) {
+        SSL_CTX_set_client_CA_list(context, SSL_load_client_CA_file(settings.authorities.c_str()));
+    }
 }
 
 void useProtocols(SSL_CTX* context, const Settings& settings) {
@@ -249,18 +310,6 @@ void useSessions(Context& context, const Settings& settings) {
 #endif
 }
 
-// Changes with the content of the files.
-std::string stampOf(const Settings& settings) {
-    std::string stamp;
-    for (const std::string& file : {settings.keyFile, settings.certificateFile,
-                                    settings.authorities, settings.revocationFile}) {
-        std::error_code missing;
-        const auto written = fs::last_write_time(file, missing).time_since_epoch().count();
-        stamp += std::to_string(written) + ' ' + std::to_string(fs::file_size(file, missing)) + '|';
-    }
-    return stamp;
-}
-
 // The words for a peer that speaks something else, where OpenSSL's own do not help.
 std::string plainWords(const std::string& reason) {
     if (reason == "http request") return "plain HTTP instead of TLS";
@@ -277,7 +326,6 @@ Context::Ptr makeContext(const Settings& settings, const std::string& serverName
     useProtocols(ssl, settings);
     useKeyAndCertificate(ssl, settings);
     useAuthorities(ssl, settings);
-    useRevocations(ssl, settings);
     if (settings.checkName && !serverName.empty()) expectServer(ssl, serverName);
     SSL_CTX_set_cert_verify_callback(ssl, &verifyChain, nullptr);
     context->setInvalidCertificateHandler(certificateHandler(settings));
