@@ -156,7 +156,7 @@ void useKeyAndCertificate(SSL_CTX* context, const Settings& settings) {
 }
 
 // Changes with the content of the files.
-std::string stampOf(const std::vector<std::string>& files) {
+std::string stampOfFiles(const std::vector<std::string>& files) {
     std::string stamp;
     for (const std::string& file : files) {
         std::error_code missing;
@@ -167,8 +167,8 @@ std::string stampOf(const std::vector<std::string>& files) {
 }
 
 std::string stampOf(const Settings& settings) {
-    return stampOf({settings.keyFile, settings.certificateFile, settings.authorities,
-                    settings.revocationFile});
+    return stampOfFiles({settings.keyFile, settings.certificateFile, settings.authorities,
+                         settings.revocationFile});
 }
 
 void addAuthorities(X509_STORE* store, const Settings& settings) {
@@ -201,20 +201,21 @@ public:
     std::shared_ptr<X509_STORE> storeFor(const Settings& settings) {
         const std::string key = settings.authorities + '|' + settings.revocationFile + '|' +
                                 (settings.systemAuthorities ? systemStamp() : "") + '|' +
-                                stampOf({settings.authorities, settings.revocationFile});
+                                stampOfFiles({settings.authorities, settings.revocationFile});
         const std::lock_guard<std::mutex> lock(_mutex);
-        auto& store = _stores[key];
-        if (store) return store;
-        const auto read = readStore(settings);
-        if (_stores.size() > kMost) _stores.clear();
-        return _stores[key] = read;
+        const auto known = _stores.find(key);
+        if (known != _stores.end()) return known->second;
+        const auto store = readStore(settings);
+        if (_stores.size() == kMost) _stores.clear();
+        _stores.emplace(key, store);
+        return store;
     }
 
 private:
     static constexpr std::size_t kMost = 8;
 
     static std::string systemStamp() {
-        return stampOf({X509_get_default_cert_file(), X509_get_default_cert_dir()});
+        return stampOfFiles({X509_get_default_cert_file(), X509_get_default_cert_dir()});
     }
 
     static std::shared_ptr<X509_STORE> readStore(const Settings& settings) {
