@@ -62,8 +62,6 @@ void Connection::shakeHands(const std::string& peer) {
         _plain->setBlocking(false);
         shakeHandsUntil(Clock::now() + kHandshakeTime);
         _plain->setBlocking(true);
-    } catch (const Poco::TimeoutException& exc) {
-        throw Poco::TimeoutException("TLS handshake with " + peer, failureReason(exc));
     } catch (const Poco::Exception& exc) {
         throw SSLException("TLS handshake with " + peer, failureReason(exc));
     }

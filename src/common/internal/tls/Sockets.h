@@ -36,7 +36,9 @@ protected:
     ~Connection() override;
 
     /// Completes the handshake within kHandshakeTime.
-    /// @throws Poco::Net::SSLException  the reason in words; Poco::TimeoutException.
+    /// @throws Poco::Net::SSLException  the reason in words. Not a time-out, which callers that
+    /// wait
+    ///         in slices would take for the end of one.
     void shakeHands(const std::string& peer);
 
     Poco::Net::StreamSocketImpl& plain() { return *_plain; }

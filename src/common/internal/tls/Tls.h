@@ -19,7 +19,7 @@ void prepare();
 /// handshake, for which the peer has 10 s, and only if the certificate fits: issued by an authority
 /// that "openSSL.client.*" names, in its time, for `host`, not revoked.
 /// @throws Poco::Net::SSLException  a file named there is missing or unusable; the text names it.
-/// connect() throws Poco::Net::SSLException with the reason in words, or Poco::TimeoutException.
+/// connect() throws Poco::Net::SSLException with the reason in words.
 /// Without TLS: @throws Poco::UnknownURISchemeException.
 Poco::Net::StreamSocket clientSocket(const std::string& host);
 
