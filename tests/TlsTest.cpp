@@ -262,3 +262,18 @@ TEST_F(TlsServer, ServesOthersWhileAPeerSpeaksSomethingElseOrNothing) {
     start();  // on another port
     EXPECT_TRUE(contains(connect(), R"({"a":1})"));
 }
+
+TEST_F(TlsServer, APeerThatClosesAmidABodyIsAFailedRequest) {
+    set("client", "caConfig", files["root.pem"]);
+    auto socket = kel::secureServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0));
+    const auto served = std::async(std::launch::async, [&socket] {
+        auto peer = socket.acceptConnection();
+        char byte = 0;
+        peer.receiveBytes(&byte, 1);
+    });
+    int status = 0;
+    kel::HttpClient::defaultHttpClient()->doHttpRequestSync(
+        "https://localhost:" + std::to_string(socket.address().port()), std::string(32 << 20, ' '),
+        [&status](auto replied, auto&) { status = replied; });
+    EXPECT_EQ(400, status);
+}

@@ -43,10 +43,6 @@ std::string killCommand(unsigned int pid);
 /// File name endings of plug-in libraries.
 const std::vector<std::string>& pluginSuffixes();
 
-/// Has writes to a closed connection fail instead of ending the process, unless somebody has chosen
-/// what they do. OpenSSL writes in a way that raises the signal. (Windows: nothing to do.)
-void ignoreBrokenPipes() noexcept;
-
 /// Whether a static destructor may join threads. Not on Windows, where it runs under the loader
 /// lock, which an ending thread needs.
 bool canJoinAtExit() noexcept;

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -136,13 +135,6 @@ std::string killCommand(unsigned int pid) {
 const std::vector<std::string>& pluginSuffixes() {
     static const std::vector<std::string> suffixes{".dll", ".so"};
     return suffixes;
-}
-
-void ignoreBrokenPipes() noexcept {
-    struct sigaction current = {};
-    if (::sigaction(SIGPIPE, nullptr, &current) != 0 || current.sa_handler != SIG_DFL) return;
-    current.sa_handler = SIG_IGN;
-    ::sigaction(SIGPIPE, &current, nullptr);
 }
 
 bool canJoinAtExit() noexcept {

@@ -184,8 +184,6 @@ const std::vector<std::string>& pluginSuffixes() {
     return suffixes;
 }
 
-void ignoreBrokenPipes() noexcept {}
-
 bool canJoinAtExit() noexcept {
     return false;
 }

@@ -9,7 +9,6 @@
 #include <mutex>
 
 #include "../../Tls.h"
-#include "../platform/Platform.h"
 #include "Context.h"
 #include "Settings.h"
 #include "Sockets.h"
@@ -63,10 +62,7 @@ bool available() noexcept {
 // from everybody else in the process.
 void prepare() {
     static std::once_flag once;
-    std::call_once(once, [] {
-        Poco::Net::initializeSSL();
-        platform::ignoreBrokenPipes();
-    });
+    std::call_once(once, [] { Poco::Net::initializeSSL(); });
 }
 
 Poco::Net::StreamSocket clientSocket(const std::string& host) {
