@@ -5,7 +5,7 @@ help:
 	@echo "make demo          install what is missing, build, show two processes talk; KEEP=1 goes on until Ctrl-C"
 	@echo "make test          install what is missing, build, run all tests; PRESET=debug|release|asan|tsan|notls"
 	@echo "make test-browser  the same for the status page, in a headless Chromium (100 MB to install)"
-	@echo "make bench         messages per second over a broker of its own"
+	@echo "make bench         install what is missing, measure beside other libraries; AREA=mqtt|pool, all without"
 	@echo "make build         build everything; PRESET as above"
 	@echo "make test-windows  install what is missing, run the Windows platform file under Wine"
 	@echo "make format        format the C++ files"
@@ -30,9 +30,7 @@ test-windows:
 	@scripts/test-windows
 
 bench:
-	@scripts/install-deps
-	@scripts/build release PublishBench
-	@PATH=$$PATH:/usr/sbin build/release/bench/PublishBench
+	@scripts/bench $(AREA)
 
 format:
 	@scripts/format

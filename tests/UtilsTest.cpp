@@ -1,16 +1,25 @@
 #include "common/Utils.h"
 
 #include <Poco/Exception.h>
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/StreamSocket.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 
 #include <climits>
+#include <functional>
+#include <future>
+#include <optional>
+#include <thread>
 #include <tuple>
 
 #include "CapturedLog.h"
 #include "Sandbox.h"
+#include "common/internal/mqtt/BrokerHost.h"
+#include "common/internal/mqtt/ServerUri.h"
 
 namespace fs = std::filesystem;
 using namespace kel;
@@ -42,6 +51,25 @@ Ids idsOf(const std::string& name) {
     EXPECT_EQ(any, !ids.empty());
     EXPECT_EQ(any, findProcessByName("", ids)) << "ids from before count";
     return ids;
+}
+
+void allowPingsOfGroups(const std::string& range) {
+    std::ofstream("/proc/sys/net/ipv4/ping_group_range") << range;
+}
+
+// Calls `action` with the address of a host that answers nothing, in a network of the calling
+// thread's own, whose loopback answers.
+void inOwnNetwork(const std::function<void(const std::string&)>& action) {
+    const char* setUp =
+        "exec 2>/dev/null; ip link set lo up && ip link add kel0 type veth peer name kel1 &&"
+        "ip addr add 10.203.78.1/30 dev kel0 && ip link set kel0 up && ip link set kel1 up &&"
+        "test -w /proc/sys/net/ipv4/ping_group_range";
+    std::jthread([&] {
+        if (::unshare(CLONE_NEWNET) != 0 || ::system(setUp) != 0) {
+            GTEST_SKIP() << "a network namespace takes root and the command ip";
+        }
+        action("10.203.78.2");
+    }).join();
 }
 
 std::list<std::string> list(const std::string& folder, ListFileType type, const std::string& key) {
@@ -147,4 +175,80 @@ TEST(Ping, WhatCannotBePingedIsLoggedAsGiven) {
         EXPECT_FALSE(pingIp(ip));
         expectLogged(log, (ip.find("::") == ip.npos ? "" : ipv6) + ", ip: " + ip, 214);
     }
+}
+
+TEST(Ping, RunsBesideOneOfASilentHostAlsoWhereOnlyTheUnprivilegedSocketIsAllowed) {
+    inOwnNetwork([](const std::string& silentHost) {
+        const CapturedLog log;
+        const auto bothPings = [&] {
+            auto silent = std::async(std::launch::async, [&] { return pingIp(silentHost); });
+            EXPECT_TRUE(pingIp("tcp://127.0.0.1:1883"));
+            EXPECT_EQ(silent.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+            EXPECT_FALSE(silent.get());
+        };
+        bothPings();
+        allowPingsOfGroups("0 0");
+        unprivileged(bothPings);
+        EXPECT_EQ(log.count(""), 0u);
+        allowPingsOfGroups("1 0");
+        unprivileged([] { EXPECT_FALSE(pingIp("127.0.0.1")); });
+        expectLogged(log, "ping failed: open an ICMP socket: ", 214);
+    });
+}
+
+TEST(BrokerHost, IsNamedByWhatTheClientTakes) {
+    const std::vector<std::tuple<std::string, std::string, int>> cases = {
+        {"tcp://edge:1884", "edge", 1884}, {"edge:1884", "edge", 1884},
+        {"tcp://edge", "edge", 1883},      {"mqtt://u@edge/x", "edge", 1883},
+        {"ssl://edge", "edge", 8883},      {"mqtts://[::1]", "::1", 8883},
+        {"wss://edge/mqtt", "edge", 443},  {"ws://edge", "edge", 80},
+        {"[::1]:1884", "::1", 1884},       {"fe80::1", "fe80::1", 1883},
+        {"10.0.0.1", "10.0.0.1", 1883},
+    };
+    for (const auto& [uri, host, port] : cases) {
+        EXPECT_EQ(hostOfServerUri(uri), host) << uri;
+        EXPECT_EQ(portOfServerUri(uri), port) << uri;
+    }
+}
+
+// As an ordinary user's process, which may not ping at all.
+TEST(BrokerHost, AnswersByItsPortAloneWhereItAcceptsOrRefuses) {
+    using namespace Poco::Net;
+    ServerSocket accepting(SocketAddress("127.0.0.1", 0));
+    std::optional<ServerSocket> onIpv6;
+    try {
+        onIpv6.emplace(SocketAddress("::1", 0));
+    } catch (const Poco::Exception&) {
+        // This system has no IPv6.
+    }
+    ServerSocket full;  // takes no further connection and does not say so, as a firewall would
+    full.bind(SocketAddress("127.0.0.1", 0));
+    full.listen(1);
+    StreamSocket waiting[3];
+    for (StreamSocket& socket : waiting) socket.connectNB(full.address());
+    const auto uri = [](const ServerSocket& server, const char* host) {
+        return host + (":" + std::to_string(server.address().port()));
+    };
+    const std::string refusing =
+        uri(ServerSocket(SocketAddress("127.0.0.1", 0)), "tcp://127.0.0.1");
+    const std::string silent = uri(full, "tcp://127.0.0.1");
+    const CapturedLog log;
+    unprivileged([&] {
+        EXPECT_TRUE(brokerHostAnswers(uri(accepting, "tcp://localhost")));
+        EXPECT_TRUE(!onIpv6 || brokerHostAnswers(uri(*onIpv6, "[::1]")));
+        EXPECT_TRUE(brokerHostAnswers(refusing));
+        EXPECT_EQ(log.count(""), 0u) << "no ping was tried";
+        EXPECT_EQ(brokerHostAnswers(silent), pingIp(silent));
+    });
+    EXPECT_EQ(brokerHostAnswers(silent), pingIp(silent));
+    EXPECT_FALSE(brokerHostAnswers("tcp://no-such-host.invalid:1883"));
+    EXPECT_FALSE(brokerHostAnswers("tcp://host:port"));
+
+    const auto refuses = [](const std::string& address) {
+        return brokerPortRefuses(address, std::chrono::milliseconds(200));
+    };
+    EXPECT_TRUE(refuses(refusing));
+    EXPECT_FALSE(refuses(silent));
+    EXPECT_FALSE(refuses(uri(accepting, "localhost"))) << "whichever other address refuses";
+    EXPECT_FALSE(refuses("tcp://no-such-host.invalid:1883"));
 }

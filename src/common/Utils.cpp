@@ -6,16 +6,14 @@
 #include <Poco/Format.h>
 #include <Poco/JSON/ParseHandler.h>
 #include <Poco/JSON/Parser.h>
-#include <Poco/Net/ICMPClient.h>
-#include <Poco/Net/SocketAddress.h>
 #include <Poco/Process.h>
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <tuple>
@@ -162,24 +160,18 @@ void refuseUnsafe(unsigned int pid) {
     }
 }
 
-// POCO takes any packet with this process's id for the answer, so that two pings at once would
-// take each other's.
-std::mutex& pingMutex() {
-    static auto* mutex = new std::mutex;
-    return *mutex;
+std::vector<std::string> ipv4AddressesOf(const std::string& host) {
+    std::vector<std::string> texts;
+    for (const auto& address : addressesOfHost(host)) {
+        if (address.family() == Poco::Net::IPAddress::IPv4) texts.push_back(address.toString());
+    }
+    if (texts.empty()) throw std::invalid_argument("only IPv4 hosts can be pinged");
+    return texts;
 }
 
 bool answersPing(const std::string& host) {
-    constexpr int kDataBytes = 48;
-    constexpr int kTtl = 128;
-    constexpr int kTimeout = 2'000'000;  // POCO counts microseconds here
-    Poco::Net::SocketAddress address(host, Poco::UInt16{0});
-    if (address.family() != Poco::Net::SocketAddress::IPv4) {
-        throw std::invalid_argument("only IPv4 hosts can be pinged");
-    }
-    const std::lock_guard<std::mutex> lock(pingMutex());
-    return Poco::Net::ICMPClient::ping(address, Poco::Net::SocketAddress::IPv4, 1, kDataBytes, kTtl,
-                                       kTimeout) == 1;
+    constexpr platform::EchoRequest kRequest{48, 128, std::chrono::milliseconds(2000)};
+    return platform::answersEcho(ipv4AddressesOf(host), kRequest);
 }
 
 }  // namespace

@@ -72,11 +72,13 @@ KEL_API std::string getCurrentChildPath(const std::string& child);
 KEL_API void listFilesRecursively(const Poco::Path& dir, std::list<std::string>& files,
                                   const ListFileType& type, const std::string& keyword);
 
-/// Sends one ICMP echo request (48 bytes, TTL 128) and waits up to 2000 ms for the answer.
+/// Sends one ICMP echo request (48 bytes, TTL 128) to each IPv4 address of a host and waits up to
+/// 2000 ms for the first answer. On Linux it takes the right to a raw socket (cap_net_raw), or a
+/// group within the system's net.ipv4.ping_group_range.
 /// @param ip  IPv4 address or host name, also as a server URI ("tcp://host:1883", "host:1883").
 /// @return false without an answer, or if the name does not resolve to an IPv4 address or the
-///         process may not open a raw socket (both logged).
-/// Threads: any; one ping at a time in the process, later calls wait. Never throws.
+///         process may not send pings (both logged).
+/// Threads: any, side by side. Never throws.
 KEL_API bool pingIp(const std::string& ip);
 
 }  // namespace kel

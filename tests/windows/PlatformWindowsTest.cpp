@@ -89,6 +89,27 @@ void replacesFilesInOneStep() {
     fs::remove_all(folder);
 }
 
+// Wine sends pings through the socket of the system below, which may not be allowed.
+void pingsWithoutAnAdministrator() {
+    const auto answers = [](const std::vector<std::string>& addresses) {
+        return platform::answersEcho(addresses, {48, 128, std::chrono::milliseconds(500)});
+    };
+    try {
+        expect(answers({"127.0.0.1"}), "gets an answer from this computer");
+        expect(answers({"no address", "127.0.0.1"}), "goes on to the next address of a host");
+    } catch (const std::system_error& exc) {
+        std::cout << "  skipped pings: " << exc.what() << std::endl;
+    }
+    for (const std::vector<std::string>& none : {{}, std::vector<std::string>{"no address"}}) {
+        try {
+            answers(none);
+            expect(false, "pings nobody");
+        } catch (const std::system_error&) {
+            expect(true, "says when nothing could be sent");
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -98,5 +119,6 @@ int main(int argc, char** argv) {
     if (!argument.empty()) return failures;
     findsProcessesByExactNameAndKillsByTheCommand();
     replacesFilesInOneStep();
+    pingsWithoutAnAdministrator();
     return failures;
 }

@@ -1,6 +1,10 @@
 #pragma once
 
+#include <Poco/Net/IPAddress.h>
+
+#include <cstdint>
 #include <string>
+#include <vector>
 
 namespace kel {
 
@@ -8,5 +12,14 @@ namespace kel {
 /// Brackets around an IPv6 address go; a user, a path and so on are passed over.
 /// @throws Poco::SyntaxException  `text` is nothing of that kind.
 std::string hostOfServerUri(const std::string& text);
+
+/// The port in the same, or where none is given the scheme's own: 8883 for "ssl" and "mqtts", 80
+/// and 443 for "ws" and "wss", else 1883.
+/// @throws Poco::SyntaxException  `text` is nothing of that kind.
+std::uint16_t portOfServerUri(const std::string& text);
+
+/// All addresses, of either family, of a host name or an address.
+/// @throws Poco::Exception  the name does not resolve.
+std::vector<Poco::Net::IPAddress> addressesOfHost(const std::string& host);
 
 }  // namespace kel

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -42,6 +44,19 @@ std::string killCommand(unsigned int pid);
 
 /// File name endings of plug-in libraries.
 const std::vector<std::string>& pluginSuffixes();
+
+struct EchoRequest {
+    std::size_t dataBytes;
+    int ttl;  // hops
+    std::chrono::milliseconds timeout;
+};
+
+/// Sends an ICMP echo request to each of the IPv4 addresses, given with dots, and waits for the
+/// first answer. Calls at the same time do not see each other's answers. Where several addresses
+/// are silent, Windows asks them one after the other and shares the time-out out among them.
+/// @return false if none has answered in time.
+/// @throws std::system_error  nothing could be sent, for want of the right to or of a route.
+bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& request);
 
 /// Whether a static destructor may join threads. Not on Windows, where it runs under the loader
 /// lock, which an ending thread needs.

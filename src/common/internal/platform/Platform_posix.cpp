@@ -1,13 +1,21 @@
 // Platform_posix.cpp - Linux, through POSIX calls and /proc.
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/ip.h>
+#include <netinet/ip_icmp.h>
 #include <poll.h>
+#include <sys/random.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -20,6 +28,8 @@ namespace fs = std::filesystem;
 namespace kel::platform {
 
 namespace {
+
+using Bytes = std::vector<unsigned char>;
 
 [[noreturn]] void fail(const std::string& what, const std::string& path) {
     throw std::system_error(errno, std::generic_category(), what + " " + path);
@@ -65,6 +75,78 @@ std::string processName(const fs::path& entry) {
 bool isNumber(const std::string& text) {
     return !text.empty() &&
            std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// Sends and receives ICMP, through a raw socket or else through the kind that the kernel lends to
+// processes without the right to one. That kind sets identifier and checksum by itself, and its
+// packets come without their IP header.
+class IcmpSocket {
+public:
+    explicit IcmpSocket(int ttl) : _fd(open(SOCK_RAW)), _raw(_fd >= 0) {
+        if (!_raw) _fd = open(SOCK_DGRAM);
+        if (_fd < 0) fail("open", "an ICMP socket");
+        ::setsockopt(_fd, IPPROTO_IP, IP_TTL, &ttl, sizeof ttl);
+    }
+    ~IcmpSocket() { ::close(_fd); }
+    IcmpSocket(const IcmpSocket&) = delete;
+    IcmpSocket& operator=(const IcmpSocket&) = delete;
+
+    bool send(const Bytes& packet, const std::string& address) const {
+        sockaddr_in to{};
+        to.sin_family = AF_INET;
+        if (::inet_pton(AF_INET, address.c_str(), &to.sin_addr) != 1) {
+            errno = EINVAL;
+            return false;
+        }
+        return ::sendto(_fd, packet.data(), packet.size(), 0,
+                        reinterpret_cast<const sockaddr*>(&to), sizeof to) >= 0;
+    }
+
+    // @return the next packet from its ICMP header on; empty if none came in time.
+    Bytes receive(std::chrono::milliseconds timeout) const {
+        pollfd socket{_fd, POLLIN, 0};
+        if (::poll(&socket, 1, static_cast<int>(timeout.count())) <= 0) return {};
+        Bytes packet(kLongestPacket);
+        const ssize_t size = ::recv(_fd, packet.data(), packet.size(), MSG_DONTWAIT);
+        packet.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+        const std::size_t header = _raw && !packet.empty() ? 4u * (packet[0] & 0x0F) : 0;
+        packet.erase(packet.begin(), packet.begin() + std::min(header, packet.size()));
+        return packet;
+    }
+
+private:
+    static constexpr std::size_t kLongestPacket = 2048;
+
+    static int open(int type) { return ::socket(AF_INET, type | SOCK_CLOEXEC, IPPROTO_ICMP); }
+
+    int _fd;
+    const bool _raw;
+};
+
+std::uint16_t internetChecksum(const Bytes& packet) {
+    std::uint32_t sum = 0;
+    for (std::size_t i = 0; i < packet.size(); ++i) sum += packet[i] << (i % 2 == 0 ? 8 : 0);
+    while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
+    return static_cast<std::uint16_t>(~sum);
+}
+
+// Its random identifier and content tell its answer from those to other pings.
+Bytes echoPacket(std::size_t dataBytes) {
+    Bytes packet(sizeof(icmphdr) + dataBytes);
+    if (::getrandom(packet.data(), packet.size(), 0) < 0) fail("get", "random bytes");
+    icmphdr header{};
+    std::memcpy(&header.un.echo.id, packet.data(), sizeof header.un.echo.id);
+    header.type = ICMP_ECHO;
+    std::memcpy(packet.data(), &header, sizeof header);
+    header.checksum = htons(internetChecksum(packet));
+    std::memcpy(packet.data(), &header, sizeof header);
+    return packet;
+}
+
+bool isAnswerTo(const Bytes& request, const Bytes& packet) {
+    return packet.size() == request.size() && packet[0] == ICMP_ECHOREPLY &&
+           std::equal(packet.begin() + sizeof(icmphdr), packet.end(),
+                      request.begin() + sizeof(icmphdr));
 }
 
 }  // namespace
@@ -135,6 +217,21 @@ std::string killCommand(unsigned int pid) {
 const std::vector<std::string>& pluginSuffixes() {
     static const std::vector<std::string> suffixes{".dll", ".so"};
     return suffixes;
+}
+
+bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& request) {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + request.timeout;
+    const IcmpSocket socket(request.ttl);
+    const Bytes packet = echoPacket(request.dataBytes);
+    bool sent = false;
+    for (const std::string& address : addresses) sent |= socket.send(packet, address);
+    if (!sent) fail("send an echo request to", addresses.empty() ? "nobody" : addresses.back());
+    for (auto now = Clock::now(); now < deadline; now = Clock::now()) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now);
+        if (isAnswerTo(packet, socket.receive(left))) return true;
+    }
+    return false;
 }
 
 bool canJoinAtExit() noexcept {

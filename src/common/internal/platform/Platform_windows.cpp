@@ -8,9 +8,15 @@
 #undef UNICODE
 #undef _UNICODE
 
+#include <winsock2.h>
+#include <ws2tcpip.h>
+// Needs winsock2.h before it.
 #include <windows.h>
-// Needs windows.h before it.
+// Need windows.h before them.
+#include <ipexport.h>
 #include <tlhelp32.h>
+// Needs ipexport.h before it.
+#include <icmpapi.h>
 
 #include <atomic>
 #include <cstdio>
@@ -109,6 +115,43 @@ bool renameOver(const std::wstring& from, const std::wstring& to) {
     }
 }
 
+// The system's own ping, which takes no administrator, unlike a raw socket.
+class EchoService {
+public:
+    EchoService() : _handle(::IcmpCreateFile()) {
+        if (_handle == INVALID_HANDLE_VALUE) fail("open", "the echo service");
+    }
+    ~EchoService() { ::IcmpCloseHandle(_handle); }
+    EchoService(const EchoService&) = delete;
+    EchoService& operator=(const EchoService&) = delete;
+
+    // @return IP_SUCCESS for an answer, else what the system says.
+    DWORD ask(const std::string& address, const EchoRequest& request,
+              std::chrono::milliseconds timeout) const {
+        IN_ADDR target{};
+        if (::InetPtonA(AF_INET, address.c_str(), &target) != 1) return ERROR_INVALID_PARAMETER;
+        std::vector<char> data(request.dataBytes, 'k');
+        // Room for the answer and, as the system demands, for an error message and its status.
+        std::vector<char> reply(sizeof(ICMP_ECHO_REPLY) + data.size() + 8 + 2 * sizeof(void*));
+        IP_OPTION_INFORMATION options{};
+        options.Ttl = static_cast<UCHAR>(request.ttl);
+        const DWORD answers = ::IcmpSendEcho(
+            _handle, target.s_addr, data.data(), static_cast<WORD>(data.size()), &options,
+            reply.data(), static_cast<DWORD>(reply.size()), static_cast<DWORD>(timeout.count()));
+        return answers == 0 ? ::GetLastError()
+                            : reinterpret_cast<const ICMP_ECHO_REPLY*>(reply.data())->Status;
+    }
+
+private:
+    const HANDLE _handle;
+};
+
+// An answer of the network, such as a time-out or "unreachable", as against a request that never
+// left.
+bool wasSent(DWORD status) {
+    return status == IP_SUCCESS || (status > IP_STATUS_BASE && status < IP_GENERAL_FAILURE);
+}
+
 }  // namespace
 
 std::string executablePath() {
@@ -182,6 +225,24 @@ std::string killCommand(unsigned int pid) {
 const std::vector<std::string>& pluginSuffixes() {
     static const std::vector<std::string> suffixes{".dll"};
     return suffixes;
+}
+
+bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& request) {
+    const EchoService service;
+    const auto share = request.timeout / static_cast<int>(addresses.size() + addresses.empty());
+    DWORD refusal = ERROR_INVALID_PARAMETER;
+    bool sent = false;
+    for (const std::string& address : addresses) {
+        const DWORD status = service.ask(address, request, share);
+        if (status == IP_SUCCESS) return true;
+        if (wasSent(status))
+            sent = true;
+        else
+            refusal = status;
+    }
+    if (sent) return false;
+    ::SetLastError(refusal);
+    fail("send an echo request to", addresses.empty() ? "nobody" : addresses.back());
 }
 
 bool canJoinAtExit() noexcept {
