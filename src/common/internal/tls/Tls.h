@@ -32,12 +32,9 @@ struct MqttSecurity {
     bool checkServerName = true;
 };
 
-/// Throws Poco::Net::SSLException with a text that names the file if one cannot be used. The MQTT
-/// library itself only says that it failed.
-void checkFiles(const MqttSecurity& security);
-
-/// Why a connection to the broker fails, in words: makes one with the same settings and ends it.
-/// Takes 10 s at the longest.
+/// Why a connection to the broker fails, in words, and naming the file where one is at fault: makes
+/// one with the same settings and ends it. The MQTT library itself only says that it failed. Takes
+/// 10 s and a little at the longest.
 /// @return empty if nothing is wrong any more.
 std::string explainFailure(const MqttSecurity& security, const std::string& host,
                            unsigned short port);

@@ -39,8 +39,6 @@ Poco::Net::StreamSocket clientSocket(const std::string&) {
     throw Poco::UnknownURISchemeException("https is not supported");
 }
 
-void checkFiles(const MqttSecurity&) {}
-
 std::string explainFailure(const MqttSecurity&, const std::string&, unsigned short) {
     return kWithout;
 }

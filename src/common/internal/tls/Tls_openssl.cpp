@@ -3,12 +3,14 @@
 #include "Tls.h"
 
 #include <Poco/Net/NetSSL.h>
+#include <Poco/Net/SSLException.h>
 #include <Poco/Net/StreamSocket.h>
 #include <openssl/crypto.h>
 
 #include <mutex>
 
 #include "../../Tls.h"
+#include "../mqtt/ServerUri.h"
 #include "Context.h"
 #include "Settings.h"
 #include "Sockets.h"
@@ -47,6 +49,23 @@ namespace tls {
 
 namespace {
 
+// The first of the host's addresses that accepts.
+Poco::Net::StreamSocket connectedTo(const Poco::Net::Context::Ptr& context, const std::string& host,
+                                    unsigned short port) {
+    const auto addresses = addressesOfHost(host);
+    for (std::size_t i = 0;; ++i) {
+        try {
+            Poco::Net::StreamSocket socket(new ClientConnection(context, host));
+            socket.connect({addresses.at(i), port}, Poco::Timespan(2, 0));
+            return socket;
+        } catch (const Poco::Net::SSLException&) {
+            throw;
+        } catch (const Poco::Exception&) {
+            if (i + 1 == addresses.size()) throw;
+        }
+    }
+}
+
 // Threads of this library and of the MQTT library may still be speaking TLS when OpenSSL's own
 // clean-up runs at exit; it must not take the ground from under them. This has to be said before
 // anybody in the process uses OpenSSL, hence when the library is loaded.
@@ -70,16 +89,12 @@ Poco::Net::StreamSocket clientSocket(const std::string& host) {
     return Poco::Net::StreamSocket(new ClientConnection(makeContext(clientSettings(), host), host));
 }
 
-void checkFiles(const MqttSecurity& security) {
-    makeContext(mqttSettings(security));
-}
-
 std::string explainFailure(const MqttSecurity& security, const std::string& host,
                            unsigned short port) {
+    prepare();
     try {
-        Poco::Net::StreamSocket probe(
-            new ClientConnection(makeContext(mqttSettings(security), host), host));
-        probe.connect(Poco::Net::SocketAddress(host, port), Poco::Timespan(2, 0));
+        const Poco::Net::Context::Ptr context = makeContext(mqttSettings(security), host);
+        Poco::Net::StreamSocket probe = connectedTo(context, host, port);
         // From TLS 1.3 on a broker that refuses the client's certificate says so after that.
         probe.setReceiveTimeout(Poco::Timespan(1, 0));
         char byte = 0;
@@ -87,7 +102,7 @@ std::string explainFailure(const MqttSecurity& security, const std::string& host
     } catch (const Poco::TimeoutException& exc) {
         return exc.message();  // empty: the broker waits for what MQTT begins with
     } catch (const Poco::Exception& exc) {
-        return exc.message().compare(0, 6, "error:") == 0 ? failureReason(exc) : exc.displayText();
+        return failureReason(exc);
     }
     return {};
 }
