@@ -7,9 +7,8 @@
 #include <common/WebApiBasic.h>
 #include <gtest/gtest.h>
 
-#include "Await.h"
-#include "CapturedLog.h"
 #include "Certificates.h"
+#include "MqttFixture.h"
 #include "RawHttp.h"
 
 using kel::configInstance;
@@ -276,4 +275,133 @@ TEST_F(TlsServer, APeerThatClosesAmidABodyIsAFailedRequest) {
         "https://localhost:" + std::to_string(socket.address().port()), std::string(32 << 20, ' '),
         [&status](auto replied, auto&) { status = replied; });
     EXPECT_EQ(400, status);
+}
+
+// A broker behind TLS.
+class TlsBroker : public Tls {
+protected:
+    struct Secured : Broker {
+        Secured(const Certificates& files, const std::string& name, const std::string& further)
+            : Broker(Login::kAnonymous, "certfile " + files[name + ".pem"] + "\nkeyfile " +
+                                            files["good.key"] + "\n" + further) {}
+
+        std::string address(const std::string& host = "localhost") const {
+            return "ssl://" + host + ":" + std::to_string(port());
+        }
+    };
+
+    kel::MqttOptions trusting() const {
+        kel::MqttOptions options;
+        options.authorities = files["root.pem"];
+        return options;
+    }
+
+    // What the connect callback is called with.
+    static int attempt(const std::string& address, const kel::MqttOptions& options) {
+        const auto client = kel::MqttClient::createInstance(address, "tls", "", "", options);
+        std::promise<int> result;
+        client->Connect([&result](int rc) { return result.set_value(rc), false; }, {});
+        return result.get_future().get();
+    }
+};
+
+TEST_F(TlsBroker, IsTakenOnlyIfItsCertificateAndTheClientsFit) {
+    const std::string strict = "require_certificate true\ncafile " + files["root.pem"] +
+                               "\ncrlfile " + files["crl.pem"] + "\n";
+    kel::MqttOptions options = trusting(), own = options, locked = options, lax = options;
+    own.certificate = files["good.pem"];
+    own.privateKey = files["good.key"];
+    kel::MqttOptions revoked = own, unfit = own, missing = options, broken = options;
+    revoked.certificate = files["revoked.pem"];
+    unfit.privateKey = files["other.key"];
+    locked.certificate = files["good.pem"];
+    locked.privateKey = files["locked.key"];
+    kel::MqttOptions opened = locked;
+    opened.privateKeyPassphrase = Certificates::kPassphrase;
+    locked.privateKeyPassphrase = "wrong-guess";
+    missing.authorities = files["missing.pem"];
+    broken.authorities = files["good.key"];
+    lax.checkServerName = false;
+    const std::vector<std::tuple<std::string, std::string, kel::MqttOptions, std::string>> cases = {
+        {"good", "", options, ""},
+        {"good", strict, own, ""},
+        {"good", strict, opened, ""},
+        {"chained", "", options, ""},
+        {"elsewhere", "", lax, ""},
+        {"elsewhere", "", options, "hostname mismatch"},
+        {"expired", "", options, "certificate has expired"},
+        {"stranger", "", options, "unable to get local issuer certificate"},
+        {"truncated", "", options, "unable to get local issuer certificate"},
+        {"good", strict, options, "certificate required"},
+        {"good", strict, revoked, "certificate revoked"},
+        {"good", strict, unfit, files["other.key"] + ": does not fit"},
+        {"good", strict, locked, files["locked.key"] + ": the passphrase does not open it"},
+        {"good", "", missing, files["missing.pem"] + ": No such file"},
+        {"good", "", broken, files["good.key"] + ": "},
+    };
+    for (const auto& [name, listener, with, reason] : cases) {
+        SCOPED_TRACE(name + " " + reason);
+        const Secured broker(files, name, listener);
+        EXPECT_EQ(reason.empty(), attempt(broker.address(), with) == 0);
+        const std::string line = log.find("no connection to " + broker.address()).getText();
+        EXPECT_TRUE(line.find(reason) != std::string::npos) << line;
+        EXPECT_EQ(reason.empty(), line.empty());
+    }
+    EXPECT_EQ(0u, log.count("wrong-guess"));
+    EXPECT_EQ(0u, log.count(Certificates::kPassphrase));
+}
+
+TEST_F(TlsBroker, CarriesMessagesComesBackAndTellsTheLastWill) {
+    Secured broker(files, "good", "");
+    kel::MqttOptions options = trusting();
+    options.will = kel::MqttWill{"will", R"({"gone":true})", 1, true};
+    options.applicationProtocols = {"mqtt"};
+    const Inbox inbox;
+    const auto connected = [&](const std::string& id, const kel::MqttOptions& with) {
+        const auto client =
+            kel::MqttClient::createInstance(broker.address("127.0.0.1"), id, "", "", with);
+        client->Connect(kAlways, kAlways);
+        EXPECT_TRUE(await([&] { return client->PublishMessage("{}", "probe", 0, 0, 0); }));
+        return client;
+    };
+    const auto other = connected("other", trusting());
+    other->Subscribe(inbox.handler(), "will", 1);
+    other->Subscribe(inbox.handler(), "bulk", 1);
+    ASSERT_TRUE(log.await("Success to subscribe topic bulk"));
+    const auto client = connected("same", options);
+    const std::string large = R"({"text":")" + std::string(200000, 'x') + R"("})";
+    for (int i = 0; i < 50; ++i) EXPECT_TRUE(client->PublishMessage(large, "bulk", 1, 0, 0));
+    EXPECT_TRUE(inbox.await("bulk " + large, 50));
+    EXPECT_FALSE(inbox.count("will") > 0);
+    const auto usurper = connected("same", trusting());  // ends the first's connection
+    EXPECT_TRUE(inbox.await(R"(will {"gone":true})"));
+    usurper->Disconnect();
+    broker.restart();
+    EXPECT_TRUE(await([&] { return other->PublishMessage("{}", "bulk", 1, 0, 0); }));
+    EXPECT_TRUE(inbox.await("bulk {}"));
+}
+
+TEST_F(TlsBroker, ThatSpeaksSomethingElseOrNothingIsAFailedAttempt) {
+    kel::MqttOptions options = trusting();
+    options.connectTimeout = std::chrono::seconds(2);
+    for (const auto& [answer, reason] : std::vector<std::pair<std::string, std::string>>{
+             {"HTTP/1.1 400 Bad Request\r\n\r\n", "no TLS"}, {"", "stopped in the handshake"}}) {
+        Poco::Net::ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", 0));
+        const auto served = std::async(std::launch::async, [&socket, &answer = answer] {
+            std::vector<RawClient> peers;
+            try {
+                while (true) peers.emplace_back(socket.acceptConnection()).send(answer);
+            } catch (const Poco::Exception&) {
+                return peers.size();  // the test has ended
+            }
+        });
+        const std::string address = "mqtts://" + socket.address().toString();
+        EXPECT_NE(0, attempt(address, options));
+        EXPECT_EQ(1u, log.count("no connection to " + address));
+        EXPECT_EQ(1u, log.count(reason));
+        socket.impl()->shutdown();
+    }
+    options.will = kel::MqttWill{"a/#", "", 0, false};
+    EXPECT_THROW(kel::MqttClient::createInstance("ssl://localhost", "tls", "", "", options),
+                 Poco::InvalidArgumentException);
 }

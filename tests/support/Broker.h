@@ -12,7 +12,8 @@ class Broker {
 public:
     enum class Login { kAnonymous, kPassword };  // kPassword: user "edge", password "secret"
 
-    explicit Broker(Login login = Login::kAnonymous);
+    /// @param listener  further lines for the configuration of its listener.
+    explicit Broker(Login login = Login::kAnonymous, std::string listener = "");
     ~Broker() { kill(); }
     Broker(const Broker&) = delete;
     Broker& operator=(const Broker&) = delete;
@@ -38,6 +39,7 @@ private:
 
     const TempFolder _folder;
     Login _login;
+    const std::string _listener;
     int _port = 0;
     pid_t _pid = -1;
 };
