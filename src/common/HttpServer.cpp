@@ -16,6 +16,7 @@
 #include <Poco/Net/HTTPRequestHandlerFactory.h>
 #include <Poco/ThreadPool.h>
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -63,9 +64,14 @@ bool bodyConsumed(Poco::Net::HTTPServerRequest& request) {
 
 }  // namespace
 
+struct HttpServer::Counters {
+    std::atomic<std::uint64_t> requests{0};
+    std::array<std::atomic<std::uint64_t>, 10> byClass{};
+};
+
 class HttpServer::RequestHandlerFactory : public Poco::Net::HTTPRequestHandlerFactory {
 public:
-    explicit RequestHandlerFactory(Callback callback);
+    RequestHandlerFactory(Callback callback, std::shared_ptr<Counters> counters);
     ~RequestHandlerFactory() override;
 
     Poco::Net::HTTPRequestHandler* createRequestHandler(
@@ -76,6 +82,7 @@ public:
 
 private:
     Callback _callback;
+    const std::shared_ptr<Counters> _counters;
 };
 
 // Never destroyed: connection threads use it until the last one has ended.
@@ -111,7 +118,8 @@ struct HttpServer::Process {
 
 class HttpServer::RequestHandler : public Poco::Net::HTTPRequestHandler {
 public:
-    explicit RequestHandler(Callback callback) : _callback(std::move(callback)) {}
+    RequestHandler(Callback callback, std::shared_ptr<Counters> counters)
+        : _callback(std::move(callback)), _counters(std::move(counters)) {}
 
     void handleRequest(Poco::Net::HTTPServerRequest& request,
                        Poco::Net::HTTPServerResponse& response) override {
@@ -120,17 +128,21 @@ public:
             InProgress() { process().enter(); }
             ~InProgress() { process().leave(); }
         } inProgress;
+        ++_counters->requests;
         _callback(request, response);
+        ++_counters->byClass[static_cast<std::size_t>(response.getStatus() / 100) % 10];
         // A client left without a reply must not wait for one.
         if (!response.sent() || !bodyConsumed(request)) response.setKeepAlive(false);
     }
 
 private:
     Callback _callback;
+    const std::shared_ptr<Counters> _counters;
 };
 
-HttpServer::RequestHandlerFactory::RequestHandlerFactory(Callback callback)
-    : _callback(std::move(callback)) {
+HttpServer::RequestHandlerFactory::RequestHandlerFactory(Callback callback,
+                                                         std::shared_ptr<Counters> counters)
+    : _callback(std::move(callback)), _counters(std::move(counters)) {
     const std::lock_guard<std::mutex> lock(process().mutex);
     process().factories.insert(this);
 }
@@ -142,7 +154,7 @@ HttpServer::RequestHandlerFactory::~RequestHandlerFactory() {
 
 Poco::Net::HTTPRequestHandler* HttpServer::RequestHandlerFactory::createRequestHandler(
     const Poco::Net::HTTPServerRequest&) {
-    return new RequestHandler(_callback);
+    return new RequestHandler(_callback, _counters);
 }
 
 HttpServer::Process& HttpServer::process() {
@@ -166,11 +178,11 @@ std::shared_ptr<HttpServer> HttpServer::createInstance(
 
 HttpServer::HttpServer(const Poco::Net::ServerSocket& socket,
                        Poco::AutoPtr<Poco::Net::HTTPServerParams> params, Callback callback)
-    : _server(nullptr) {
+    : _counters(std::make_shared<Counters>()), _server(nullptr) {
     provideThreads();
     shortenIdleTime(*params);
     const Poco::Net::HTTPRequestHandlerFactory::Ptr factory(
-        new RequestHandlerFactory(std::move(callback)));
+        new RequestHandlerFactory(std::move(callback), _counters));
     _server = new Poco::Net::HTTPServer(factory, socket, params);
 }
 
@@ -187,6 +199,29 @@ void HttpServer::start() {
 void HttpServer::stop() {
     const std::lock_guard<std::mutex> lock(_mutex);
     if (_server) _server->stop();
+}
+
+bool HttpServer::stop(std::chrono::milliseconds patience) {
+    stop();
+    std::unique_lock<std::mutex> lock(process().mutex);
+    return process().callbackEnded.wait_for(lock, patience,
+                                            [] { return process().callbacks == 0; });
+}
+
+HttpStatistics HttpServer::statistics() const {
+    const auto byClass = [this](int n) {
+        return _counters->byClass[static_cast<std::size_t>(n)].load();
+    };
+    HttpStatistics numbers;
+    numbers.connections = static_cast<std::uint64_t>(_server->currentConnections());
+    numbers.queued = static_cast<std::uint64_t>(_server->queuedConnections());
+    numbers.refused = static_cast<std::uint64_t>(_server->refusedConnections());
+    numbers.requests = _counters->requests;
+    numbers.status2xx = byClass(2);
+    numbers.status3xx = byClass(3);
+    numbers.status4xx = byClass(4);
+    numbers.status5xx = byClass(5);
+    return numbers;
 }
 
 void HttpServer::stopAll() {

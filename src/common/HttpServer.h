@@ -7,11 +7,14 @@
 #include <Poco/Net/HTTPServerResponse.h>
 #include <Poco/Net/ServerSocket.h>
 
+#include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
 
 #include "Export.h"
+#include "HttpStatistics.h"
 
 namespace kel {
 
@@ -51,6 +54,14 @@ public:
     /// keep-alive time-out (15 s unless `params` say otherwise). Repeatable.
     void stop();
 
+    /// As stop(), and waits for the requests in progress, but for one that calls this itself.
+    /// @param patience  the longest wait; what is not over by then goes on as after stop().
+    /// @return whether all had ended.
+    bool stop(std::chrono::milliseconds patience);
+
+    /// The server's numbers since it was made; also after stop().
+    HttpStatistics statistics() const;
+
 private:
     class RequestHandlerFactory;
     class RequestHandler;
@@ -62,6 +73,8 @@ private:
     static Process& process();
     static void stopAll();
 
+    struct Counters;
+    const std::shared_ptr<Counters> _counters;
     Poco::Net::HTTPServer* _server;  // started and stopped under _mutex
     std::mutex _mutex;
 };

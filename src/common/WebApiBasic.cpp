@@ -154,6 +154,23 @@ void WebApiBasic::stop() {
     forgotten.swap(_apis);
 }
 
+bool WebApiBasic::stop(std::chrono::milliseconds patience) {
+    std::map<std::string, Route> forgotten;
+    const std::lock_guard<std::mutex> lifecycle(_lifecycle_mutex);
+    const auto server = exchangeServer(nullptr);
+    if (server) server->stop();
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        forgotten.swap(_apis);
+    }
+    return !server || server->stop(patience);
+}
+
+HttpStatistics WebApiBasic::statistics() {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    return _server ? _server->statistics() : HttpStatistics();
+}
+
 WebApiBasic::Route WebApiBasic::store(std::string path, ApiHandler handler) {
     auto route = std::make_shared<const ApiHandler>(std::move(handler));
     const std::lock_guard<std::mutex> lock(_mutex);

@@ -5,7 +5,9 @@
 #include <Poco/Net/HTTPServerResponse.h>
 #include <Poco/Net/ServerSocket.h>
 
+#include <chrono>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -13,6 +15,7 @@
 #include <unordered_map>
 
 #include "Export.h"
+#include "HttpStatistics.h"
 
 namespace kel {
 
@@ -95,6 +98,14 @@ public:
     /// within 250 ms. Requests in progress are not waited for. Does nothing more when not serving.
     /// Afterwards routes can be registered and start() be called again.
     void stop();
+
+    /// As stop(), and waits for the requests in progress, but for one that calls this itself.
+    /// @param patience  the longest wait; what is not over by then goes on as after stop().
+    /// @return whether all had ended.
+    bool stop(std::chrono::milliseconds patience);
+
+    /// The server's numbers since start(); zeroes while not serving.
+    HttpStatistics statistics();
 
 private:
     WebApiBasic();
