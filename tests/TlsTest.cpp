@@ -77,6 +77,28 @@ TEST_F(Tls, ClientTakesOnlyACertificateThatFits) {
     }
 }
 
+// OpenSSL's own clean-up at exit would come before the end of these requests. The processes that
+// end run this test from its beginning, but ask the server of the first.
+TEST_F(Tls, AProcessEndsCleanlyAmidHandshakes) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    std::unique_ptr<Background> server;
+    if (!::getenv("KEL_TEST_URL")) {
+        server = std::make_unique<Background>("openssl s_server -accept 127.0.0.1:0 -www -cert " +
+                                              files["good.pem"] + " -key " + files["good.key"]);
+        ::setenv("KEL_TEST_URL", ("https://" + server->lineAfter("ACCEPT ")).c_str(), 1);
+        ::setenv("KEL_TEST_ROOT", files["root.pem"].c_str(), 1);
+    }
+    set("client", "caConfig", ::getenv("KEL_TEST_ROOT"));
+    const auto endAmidRequests = [] {
+        for (int i = 0; i < 8; ++i) {
+            kel::HttpClient::defaultHttpClient()->doHttpRequest(::getenv("KEL_TEST_URL"),
+                                                                [](auto, auto&) {});
+        }
+        std::exit(0);
+    };
+    for (int i = 0; i < 5; ++i) EXPECT_EXIT(endAmidRequests(), testing::ExitedWithCode(0), "");
+}
+
 // A web API behind TLS, and openssl as its client.
 class TlsServer : public Tls {
 protected:
