@@ -1,26 +1,55 @@
 #include "common/ThreadPool.h"
 
 #include <Poco/Exception.h>
+#include <Poco/Runnable.h>
+#include <Poco/Task.h>
+#include <Poco/ThreadLocal.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <filesystem>
 #include <future>
-#include <latch>
 #include <thread>
 
 #include "Await.h"
 #include "CapturedLog.h"
+#include "common/Library.h"
 
 using kel::ThreadPool;
 
+namespace {
+
+// Holds up tasks until it is opened.
+class Gate : public Poco::Runnable {
+public:
+    void open() { _promise.set_value(); }
+    void wait() const { _opened.wait(); }
+    void run() override { wait(); }
+
+private:
+    std::promise<void> _promise;
+    const std::shared_future<void> _opened = _promise.get_future().share();
+};
+
+// Counts the threads that have called it and have not ended.
+int threadsAlive() {
+    static std::atomic<int> alive{0};
+    struct Mark {
+        Mark() { ++alive; }
+        ~Mark() { --alive; }
+    };
+    static thread_local const Mark mark;
+    return (void)&mark, alive.load();
+}
+
+}  // namespace
+
 TEST(ThreadPool, RefusesWorkWhenFullLogsWhatATaskThrowsAndGoesOn) {
     const CapturedLog log;
-    std::latch gate(1);
+    Gate gate;
     ThreadPool pool;
     for (int i = 0; i < 32; ++i) pool.start([&] { gate.wait(); });
     EXPECT_THROW(pool.start([] {}), Poco::NoThreadAvailableException);
-    gate.count_down();
+    gate.open();
     EXPECT_TRUE(await([&] { return pool.pendingTasks() == 0; }));
     pool.start([] { throw 42; });  // nobody's exception type; must not end the process
     pool.start({});
@@ -59,19 +88,125 @@ TEST(ThreadPool, StopRunsTheTinyTasksAcceptedRefusesTheRestAndLeavesNothingBehin
     }
 }
 
-TEST(ThreadPool, IsDestroyedByItsOwnerAndNotByATaskThatEnds) {
-    const auto threads = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-    };
-    ThreadPool(1, 1).stop();  // whatever a first thread brings with it is there now
-    const auto before = threads();
-    for (int round = 0; round < 500; ++round) {
-        std::latch started(1);
-        const auto pool = std::make_shared<ThreadPool>(1, 1);
-        pool->start([&] { started.count_down(); });
-        started.wait();
+// Whoever ends a task may take the next one, but none waits for a task that does not end.
+TEST(ThreadPool, NoTaskWaitsBehindABlockedOneHoweverTheyCome) {
+    const CapturedLog log;
+    ThreadPool pool("blocked", 1, 8, 60, 0);
+    for (int round = 0; round < 300; ++round) {
+        Gate gate;
+        std::atomic<int> tiny{0};
+        const auto submitter = [&] {
+            for (int i = 0; i < 2; ++i) {
+                pool.start([&] { ++tiny; });
+                pool.start([&] { gate.wait(); }, "valve");
+            }
+        };
+        std::thread other(submitter);
+        submitter();
+        other.join();
+        ASSERT_TRUE(await([&] { return tiny == 4 && pool.used() == 4; }));
+        gate.open();
+        pool.joinAll();
+        ASSERT_EQ(8, pool.available());
     }
-    EXPECT_EQ(before, threads());
+    EXPECT_LE(pool.allocated(), 8);
+    EXPECT_EQ(0u, log.count(""));
+}
+
+TEST(ThreadPool, TriesToStartAndKeepsWhatFindsNoPlace) {
+    const CapturedLog log;
+    ThreadPool pool(1, 2);
+    Gate gate;
+    std::atomic<int> done{0};
+    static_cast<Poco::ThreadPool&>(pool).start(gate);  // POCO's tasks take places, too
+    pool.start([&] { gate.wait(); });
+    std::function<void()> task = [&] { ++done; };
+    EXPECT_FALSE(pool.tryStart(std::move(task)));
+    EXPECT_FALSE(pool.tryStart(std::move(task), std::chrono::milliseconds(20)));
+    EXPECT_EQ(std::pair(2, 0), std::pair(pool.used(), pool.available()));
+    EXPECT_EQ(0u, log.count(""));
+    auto patient = std::async(std::launch::async, [&] {
+        return pool.tryStart(std::move(task), std::chrono::minutes(1));
+    });
+    gate.open();
+    EXPECT_TRUE(patient.get());
+    pool.stop();
+    EXPECT_EQ(1, done);
+    EXPECT_FALSE(pool.tryStart([&] { ++done; }, std::chrono::minutes(1)));
+}
+
+TEST(ThreadPool, NamesItsThreadsAndClearsTheirLocalsForEachTask) {
+    ThreadPool pool("crew", 1, 1, 60, 0);
+    Poco::ThreadLocal<int> local;
+    std::vector<std::string> names;
+    const auto note = [&] {
+        names.push_back(Poco::Thread::current()->name());
+        EXPECT_EQ(0, (*local)++);
+    };
+    for (const char* name : {"valve", "", "pump"}) {
+        pool.start(note, name);
+        pool.joinAll();
+    }
+    EXPECT_EQ(names, std::vector<std::string>({"valve (crew[#1])", "crew[#1]", "pump (crew[#1])"}));
+}
+
+// Its threads end with it, also where one of its tasks releases it.
+TEST(ThreadPool, IsDestroyedWithItsThreadsByItsOwnerOrByATask) {
+    const int before = threadsAlive();
+    std::atomic<int> ran{0};
+    for (int round = 0; round < 500; ++round) {
+        Gate given;
+        std::promise<void> released;
+        auto pool = std::make_shared<ThreadPool>(1, 2);
+        pool->start([&] { threadsAlive(), ++ran; });
+        pool->start([&, held = pool]() mutable {
+            threadsAlive(), given.wait();
+            held = nullptr;
+            released.set_value();
+        });
+        if (round % 2 == 0) pool = nullptr;  // which leaves it to the task
+        given.open();
+        released.get_future().wait();
+    }
+    EXPECT_EQ(500, ran);
+    EXPECT_TRUE(await([&] { return threadsAlive() == before; }));
+}
+
+TEST(ThreadPool, StartsAgainAfterTheLibrarysStop) {
+    std::atomic<int> done{0};
+    for (int round = 1; round <= 3; ++round) {
+        ThreadPool::defaultPool().start([&] { ++done; });
+        kel::stopLibrary();
+        EXPECT_EQ(round, done);
+        EXPECT_EQ(0, ThreadPool::defaultPool().used());
+    }
+}
+
+TEST(ThreadPool, TasksThatOutlastItHoldUpItsEndOnceAndStillEnd) {
+    const CapturedLog log;
+    const auto gate = std::make_shared<Gate>();
+    const auto ended = std::make_shared<std::atomic<int>>(0);
+    {
+        ThreadPool pool("stuck", 1, 4, 60, 0);
+        for (int i = 0; i < 3; ++i) pool.start([=] { gate->wait(), ++*ended; });
+    }
+    EXPECT_EQ(1u, log.count("thread pool stuck stops with 3 tasks running"));
+    gate->open();
+    EXPECT_TRUE(await([&] { return *ended == 3; }));
+}
+
+TEST(TaskManager, EndsWithEveryTaskThatWasStarted) {
+    struct Counting : Poco::Task {
+        explicit Counting(std::atomic<int>& ran) : Task("count"), _ran(ran) {}
+        void runTask() override { ++_ran; }
+        std::atomic<int>& _ran;
+    };
+    std::atomic<int> ran{0};
+    for (int round = 0; round < 200; ++round) {
+        kel::TaskManager manager = {"tasks", 1, 2};
+        for (int i = 0; i < 2; ++i) manager.start(new Counting(ran));
+    }
+    EXPECT_EQ(400, ran);
 }
 
 TEST(ThreadPoolDeathTest, ProcessEndsCleanlyWithWorkInHand) {

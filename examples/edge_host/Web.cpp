@@ -115,7 +115,8 @@ const char* whyUnusable(const Object& body) {
     return nullptr;
 }
 
-Object::Ptr pool(const Poco::ThreadPool& pool) {
+template <typename Pool>
+Object::Ptr pool(const Pool& pool) {
     Object::Ptr state(new Object);
     state->set("used", pool.used());
     state->set("threads", pool.allocated());

@@ -33,6 +33,7 @@
 #include "internal/mqtt/Messaging.h"
 #include "internal/mqtt/Subscriptions.h"
 #include "internal/mqtt/Topics.h"
+#include "internal/process/LibraryStop.h"
 
 namespace kel {
 
@@ -80,9 +81,10 @@ struct MqttClient::Impl : ConnectionEvents, std::enable_shared_from_this<MqttCli
     // Connecting
     void create(Messaging& messaging);
     bool recreate(Messaging& messaging);
-    void startConnecting();
-    static void connectTask(Messaging& messaging, const Weak& weak);
-    std::optional<int> connectOnce(Messaging& messaging);
+    void startConnecting(bool again);
+    static void connectTask(Messaging& messaging, const Weak& weak, bool again);
+    std::optional<int> connectOnce(Messaging& messaging, bool again);
+    bool hasSession();
     int attempt();
     void sayWhy(int rc);
     void sessionBegun();
@@ -130,8 +132,8 @@ struct MqttClient::Impl : ConnectionEvents, std::enable_shared_from_this<MqttCli
 
     std::mutex _connectMutex;
     // Guarded by _connectMutex.
-    unsigned _failures = 0;  // in a row
-    bool _wasLost = false;
+    unsigned _failures = 0;    // in a row
+    unsigned _lossesSeen = 0;  // when the last session began
 
     std::mutex _mutex;
     // Guarded by _mutex; copied out before they are used.
@@ -212,12 +214,18 @@ void MqttClient::Impl::create(Messaging& messaging) {
 // session up meanwhile.
 bool MqttClient::Impl::recreate(Messaging& messaging) {
     const std::lock_guard<std::mutex> lock(_connectMutex);
-    std::shared_ptr<Connection> old = connection();
-    if (_released || (_connected && old && old->isUp())) return false;
-    set(_connection, {});
-    if (old) old->close();
+    if (_released || hasSession()) return false;
+    if (const std::shared_ptr<Connection> old = connection()) {
+        set(_connection, {});
+        old->close();
+    }
     create(messaging);
     return !_released;
+}
+
+bool MqttClient::Impl::hasSession() {
+    const std::shared_ptr<Connection> made = connection();
+    return _connected && made && made->isUp();
 }
 
 void MqttClient::Impl::release() {
@@ -235,43 +243,47 @@ void MqttClient::Connect(std::function<bool(int)> onConnectResult,
                          std::function<bool(std::string)> onConnectionLost) {
     _impl->set(_impl->_connect_callback, std::move(onConnectResult));
     _impl->set(_impl->_connection_lost_callback, std::move(onConnectionLost));
-    _impl->startConnecting();
+    _impl->startConnecting(false);
 }
 
-void MqttClient::Impl::startConnecting() {
+void MqttClient::Impl::startConnecting(bool again) {
     Messaging& messaging = Messaging::instance();
-    messaging.inBackground([&messaging, weak = weak_from_this()] { connectTask(messaging, weak); });
+    messaging.inBackground(
+        [&messaging, weak = weak_from_this(), again] { connectTask(messaging, weak, again); });
 }
 
-void MqttClient::Impl::connectTask(Messaging& messaging, const Weak& weak) {
-    for (std::shared_ptr<Impl> client = weak.lock(); client; client = weak.lock()) {
-        const std::optional<int> rc = client->connectOnce(messaging);
+void MqttClient::Impl::connectTask(Messaging& messaging, const Weak& weak, bool again) {
+    for (std::shared_ptr<Impl> client = weak.lock(); client; client = weak.lock(), again = true) {
+        const std::optional<int> rc = client->connectOnce(messaging, again);
         if (!rc) return;
         if (*rc != 0) client->sayWhy(*rc);
-        const bool again = client->askAfterConnect(*rc);
+        const bool wanted = client->askAfterConnect(*rc);
         if (*rc == 0) {
             client->addJob({{}, {}, 0, client->_restored});
             return;
         }
         client.reset();
-        if (!again || !messaging.pause(kPauseBeforeRetry)) return;
+        if (!wanted || !messaging.pause(kPauseBeforeRetry)) return;
         client = weak.lock();
         if (!client || !client->recreate(messaging)) return;
     }
 }
 
-// Empty if the client is released or the library is stopped first.
-std::optional<int> MqttClient::Impl::connectOnce(Messaging& messaging) {
+// Empty if the client is released or the library is stopped first, or if an attempt that is made
+// again finds a session that another connect has brought up.
+std::optional<int> MqttClient::Impl::connectOnce(Messaging& messaging, bool again) {
     const auto giveUp = [&] { return _released || messaging.stopped(); };
     unsigned rank = 0;
     {
         const std::lock_guard<std::mutex> lock(_connectMutex);
         rank = _failures;
     }
+    // Not with the turn, for which the other clients wait.
+    if (const std::shared_ptr<Connection> made = connection()) made->awaitAnswers();
     const ConnectTurn turn(rank, giveUp);
     if (!turn) return {};
     const std::lock_guard<std::mutex> lock(_connectMutex);
-    if (giveUp()) return {};
+    if (giveUp() || (again && hasSession())) return {};
     const int rc = attempt();
     _failures = rc == 0 ? 0 : _failures + 1;
     if (rc == 0) {
@@ -296,7 +308,8 @@ int MqttClient::Impl::attempt() {
 // Before the host is told, so that it can publish at once.
 void MqttClient::Impl::sessionBegun() {
     const std::shared_ptr<Connection> made = connection();
-    if (std::exchange(_wasLost, _losses > 0)) ++messagingCounters().reconnections;
+    const unsigned losses = _losses;
+    if (std::exchange(_lossesSeen, losses) != losses) ++messagingCounters().reconnections;
     // What is set from now on finds a session and subscribes by itself.
     _restored = _subscriptions->mark();
     _connected = true;
@@ -356,8 +369,7 @@ void MqttClient::Impl::reconnect(Messaging& messaging, const Weak& weak, unsigne
     log.information("start reconnect mqtt.");
     if (!awaitBrokerHost(messaging, weak, loss)) return;
     const std::shared_ptr<Impl> client = weak.lock();
-    const bool wanted = client && client->recreate(messaging);
-    if (wanted) client->startConnecting();
+    if (client && client->recreate(messaging)) client->startConnecting(true);
 }
 
 bool MqttClient::Impl::askAfterLoss(const Weak& weak, const std::string& cause) {
@@ -390,17 +402,21 @@ bool MqttClient::Impl::awaitBrokerHost(Messaging& messaging, const Weak& weak, u
 void MqttClient::Subscribe(std::function<void(const Poco::JSON::Object&, std::string)> handler,
                            std::string topic, int qos) {
     _impl->addJob({std::make_shared<SubscribedHandler>(SubscribedHandler{{}, std::move(handler)}),
-                   std::move(topic), qos, {}});
+                   std::move(topic),
+                   qos,
+                   {}});
 }
 
 void MqttClient::Subscribe(std::function<void(MQTTClient_message*, std::string)> handler,
                            std::string topic, int qos) {
     Subscriptions::Handler kept;
-    if (handler) kept = std::make_shared<SubscribedHandler>(SubscribedHandler{std::move(handler), {}});
+    if (handler)
+        kept = std::make_shared<SubscribedHandler>(SubscribedHandler{std::move(handler), {}});
     _impl->addJob({std::move(kept), std::move(topic), qos, {}});
 }
 
-// The jobs of a client are done one after the other, so that the last subscription of a filter wins.
+// The jobs of a client are done one after the other, so that the last subscription of a filter
+// wins.
 void MqttClient::Impl::addJob(Job job) {
     {
         const std::lock_guard<std::mutex> lock(_jobsMutex);
@@ -470,10 +486,11 @@ void MqttClient::Impl::subscribeAll(const std::vector<std::string>& filters,
         if (!to) {
             log.error(format("Failed to subscribe topic %s, _mqtt_client is null", filter));
         } else if (!to->isUp()) {
-            log.error(format("Failed to subscribe topic %s, _mqtt_client is not connected", filter));
+            log.error(
+                format("Failed to subscribe topic %s, _mqtt_client is not connected", filter));
         } else if (!topics::isValidFilter(filter) || qos[i] < 0 || qos[i] > 2) {
-            logSubscribed(filter, topics::isValidFilter(filter) ? MQTTCLIENT_BAD_QOS
-                                                                : MQTTCLIENT_FAILURE);
+            logSubscribed(filter,
+                          topics::isValidFilter(filter) ? MQTTCLIENT_BAD_QOS : MQTTCLIENT_FAILURE);
         } else {
             if (packet.size() == kMostFilters || bytes > kMostBytes) send();
             packet.push_back(filter);
@@ -529,6 +546,8 @@ bool MqttClient::Impl::unsubscribeAtBroker(const std::string& topic) {
 
 bool MqttClient::PublishMessage(std::string payload, std::string topic, int qos, int retained,
                                 int /*token*/) {
+    // Threads of the host may go on publishing; the logger is about to go.
+    if (processIsEnding()) return false;
     try {
         const std::shared_ptr<Connection> to = _impl->connection();
         if (!to) {

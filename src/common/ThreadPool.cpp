@@ -1,29 +1,29 @@
-// ThreadPool.cpp - callables on POCO's threads.
+// ThreadPool.cpp - callables on threads that are ours, beside POCO's pool.
 //
-// POCO only borrows the Runnable it runs, so each task lives in an adapter. The list of tasks holds
-// one reference from start() to the task's end; run() holds another, so that a task which outlasts
-// the pool's stop still owns itself. Adapters know the list and not the pool: whoever releases the
-// pool destroys it, never one of its own threads.
+// POCO hands each task to a thread of its choice and takes the thread back afterwards, which costs
+// two switches of threads a task; and it joins the threads that are busy one after the other, 10 s
+// each, the caller's own included. So the base serves only what is given to it as a Runnable, and
+// callables run on TaskThreads. Both count against the capacity of the base.
 
 #include "ThreadPool.h"
 
-#include <Poco/AutoPtr.h>
+#include <Poco/ErrorHandler.h>
 #include <Poco/Exception.h>
 #include <Poco/Format.h>
-#include <Poco/RefCountedObject.h>
-#include <Poco/Runnable.h>
+#include <Poco/Thread.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <list>
-#include <mutex>
+#include <algorithm>
 
 #include "internal/log/UnitLog.h"
 #include "internal/process/LibraryStop.h"
+#include "internal/process/NeverDestroyed.h"
+#include "internal/process/TaskThreads.h"
 
 namespace kel {
 
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr UnitLog log("src/common/ThreadPool");
 
@@ -32,79 +32,60 @@ constexpr int kRefusedLine = 36;
 constexpr int kPocoExceptionLine = 49;
 constexpr int kStdExceptionLine = 52;
 
-constexpr std::chrono::seconds kStopPatience(10);
+constexpr std::chrono::milliseconds kStopPatience = 10s;
+
+void runLogged(const std::function<void()>& func) {
+    try {
+        if (func) func();
+    } catch (const Poco::Exception& exc) {
+        log.error(exc.displayText(), kPocoExceptionLine);
+    } catch (const std::exception& exc) {
+        log.error(std::string(exc.what()), kStdExceptionLine);
+    } catch (...) {
+        Poco::ErrorHandler::handle();  // as on a thread of POCO's
+    }
+}
+
+bool always() {
+    return true;
+}
+
+std::shared_ptr<TaskThreads> makeThreads(const std::string& name, int kept, int idleTime,
+                                         bool (*mayBegin)()) {
+    return std::make_shared<TaskThreads>(TaskThreads::Settings{
+        name, static_cast<std::size_t>(kept), std::chrono::seconds(idleTime), runLogged, mayBegin});
+}
+
+// The default pool's threads begin anew after a stop of the library, which has to stop them again.
+bool defaultPoolMayBegin() {
+    if (processIsEnding()) return false;
+    onLibraryStop(StopStage::kTaskPools, [] { ThreadPool::defaultPool().stopAll(); });
+    return true;
+}
 
 }  // namespace
 
-struct ThreadPool::Tasks {
-    void taskFinished(RunnableAdapter* adapter);
-
-    std::mutex mutex;
-    std::condition_variable changed;
-    // Guarded by mutex.
-    std::list<Poco::AutoPtr<RunnableAdapter>> adapters;
-    bool stopped = false;
-};
-
-class ThreadPool::RunnableAdapter : public Poco::Runnable, public Poco::RefCountedObject {
-public:
-    RunnableAdapter(std::function<void()> func, std::shared_ptr<Tasks> tasks)
-        : _func(std::move(func)), _tasks(std::move(tasks)) {}
-
-    void run() override {
-        const Poco::AutoPtr<RunnableAdapter> self(this, true);
-        struct Report {
-            RunnableAdapter& adapter;
-            ~Report() { adapter.finish(); }
-        } report{*this};
-        callFunc();
-    }
-
-private:
-    void callFunc() {
-        try {
-            if (_func) _func();
-        } catch (const Poco::Exception& exc) {
-            log.error(exc.displayText(), kPocoExceptionLine);
-        } catch (const std::exception& exc) {
-            log.error(std::string(exc.what()), kStdExceptionLine);
-        }
-    }
-
-    void finish() {
-        _func = nullptr;  // what the task captured goes before the task counts as ended
-        _tasks->taskFinished(this);
-    }
-
-    std::function<void()> _func;
-    const std::shared_ptr<Tasks> _tasks;
-};
-
-void ThreadPool::Tasks::taskFinished(RunnableAdapter* adapter) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    adapters.remove_if([&](const auto& held) { return held.get() == adapter; });
-    changed.notify_all();
-}
-
 ThreadPool::ThreadPool(int minCapacity, int maxCapacity, int idleTime, int stackSize)
     : Poco::ThreadPool(minCapacity, maxCapacity, idleTime, stackSize),
-      _tasks(std::make_shared<Tasks>()) {}
+      _threads(makeThreads("", minCapacity, idleTime, always)) {}
 
 ThreadPool::ThreadPool(const std::string& name, int minCapacity, int maxCapacity, int idleTime,
                        int stackSize)
+    : ThreadPool(name, minCapacity, maxCapacity, idleTime, stackSize, always) {}
+
+ThreadPool::ThreadPool(const std::string& name, int minCapacity, int maxCapacity, int idleTime,
+                       int stackSize, bool (*mayBegin)())
     : Poco::ThreadPool(name, minCapacity, maxCapacity, idleTime, stackSize),
-      _tasks(std::make_shared<Tasks>()) {}
+      _threads(makeThreads(name, minCapacity, idleTime, mayBegin)) {}
 
 ThreadPool::~ThreadPool() {
     stop();
 }
 
 ThreadPool& ThreadPool::defaultPool() {
-    static const auto& pool = *new std::shared_ptr<ThreadPool>([] {
-        onLibraryStop(StopStage::kTaskPools, [] { defaultPool().stop(); });
-        return new ThreadPool("default", 1, 32, 60, 0);
-    }());
-    return *pool;
+    static NeverDestroyed<std::shared_ptr<ThreadPool>> pool(
+        new ThreadPool("default", 1, 32, 60, 0, defaultPoolMayBegin));
+    return **pool;
 }
 
 void ThreadPool::start(std::function<void()> func) {
@@ -113,49 +94,89 @@ void ThreadPool::start(std::function<void()> func) {
 
 void ThreadPool::start(std::function<void()> func, const std::string& name) {
     try {
-        Poco::AutoPtr<RunnableAdapter> adapter(new RunnableAdapter(std::move(func), _tasks));
-        // Held from start to record: a short task reports back only after it has been recorded,
-        // and a thread that POCO hands out is not released by stop() meanwhile.
-        const std::lock_guard<std::mutex> lock(_tasks->mutex);
-        if (_tasks->stopped) throw Poco::IllegalStateException("thread pool is stopped");
-        Poco::ThreadPool::start(*adapter, name);
-        _tasks->adapters.push_back(adapter);
+        TaskThreads::Task task{std::move(func), name};
+        switch (_threads->accept(task, places(), 0ms, getStackSize())) {
+            case TaskThreads::Answer::kAccepted:
+                return;
+            case TaskThreads::Answer::kFull:
+                throw Poco::NoThreadAvailableException();
+            case TaskThreads::Answer::kStopped:
+                throw Poco::IllegalStateException("thread pool is stopped");
+        }
     } catch (const std::exception& exc) {
         log.error(Poco::format("exception: %s", std::string(exc.what())), kRefusedLine);
         throw;
     }
 }
 
-std::size_t ThreadPool::pendingTasks() {
-    const std::lock_guard<std::mutex> lock(_tasks->mutex);
-    return _tasks->adapters.size();
+bool ThreadPool::tryStart(std::function<void()>&& func, std::chrono::milliseconds patience) {
+    TaskThreads::Task task{std::move(func), ""};
+    const auto answer = _threads->accept(task, places(), patience, getStackSize());
+    if (answer == TaskThreads::Answer::kAccepted) return true;
+    func = std::move(task.func);
+    return false;
 }
 
-// POCO would drop a task that a thread has been given but has not taken up yet, and wait 10 s for
-// each thread in turn; so it stops the threads only after their tasks.
+// What runs on POCO's own threads takes places as well.
+std::size_t ThreadPool::places() const {
+    return static_cast<std::size_t>(std::max(capacity() - Poco::ThreadPool::used(), 0));
+}
+
+std::size_t ThreadPool::pendingTasks() {
+    return _threads->accepted();
+}
+
 void ThreadPool::stop() {
-    std::unique_lock<std::mutex> lock(_tasks->mutex);
-    _tasks->stopped = true;
-    _tasks->changed.wait_for(lock, kStopPatience, [&] { return _tasks->adapters.empty(); });
-    const std::size_t left = _tasks->adapters.size();
-    lock.unlock();
-    if (left == 0) {
-        stopAll();
-    } else {
+    const std::size_t left = _threads->stop(kStopPatience);
+    if (left != 0) {
         log.error(Poco::format("thread pool %s stops with %z tasks running", name(), left));
     }
+    if (Poco::ThreadPool::used() == 0) Poco::ThreadPool::stopAll();
+}
+
+int ThreadPool::used() const {
+    return static_cast<int>(_threads->accepted()) + Poco::ThreadPool::used();
+}
+
+// POCO's idle threads, which stand by from the beginning, count as ours until ours exist.
+int ThreadPool::allocated() const {
+    const int both = static_cast<int>(_threads->threads()) + Poco::ThreadPool::used();
+    return std::max(both, Poco::ThreadPool::allocated());
+}
+
+int ThreadPool::available() const {
+    return std::max(capacity() - used(), 0);
+}
+
+void ThreadPool::joinAll() {
+    while (_threads->awaitEnd(kStopPatience) != 0) continue;
+    Poco::ThreadPool::joinAll();
+}
+
+void ThreadPool::stopAll() {
+    stop();
+    Poco::ThreadPool::stopAll();
+    _threads->reopen();
 }
 
 TaskManager::TaskManager(Poco::ThreadPool& pool) : Poco::TaskManager(pool) {}
 
 TaskManager::TaskManager(const std::string& name, int minCapacity, int maxCapacity, int idleTime,
                          int stackSize)
-    : detail::OwnPool{std::make_unique<Poco::ThreadPool>(name, minCapacity, maxCapacity, idleTime,
-                                                         stackSize)},
-      Poco::TaskManager(*pool) {}
+    : TaskManager(std::make_unique<Poco::ThreadPool>(name, minCapacity, maxCapacity, idleTime,
+                                                     stackSize)) {}
 
+TaskManager::TaskManager(std::unique_ptr<Poco::ThreadPool> pool)
+    : Poco::TaskManager(*pool), _ownPool(std::move(pool)) {}
+
+// POCO drops a task that a thread has been given but has not taken up yet, so its threads are
+// stopped only when none is busy. It offers no wait with a bound.
 TaskManager::~TaskManager() {
-    if (pool) pool->stopAll();
+    if (!_ownPool) return;
+    const auto deadline = std::chrono::steady_clock::now() + kStopPatience;
+    while (_ownPool->used() != 0 && std::chrono::steady_clock::now() < deadline) {
+        Poco::Thread::sleep(1);
+    }
 }
 
 }  // namespace kel

@@ -19,21 +19,21 @@ using Poco::Net::HTTPServerRequest;
 
 }  // namespace
 
-Connection::Connection(const Poco::Net::StreamSocket& accepted,
-                       const std::shared_ptr<ServerState>& state,
-                       Poco::AutoPtr<HTTPServerParams> params, const Callback& callback)
+HttpConnection::HttpConnection(const Poco::Net::StreamSocket& accepted,
+                               const std::shared_ptr<ServerState>& state,
+                               Poco::AutoPtr<HTTPServerParams> params, const Callback& callback)
     : _state(state),
       _params(params),
       _callback(callback),
       _socket(new GuardedSocket(accepted, state)),
       _session(Poco::Net::StreamSocket(_socket.duplicate()), params) {}
 
-void Connection::serve() {
+void HttpConnection::serve() {
     while (awaitRequest() && answer()) continue;
 }
 
 // @return false if there is none to answer.
-bool Connection::awaitRequest() {
+bool HttpConnection::awaitRequest() {
     _socket->setAnswering(false);
     const bool first = _requests == 0;
     const Poco::Timespan idle = first ? _params->getTimeout() : _params->getKeepAliveTimeout();
@@ -48,7 +48,7 @@ bool Connection::awaitRequest() {
 }
 
 // @return whether another request may follow.
-bool Connection::answer() {
+bool HttpConnection::answer() {
     Reply reply(_session, *_socket);
     std::optional<Poco::Net::HTTPServerRequestImpl> request;
     try {
@@ -64,7 +64,7 @@ bool Connection::answer() {
     return conclude(reply);
 }
 
-bool Connection::conclude(Reply& reply) {
+bool HttpConnection::conclude(Reply& reply) {
     const bool reusable = reply.finish();
     if (reply.sent()) _state->countReply(reply.getStatus());
     if (_session.socket().impl() != _socket.get()) return false;  // detached; another's to close
@@ -76,13 +76,13 @@ bool Connection::conclude(Reply& reply) {
     return reusable;
 }
 
-void Connection::refuse(int status) {
+void HttpConnection::refuse(int status) {
     if (_state->stopping) return;
     ++_state->requests;
     sendError(status);
 }
 
-void Connection::prepare(Reply& reply, const HTTPServerRequest& request) {
+void HttpConnection::prepare(Reply& reply, const HTTPServerRequest& request) {
     const int limit = _params->getMaxKeepAliveRequests();
     const bool last = _state->stopping || (limit > 0 && _requests >= limit);
     reply.setRequest(request);
@@ -94,7 +94,7 @@ void Connection::prepare(Reply& reply, const HTTPServerRequest& request) {
     if (!software.empty()) reply.set("Server", software);
 }
 
-void Connection::call(Reply& reply, HTTPServerRequest& request) {
+void HttpConnection::call(Reply& reply, HTTPServerRequest& request) {
     try {
         if (!_callback) throw Poco::NullPointerException("request handle callabck is empty");
         if (request.getExpectContinue()) reply.sendContinue();
@@ -112,7 +112,7 @@ void Connection::call(Reply& reply, HTTPServerRequest& request) {
     }
 }
 
-void Connection::sendError(int status) {
+void HttpConnection::sendError(int status) {
     const std::string& reason =
         HTTPResponse::getReasonForStatus(static_cast<HTTPResponse::HTTPStatus>(status));
     const std::string reply =
@@ -127,7 +127,7 @@ void Connection::sendError(int status) {
 }
 
 // Formatting it costs as much as the rest of a small reply.
-const std::string& Connection::date() {
+const std::string& HttpConnection::date() {
     const Poco::Timestamp now;
     const std::chrono::seconds second(now.epochTime());
     if (second != _dateSecond) {

@@ -20,13 +20,14 @@ namespace kel {
 
 /// One client's connection: its requests, one after the other, and the callback's replies.
 /// Threads: one at a time, but for what GuardedSocket allows.
-class Connection {
+class HttpConnection {
 public:
     using Callback =
         std::function<void(Poco::Net::HTTPServerRequest&, Poco::Net::HTTPServerResponse&)>;
 
-    Connection(const Poco::Net::StreamSocket& accepted, const std::shared_ptr<ServerState>& state,
-               Poco::AutoPtr<Poco::Net::HTTPServerParams> params, const Callback& callback);
+    HttpConnection(const Poco::Net::StreamSocket& accepted,
+                   const std::shared_ptr<ServerState>& state,
+                   Poco::AutoPtr<Poco::Net::HTTPServerParams> params, const Callback& callback);
 
     /// Serves requests until the connection ends, and closes it.
     /// What the callback and the network throw passes through, after the client has been told.

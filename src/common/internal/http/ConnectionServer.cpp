@@ -66,7 +66,7 @@ StoppableThreads& ConnectionServer::threads() {
 
 ConnectionServer::ConnectionServer(const ServerSocket& socket,
                                    Poco::AutoPtr<HTTPServerParams> params,
-                                   std::shared_ptr<const Connection::Callback> callback)
+                                   std::shared_ptr<const HttpConnection::Callback> callback)
     : _socket(socket),
       _params(params),
       _callback(std::move(callback)),
@@ -225,11 +225,11 @@ void ConnectionServer::work() {
 }
 
 void ConnectionServer::serve(const StreamSocket& accepted) {
-    Connection connection(accepted, _state, _params, *_callback);
+    HttpConnection connection(accepted, _state, _params, *_callback);
     struct Serving {
         ConnectionServer& server;
-        Connection& connection;
-        Serving(ConnectionServer& s, Connection& c) : server(s), connection(c) {
+        HttpConnection& connection;
+        Serving(ConnectionServer& s, HttpConnection& c) : server(s), connection(c) {
             servingOnThisThread = &server;
             server.list(connection.socket());
         }

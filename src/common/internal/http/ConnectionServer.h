@@ -28,7 +28,7 @@ public:
 
     ConnectionServer(const Poco::Net::ServerSocket& socket,
                      Poco::AutoPtr<Poco::Net::HTTPServerParams> params,
-                     std::shared_ptr<const Connection::Callback> callback);
+                     std::shared_ptr<const HttpConnection::Callback> callback);
 
     /// Accepts connections until stop(). Once only.
     void start();
@@ -69,7 +69,7 @@ private:
 
     Poco::Net::ServerSocket _socket;
     const Poco::AutoPtr<Poco::Net::HTTPServerParams> _params;
-    const std::shared_ptr<const Connection::Callback> _callback;
+    const std::shared_ptr<const HttpConnection::Callback> _callback;
     const std::shared_ptr<ServerState> _state;
     const unsigned long _process;
     const std::size_t _maxThreads;

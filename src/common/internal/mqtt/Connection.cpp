@@ -6,8 +6,10 @@
 //   events, arrived, spent,  the receive thread, whoever ends a session,       _mutex
 //   callbacks, connecting    connect(), close()
 //
-//   lock order: the library's own, then _mutex or the window's. Nothing calls into the library with
-//   one of ours held.
+//   connect, (un)subscribe   one at a time                                     _answerMutex
+//
+//   lock order: _answerMutex, the library's own, _mutex or the window's. Nothing calls into the
+//   library with one of the last two held.
 //
 // The library's threads are one receive thread for the whole process (msgarrvd without its lock;
 // delivered with it) and one short-lived for each lost session (connlost, while another thread
@@ -15,17 +17,19 @@
 //
 // When a session ends, on whichever thread that is found out, the library frees the messages of its
 // queue, the one that a callback holds just now included. It forgets a message only after the
-// callback has returned and it has taken its own lock again; and it destroys a handle without a look
-// at callbacks in progress. So that no message is touched or freed at the wrong moment, a handle is
-// given a message store of our own, which stores nothing but is called with the library's lock held:
+// callback has returned and it has taken its own lock again; and it destroys a handle without a
+// look at callbacks in progress. So that no message is touched or freed at the wrong moment, a
+// handle is given a message store of our own, which stores nothing but is called with the library's
+// lock held:
 //   put "q-..."     a message enters the queue: it is copied here.
 //   remove "q-..."  the receive thread is back from the callback: the message is freed here.
 //   clear, close    the queue is about to be emptied: the library frees what is in it.
 //   put "s-..."     a message of a publisher goes out, and this is its token.
 // What this leaves: a receive thread that finds the queue emptied between its callback and its lock
-// reads the number of the freed entry once more (the result is not used); and where a queue has been
-// emptied with a message in it, the receive thread may be anywhere near the callback. The handle is
-// destroyed 1 s later then, a last resort that nobody waits for; else as soon as no call is in it.
+// reads the number of the freed entry once more (the result is not used); and where a queue has
+// been emptied with a message in it, the receive thread may be anywhere near the callback. The
+// handle is destroyed 1 s later then, a last resort that nobody waits for; else as soon as no call
+// is in it.
 
 #include "Connection.h"
 
@@ -39,10 +43,12 @@
 #include <utility>
 
 #include "../log/UnitLog.h"
+#include "../platform/Platform.h"
 #include "../process/NeverDestroyed.h"
 #include "ConnectTurn.h"
 #include "Dispatcher.h"
 #include "Messaging.h"
+#include "ServerUri.h"
 #include "Topics.h"
 
 namespace kel {
@@ -352,6 +358,7 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
     // A second connect on a connected handle would leave the first connection's socket behind.
     leaveSession();
     LibraryOptions form(options);
+    const std::lock_guard<std::mutex> answer(_answerMutex);
     {
         const std::lock_guard<std::mutex> lock(_mutex);
         _events = std::move(events);
@@ -359,6 +366,9 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
         _lostElsewhere = false;
     }
     const int rc = MQTTClient_connect(_handle, form.get());
+    if (rc == 0) {
+        logExceptions(log, [&] { platform::sendAtOnceTo(portOfServerUri(options.address)); });
+    }
     const std::lock_guard<std::mutex> lock(_mutex);
     _connecting = {};
     if (rc == 0 && !_lostElsewhere && !_closed) {
@@ -366,6 +376,10 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
         _up = true;
     }
     return rc;
+}
+
+void Connection::awaitAnswers() {
+    const std::lock_guard<std::mutex> answer(_answerMutex);
 }
 
 int Connection::endSession() {
@@ -428,6 +442,7 @@ int Connection::subscribe(const std::vector<std::string>& filters, std::vector<i
     names.reserve(filters.size());
     for (const std::string& filter : filters) names.push_back(const_cast<char*>(filter.c_str()));
     const Dispatcher::WaitsForBroker wait;
+    const std::lock_guard<std::mutex> answer(_answerMutex);
     return MQTTClient_subscribeMany(_handle, static_cast<int>(names.size()), names.data(),
                                     qos.data());
 }
@@ -437,6 +452,7 @@ int Connection::unsubscribe(const std::string& filter) {
     const Call call(*this);
     if (!call) return MQTTCLIENT_DISCONNECTED;
     const Dispatcher::WaitsForBroker wait;
+    const std::lock_guard<std::mutex> answer(_answerMutex);
     return MQTTClient_unsubscribe(_handle, filter.c_str());
 }
 

@@ -52,6 +52,9 @@ public:
     /// ConnectTurn; one call at a time. @return the library's code, 0 for success.
     int connect(const ConnectOptions& options, std::weak_ptr<ConnectionEvents> events);
 
+    /// Waits until no subscribe and unsubscribe is in progress, which connect() would wait for.
+    void awaitAnswers();
+
     /// Ends the session at the broker; waits up to 2 s for unacknowledged messages.
     int disconnect();
 
@@ -112,17 +115,20 @@ private:
     std::atomic<bool> _closed{false};
     std::atomic<int> _calls{0};  // into the library
 
+    // Held across calls that await an answer: the library keeps only one answer for each handle.
+    std::mutex _answerMutex;
+
     mutable std::mutex _mutex;
     std::condition_variable _returned;
     // Guarded by _mutex, which is taken inside the library's lock and never the other way round.
     std::weak_ptr<ConnectionEvents> _events;
-    std::deque<Message> _arrived;      // copied, and not handed on yet
-    int _queued = 0;                   // messages in the library's own queue
-    unsigned _clears = 0;              // how often that queue has been emptied
-    char* _spentTopic = nullptr;       // handed on; the library is about to forget them
+    std::deque<Message> _arrived;  // copied, and not handed on yet
+    int _queued = 0;               // messages in the library's own queue
+    unsigned _clears = 0;          // how often that queue has been emptied
+    char* _spentTopic = nullptr;   // handed on; the library is about to forget them
     MQTTClient_message* _spent = nullptr;
-    int _callbacks = 0;                // in progress, or on their way back
-    bool _lostElsewhere = false;       // the session ended on another thread than the connecting one
+    int _callbacks = 0;           // in progress, or on their way back
+    bool _lostElsewhere = false;  // the session ended on another thread than the connecting one
     std::thread::id _connecting;
     std::chrono::steady_clock::time_point _unsureSince;
 };

@@ -23,9 +23,8 @@ constexpr UnitLog log("src/common/MqttClient++");
 // Empty, with the reason logged, where `text` is no JSON object.
 Poco::JSON::Object::Ptr parse(const std::string& text) {
     Poco::JSON::Object::Ptr object;
-    logExceptions(log, [&] {
-        object = Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>();
-    });
+    logExceptions(
+        log, [&] { object = Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>(); });
     if (!object) log.error("json msg is empty");
     return object;
 }
@@ -45,23 +44,19 @@ Delivery::Delivery(Messaging& messaging, std::shared_ptr<const Subscriptions> su
       _bytes(_message.bytes() + sizeof(Delivery)) {}
 
 bool Delivery::tryHandOut() {
-    if (!_messaging.hasPlace()) return false;
     prepare();
-    if (!_handler) return true;
-    try {
-        submit();
-        return true;
-    } catch (const std::exception&) {
-        return false;  // handOut() finds the same and says so
-    }
+    bool done = !_handler;
+    if (!done) logExceptions(log, [&] { done = _messaging.handlers().tryStart(task()); });
+    return done;
 }
 
 void Delivery::handOut() {
     prepare();
     if (!_handler) return;
     try {
-        _messaging.awaitPlace();
-        submit();
+        std::function<void()> handling = task();
+        // The refusal is the pool's to log.
+        if (!_messaging.handle(handling)) _messaging.handlers().start(handling);
     } catch (const Poco::NoThreadAvailableException& exc) {
         log.error(exc);
         ++messagingCounters().handledInline;
@@ -94,8 +89,8 @@ void Delivery::choose() {
     if (_handler && _handler->raw) _object.reset();
 }
 
-void Delivery::submit() {
-    _messaging.handlers().start([self = shared_from_this()] { self->run(); });
+std::function<void()> Delivery::task() {
+    return [self = shared_from_this()] { self->run(); };
 }
 
 void Delivery::run() {

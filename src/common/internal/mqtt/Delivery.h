@@ -2,6 +2,7 @@
 
 #include <Poco/JSON/Object.h>
 
+#include <functional>
 #include <memory>
 
 #include "Dispatcher.h"
@@ -25,7 +26,7 @@ public:
 private:
     void prepare();
     void choose();
-    void submit();
+    std::function<void()> task();
     void run();
     void callHandler();
 

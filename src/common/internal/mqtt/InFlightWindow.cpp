@@ -6,7 +6,7 @@ namespace kel {
 
 namespace {
 
-constexpr int kMostAtQos0 = 4;
+constexpr int kMostAtQos0 = 2;
 constexpr auto kPacePatience = std::chrono::milliseconds(10);
 constexpr auto kAskAgain = std::chrono::milliseconds(100);
 
@@ -48,7 +48,8 @@ std::optional<InFlightWindow::Session> InFlightWindow::take(const GiveUp& giveUp
 void InFlightWindow::sent(Session session, int token) {
     const std::lock_guard<std::mutex> lock(_mutex);
     if (session == _session && _taken > 0) --_taken;
-    if (_sent < static_cast<int>(_tokens.size())) _tokens[static_cast<std::size_t>(_sent++)] = token;
+    if (_sent < static_cast<int>(_tokens.size()))
+        _tokens[static_cast<std::size_t>(_sent++)] = token;
 }
 
 void InFlightWindow::giveBack(Session session) {

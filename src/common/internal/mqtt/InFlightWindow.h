@@ -39,7 +39,8 @@ public:
 
     /// For a message at QoS 0, which takes no place: between two acknowledgements a few of them go
     /// out at once, a further one waits for the next acknowledgement, 10 ms at the longest.
-    /// Otherwise they fill the way to the broker, and each acknowledgement comes behind all of them.
+    /// Otherwise they fill the way to the broker, and each acknowledgement comes behind all of
+    /// them.
     void pace();
 
     /// Gives back a place whose message was not sent; of an earlier session it counts for nothing.

@@ -1,9 +1,9 @@
 // Messaging.cpp - what all MQTT clients of the process share.
 //
 //   threads         run                                                 may wait
-//   handlers        message handlers                                    yes; 32 that do hold up the rest
-//   background      connects, their pauses, reconnections, subscribes   yes
-//   dispatcher      parsing, filters, inline handlers (one background   only in an inline handler
+//   handlers        message handlers                                    yes; 32 that do hold up the
+//   rest background      connects, their pauses, reconnections, subscribes   yes dispatcher
+//   parsing, filters, inline handlers (one background   only in an inline handler
 //                   thread for good)
 //
 // There is one Messaging from a start to the next stop. Stopped ones are kept, since their last
@@ -12,7 +12,7 @@
 #include "Messaging.h"
 
 #include <mutex>
-#include <thread>
+#include <utility>
 #include <vector>
 
 #include "../log/UnitLog.h"
@@ -99,20 +99,12 @@ void Messaging::stop() {
     if (_handlers) _handlers->stop();
 }
 
-bool Messaging::hasPlace() {
-    return _handlers->pendingTasks() < static_cast<std::size_t>(_handlers->capacity());
-}
-
-void Messaging::awaitPlace() {
-    const auto until = std::chrono::steady_clock::now() + kPatienceWithPool;
-    while (!hasPlace()) {
-        if (_exhausted || std::chrono::steady_clock::now() >= until) {
-            _exhausted = true;
-            return;
-        }
-        std::this_thread::sleep_for(std::chrono::microseconds(100));
-    }
-    _exhausted = false;
+bool Messaging::handle(std::function<void()>& task) {
+    using std::chrono::milliseconds;
+    const milliseconds patience = _exhausted ? milliseconds::zero() : kPatienceWithPool;
+    const bool taken = _handlers->tryStart(std::move(task), patience);
+    _exhausted = !taken;
+    return taken;
 }
 
 MessagingCounters& messagingCounters() {

@@ -30,13 +30,11 @@ public:
     /// The documented pool of 1 to 32 threads.
     ThreadPool& handlers() { return *_handlers; }
 
-    /// Whether a task would find a free place among the handlers.
-    bool hasPlace();
-
-    /// Waits a few milliseconds for one: tiny handlers finish in microseconds, yet a burst of
-    /// messages finds all threads taken. Not again after a wait in vain until one has become free.
-    /// For the dispatching thread.
-    void awaitPlace();
+    /// Hands `task` to the handlers, waiting a few milliseconds for a place: tiny handlers finish
+    /// in microseconds, yet a burst of messages finds all threads taken. After a wait in vain there
+    /// is none until a place has been found again. For the dispatching thread.
+    /// @return false, with `task` as it was, if there is no place.
+    bool handle(std::function<void()>& task);
 
     Dispatcher& dispatcher() { return _dispatcher; }
 
