@@ -296,8 +296,8 @@ std::optional<int> MqttClient::Impl::connectOnce(Messaging& messaging, bool agai
 
 // Without a lock: this may take a while.
 void MqttClient::Impl::sayWhy(int rc) {
-    log.information(format("no connection to %s: %s", options.address,
-                           connectFailureInWords(options, rc)));
+    log.information(
+        format("no connection to %s: %s", options.address, connectFailureInWords(options, rc)));
 }
 
 int MqttClient::Impl::attempt() {

@@ -21,8 +21,8 @@ struct ConnectOptions {
     std::chrono::seconds retryInterval{30};  // after which an unacknowledged message is sent again
 };
 
-/// `options` as they are. Throws Poco::InvalidArgumentException, naming the member, where the library
-/// or a broker would not take them.
+/// `options` as they are. Throws Poco::InvalidArgumentException, naming the member, where the
+/// library or a broker would not take them.
 MqttOptions checked(MqttOptions options);
 
 /// The library's form of options, which must outlive it.
