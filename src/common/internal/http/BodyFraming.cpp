@@ -10,8 +10,8 @@ namespace kel {
 
 namespace {
 
-constexpr std::size_t kMaxSizeDigits = 7;    // chunks of up to 256 MiB
-constexpr std::size_t kMaxSizeLine = 256;    // with its extensions
+constexpr std::size_t kMaxSizeDigits = 7;   // chunks of up to 256 MiB
+constexpr std::size_t kMaxSizeLine = 256;   // with its extensions
 constexpr std::size_t kReadAhead = 1 << 14;  // where a chunked body's end is not known
 
 [[noreturn]] void refuse(const char* why) {

@@ -182,8 +182,7 @@ int GuardedSocket::awaitBody(char* buffer, int length) {
 int GuardedSocket::receiveBlock(char* buffer, int length, const Patience& patience) {
     while (_answering || !_state->stopping) {
         if (over(patience)) throw Poco::TimeoutException();
-        if (_inner.secure())
-            _cutOff = (patience.since + patience.normally).time_since_epoch().count();
+        if (_inner.secure()) _cutOff = (patience.since + patience.normally).time_since_epoch().count();
         int received = -1;  // TLS: a slice has passed
         try {
             received = _inner.receiveBytes(buffer, length);

@@ -103,7 +103,7 @@ private:
 
     // The connection's own thread only.
     Poco::Timespan _receiveTimeout{60, 0};
-    std::string _buffer;  // received and not yet handed out, from _begin on
+    std::string _buffer;     // received and not yet handed out, from _begin on
     std::size_t _begin = 0;
     std::size_t _headEnd = 0;  // of the present request, in _buffer
     BodyFraming _framing;

@@ -119,7 +119,8 @@ std::ostream& Reply::send() {
 void Reply::sendFile(const std::string& path, const std::string& mediaType) {
     const Poco::File file(path);
     set("Last-Modified",
-        Poco::DateTimeFormatter::format(file.getLastModified(), Poco::DateTimeFormat::HTTP_FORMAT));
+        Poco::DateTimeFormatter::format(file.getLastModified(),
+                                        Poco::DateTimeFormat::HTTP_FORMAT));
     setContentLength64(static_cast<Poco::Int64>(file.getSize()));
     setContentType(mediaType);
     setChunkedTransferEncoding(false);
