@@ -151,8 +151,8 @@ void setUp() {
     pipeline().useFile(setup().filePath);
 }
 
-// Without its directory no file can be opened, at any time: that is the host's to know. Anything
-// else may heal, and the console has been told.
+// Without its directory no file can ever be opened, so the host has to know. Any other fault may
+// pass, and has been reported on the console.
 void throwIfNoDirectory() {
     if (pipeline().awaitFile() == LogPipeline::FileState::kRefused) {
         createLogDirectory(logDirectory());
@@ -178,7 +178,7 @@ ChannelPtr pocoChannels(const LogPipeline::Outputs& working, const std::string& 
     return new Poco::FormattingChannel(formatter, splitter);
 }
 
-// Whoever is in the pipeline just now still gets its line through.
+// A thread that is inside the pipeline at this moment still gets its line through.
 void leaveToPoco() {
     const std::lock_guard<std::mutex> noSetup(setup().mutex);
     if (setup().filePath.empty()) return;

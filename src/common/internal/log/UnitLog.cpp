@@ -8,14 +8,18 @@
 #include <atomic>
 
 #include "../process/NeverDestroyed.h"
+#include "../process/PublishedText.h"
 
 namespace kel {
 
 namespace {
 
 std::atomic<bool> ended{false};
-// Earlier names are never freed, because somebody may still read them. There is one in practice.
-std::atomic<const std::string*> currentName{nullptr};
+
+PublishedText& publishedName() {
+    static NeverDestroyed<PublishedText> name;
+    return *name;
+}
 
 bool isControl(unsigned char c) {
     return c < 0x20 || c == 0x7F;
@@ -95,13 +99,11 @@ bool UnitLog::informationEnabled() const noexcept {
 }
 
 const std::string& loggerName() noexcept {
-    static NeverDestroyed<std::string> none;
-    const std::string* name = currentName;
-    return name ? *name : *none;
+    return publishedName().get();
 }
 
 void setLoggerName(const std::string& name) {
-    if (loggerName() != name) currentName = new std::string(name);
+    publishedName().set(name);
 }
 
 std::string withoutControls(const std::string& text) {

@@ -305,8 +305,8 @@ void useSessions(Context& context, const Settings& settings) {
         context.setSessionCacheSize(static_cast<std::size_t>(*settings.sessionCacheSize));
     }
     if (settings.sessionTimeout) context.setSessionTimeout(*settings.sessionTimeout);
-        // Clients that just close an idle connection are the rule.
 #ifdef SSL_OP_IGNORE_UNEXPECTED_EOF
+    // Most clients close an idle connection without a last record.
     SSL_CTX_set_options(context.sslContext(), SSL_OP_IGNORE_UNEXPECTED_EOF);
 #endif
 }
