@@ -81,7 +81,7 @@ struct Pipeline : ::testing::Test {
         fs::create_directories(fs::path(_file).parent_path());
     }
     ~Pipeline() override {
-        if (_pipeline) _pipeline->end();
+        if (_pipeline) _pipeline->stop();
         ::dup2(_savedConsole, STDERR_FILENO);
     }
 
@@ -263,7 +263,7 @@ TEST_F(Pipeline, GivesUpAFileThatHangsWhileTheConsoleGoesOn) {
         readUntil("line " + std::to_string(500 * setUps + 499));
         _pipeline->useFile(_file);
     }
-    _pipeline->end();
+    _pipeline->stop();
     EXPECT_FALSE(_pipeline->working().file);
 }
 
@@ -271,7 +271,7 @@ TEST_F(Pipeline, GivesASlowConsoleEveryLineBeforeItEnds) {
     start(std::chrono::seconds(20));
     std::thread host([&] {
         log(20000);
-        _pipeline->end();
+        _pipeline->stop();
     });
     const auto text = readUntil("line 19999 of many", std::chrono::microseconds(500));
     host.join();

@@ -83,7 +83,7 @@ struct AtProcessEnd {
     ~AtProcessEnd() {
         ending = true;
         if (platform::canJoinAtExit()) stopLibrary();
-        endLogging();
+        stopLogging();
     }
 } atProcessEnd;
 

@@ -182,7 +182,7 @@ ChannelPtr pocoChannels(const LogPipeline::Outputs& working, const std::string& 
 void leaveToPoco() {
     const std::lock_guard<std::mutex> noSetup(setup().mutex);
     if (setup().filePath.empty()) return;
-    pipeline().end();
+    pipeline().stop();
     const ChannelPtr successor = pocoChannels(pipeline().working(), setup().filePath);
     pipeline().handOver(successor);
     exchangeChannel(successor,
@@ -286,7 +286,7 @@ void deleteLogger() {
     const std::lock_guard<std::mutex> lock(instance().mutex);
     if (!instance().impl) return;
     instance().impl.reset();
-    pipeline().end();
+    pipeline().stop();
     if (!quiet()) platform::printLine("LoggerImpl instance destroyed", kOutputPatience);
 }
 

@@ -344,7 +344,7 @@ void LogPipeline::awaitOutputs(Lock& lock) {
     }
 }
 
-void LogPipeline::end() {
+void LogPipeline::stop() {
     Lock lock(_mutex);
     if (!_running || _closing) return;
     _closing = true;

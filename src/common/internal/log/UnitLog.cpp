@@ -14,7 +14,7 @@ namespace kel {
 
 namespace {
 
-std::atomic<bool> ended{false};
+std::atomic<bool> stopped{false};
 
 PublishedText& publishedName() {
     static NeverDestroyed<PublishedText> name;
@@ -53,7 +53,7 @@ std::string escapeOf(unsigned char c) {
 
 void write(const char* file, int line, Poco::Message::Priority priority,
            const std::string& text) noexcept {
-    if (ended) return;
+    if (stopped) return;
     try {
         Poco::Logger& logger = Poco::Logger::get(loggerName());
         if (logger.getLevel() < priority) return;
@@ -90,7 +90,7 @@ void UnitLog::information(const std::string& text, int line) const noexcept {
 }
 
 bool UnitLog::informationEnabled() const noexcept {
-    if (ended) return false;
+    if (stopped) return false;
     try {
         return Poco::Logger::get(loggerName()).information();
     } catch (...) {
@@ -122,8 +122,8 @@ std::string withoutControls(const std::string& text) {
     return escaped;
 }
 
-void endLogging() noexcept {
-    ended = true;
+void stopLogging() noexcept {
+    stopped = true;
 }
 
 std::string exceptionText(const std::exception& exc) {

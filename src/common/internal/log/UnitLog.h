@@ -35,7 +35,7 @@ std::string withoutControls(const std::string& text);
 
 /// From this call on nothing is logged, because POCO's own static objects are about to be destroyed
 /// while threads of the host may still be running and logging.
-void endLogging() noexcept;
+void stopLogging() noexcept;
 
 /// displayText() of a POCO exception, what() of any other.
 std::string exceptionText(const std::exception& exc);
