@@ -7,6 +7,7 @@
 #include <Poco/String.h>
 #include <Poco/StringTokenizer.h>
 
+#include "../../Config.h"
 #include "../log/UnitLog.h"
 #include "../platform/Paths.h"
 #include "ShippedDefaults.h"
@@ -15,7 +16,6 @@ namespace kel::tls {
 
 using Poco::format;
 using Poco::Net::Context;
-using Poco::Util::AbstractConfiguration;
 
 namespace {
 
@@ -33,33 +33,33 @@ class Reader {
     }
 
     // The two references that the defaults contain have a meaning also where the host gives none.
-    std::string expanded(std::string value) const {
-        const auto fillIn = [&](const std::string& key, const std::string& meaning) {
-            if (!_config.has(key)) Poco::replaceInPlace(value, "${" + key + "}", meaning);
+    static std::string expanded(std::string value) {
+        const auto fillIn = [&value](const std::string& key, const std::string& meaning) {
+            if (!configInstance().has(key)) Poco::replaceInPlace(value, "${" + key + "}", meaning);
         };
         fillIn("application.configDir",
                paths::applicationDirectory(Poco::Path::configHome()).toString());
         fillIn("application.name", paths::executable().getBaseName());
-        return _config.expand(value);
+        return configInstance().expand(value);
     }
 
 public:
-    Reader(const AbstractConfiguration& config, std::string prefix)
-        : _config(config), _prefix(std::move(prefix)) {}
+    explicit Reader(std::string prefix) : _prefix(std::move(prefix)) {}
 
-    bool has(const std::string& name) const { return _config.has(_prefix + name); }
+    bool has(const std::string& name) const { return configInstance().has(_prefix + name); }
 
     std::string text(const std::string& name, const std::string& otherwise = "") const {
-        return naming(name,
-                      [&] { return expanded(_config.getRawString(_prefix + name, otherwise)); });
+        return naming(name, [&] {
+            return expanded(configInstance().getRawString(_prefix + name, otherwise));
+        });
     }
 
     int number(const std::string& name, int otherwise) const {
-        return naming(name, [&] { return _config.getInt(_prefix + name, otherwise); });
+        return naming(name, [&] { return configInstance().getInt(_prefix + name, otherwise); });
     }
 
     bool flag(const std::string& name, bool otherwise) const {
-        return naming(name, [&] { return _config.getBool(_prefix + name, otherwise); });
+        return naming(name, [&] { return configInstance().getBool(_prefix + name, otherwise); });
     }
 
     std::optional<int> optionalNumber(const std::string& name) const {
@@ -74,7 +74,6 @@ public:
     const std::string& prefix() const { return _prefix; }
 
 private:
-    const AbstractConfiguration& _config;
     const std::string _prefix;
 };
 
@@ -129,8 +128,8 @@ Settings commonSettings(const Reader& read, bool server) {
 
 }  // namespace
 
-Settings serverSettings(const AbstractConfiguration& config) {
-    const Reader read(config, "openSSL.server.");
+Settings serverSettings() {
+    const Reader read("openSSL.server.");
     Settings settings = commonSettings(read, true);
     if (settings.keyFile.empty()) read.refuse("privateKeyFile", "is not set");
     settings.systemAuthorities = read.flag("loadDefaultCAFile", true);
@@ -143,8 +142,8 @@ Settings serverSettings(const AbstractConfiguration& config) {
     return settings;
 }
 
-Settings clientSettings(const AbstractConfiguration& config) {
-    const Reader read(config, "openSSL.client.");
+Settings clientSettings() {
+    const Reader read("openSSL.client.");
     Settings settings = commonSettings(read, false);
     settings.systemAuthorities = read.flag("loadDefaultCAFile", settings.authorities.empty());
     settings.verification = verificationMode(read, "strict");

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <Poco/Net/Context.h>
-#include <Poco/Util/AbstractConfiguration.h>
 
 #include <optional>
 #include <string>
@@ -45,14 +44,14 @@ struct Settings {
     bool operator==(const Settings&) const = default;
 };
 
-/// "openSSL.server.*" of `config`, as POCO's SSL manager reads them, and "crlFile".
+/// "openSSL.server.*" of the configuration, as POCO's SSL manager reads them, and "crlFile".
 /// @throws Poco::InvalidArgumentException  a value that cannot be used; the text names the key.
-Settings serverSettings(const Poco::Util::AbstractConfiguration& config);
+Settings serverSettings();
 
 /// "openSSL.client.*", all of them optional. Unlike POCO's manager: the server's name is checked
 /// unless "extendedVerification" is false, and the system's authorities are trusted beside those of
 /// "caConfig" only where "loadDefaultCAFile" says so.
-Settings clientSettings(const Poco::Util::AbstractConfiguration& config);
+Settings clientSettings();
 
 /// An MQTT connection's.
 Settings mqttSettings(const MqttSecurity& security);

@@ -36,7 +36,7 @@ Timespan timeUntil(Clock::time_point deadline) {
 Connection::Connection(Plain plain, Context::Ptr context)
     : SecureStreamSocketImpl(plain.get(), std::move(context)), _plain(std::move(plain)) {}
 
-// Closing sends the peer a last record, and must not wait for a peer that takes nothing.
+// Closing says good-bye to the peer. It must not wait for one that takes nothing.
 Connection::~Connection() {
     if (_plain->initialized()) logExceptions(log, [&] { _plain->setBlocking(false); });
 }

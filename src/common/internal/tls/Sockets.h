@@ -15,12 +15,11 @@ namespace kel::tls {
 /// The longest that a handshake may take, however slowly the peer sends.
 inline constexpr std::chrono::seconds kHandshakeTime(10);
 
-/// One end of a TLS connection: POCO's, with its faults in the releases in use mended. Threads: one
-/// at a time; shutdown() any.
+/// One end of a TLS connection: POCO's, but for what it gets wrong in the releases in use. Used by
+/// one thread at a time; shutdown() by any.
 class Connection : public Poco::Net::SecureStreamSocketImpl {
 public:
-    /// As POCO's, but also true where the last record held more than was asked for: the system does
-    /// not know of those bytes.
+    /// Also when the last record held more than was asked for, which the system knows nothing of.
     bool poll(const Poco::Timespan& timeout, int mode) override;
 
     /// Cuts the connection off at once, while another thread uses it: nothing but the TCP
@@ -37,8 +36,9 @@ protected:
     ~Connection() override;
 
     /// Completes the handshake within kHandshakeTime.
-    /// @throws Poco::Net::SSLException  the reason in words, also for a time-out: callers that wait
-    ///         in slices would take a Poco::TimeoutException for the end of a slice.
+    /// @throws Poco::Net::SSLException  the reason in words. Not a time-out, which callers that
+    /// wait
+    ///         in slices would take for the end of one.
     void shakeHands(const std::string& peer);
 
     Poco::Net::StreamSocketImpl& plain() { return *_plain; }
@@ -49,7 +49,7 @@ private:
     Plain _plain;
 };
 
-/// A client's end. connect() returns after the handshake.
+/// A client's. connect() returns after the handshake.
 class ClientConnection : public Connection {
 public:
     ClientConnection(Poco::Net::Context::Ptr context, const std::string& host);
@@ -65,7 +65,7 @@ private:
     const std::string _host;
 };
 
-/// A server's end. The first read or write makes the handshake.
+/// A server's. The first read or write makes the handshake.
 class ServedConnection : public Connection {
 public:
     ServedConnection(Plain plain, Poco::Net::Context::Ptr context, std::string peer);
@@ -80,7 +80,7 @@ private:
     bool _ready = false;
 };
 
-/// A listening socket, which accepts without waiting for the handshake.
+/// Listens; accepts without waiting for the handshake.
 class SecureServerSocketImpl : public Poco::Net::ServerSocketImpl {
 public:
     explicit SecureServerSocketImpl(std::shared_ptr<RenewedContext> context);

@@ -9,7 +9,6 @@
 
 #include <mutex>
 
-#include "../../Config.h"
 #include "../../Tls.h"
 #include "../mqtt/ServerUri.h"
 #include "Context.h"
@@ -27,7 +26,7 @@ struct SecureServerSocket : Poco::Net::ServerSocket {
 
 tls::Settings announcedServerSettings() {
     tls::prepare();
-    tls::Settings settings = tls::serverSettings(configInstance());
+    tls::Settings settings = tls::serverSettings();
     tls::warnOfUnsafe(settings);
     return settings;
 }
@@ -68,8 +67,8 @@ Poco::Net::StreamSocket connectedTo(const Poco::Net::Context::Ptr& context, cons
 }
 
 // Threads of this library and of the MQTT library may still be speaking TLS when OpenSSL's own
-// clean-up runs at exit, which would free what they use. OpenSSL has to be told before anybody in
-// the process uses it, hence when the library is loaded.
+// clean-up runs at exit; it must not take the ground from under them. This has to be said before
+// anybody in the process uses OpenSSL, hence when the library is loaded.
 [[maybe_unused]] const int withoutCleanUp = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 
 }  // namespace
@@ -87,8 +86,7 @@ void prepare() {
 
 Poco::Net::StreamSocket clientSocket(const std::string& host) {
     prepare();
-    const auto context = makeContext(clientSettings(configInstance()), host);
-    return Poco::Net::StreamSocket(new ClientConnection(context, host));
+    return Poco::Net::StreamSocket(new ClientConnection(makeContext(clientSettings(), host), host));
 }
 
 std::string explainFailure(const MqttSecurity& security, const std::string& host,
