@@ -86,7 +86,7 @@ public:
 };
 
 LineBlockPtr gapLine(std::uint64_t lines, const char* reason) {
-    const std::string name = loggerName();
+    const std::string& name = loggerName();
     const std::string text = std::to_string(lines) + " lines were dropped: " + reason;
     auto block = std::make_shared<LineBlock>();
     const Poco::Message message(name, text, Poco::Message::PRIO_WARNING, "Logger", 0);

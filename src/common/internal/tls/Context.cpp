@@ -115,7 +115,7 @@ int givePassphrase(char* buffer, int size, int, void* context) {
     auto& passphrase = *static_cast<Passphrase*>(context);
     passphrase.asked = true;
     if (passphrase.text.size() > static_cast<std::size_t>(size)) return -1;
-    std::memcpy(buffer, passphrase.text.data(), passphrase.text.size());
+    passphrase.text.copy(buffer, passphrase.text.size());
     return static_cast<int>(passphrase.text.size());
 }
 
@@ -205,7 +205,7 @@ public:
         const std::lock_guard<std::mutex> lock(_mutex);
         const auto known = _stores.find(key);
         if (known != _stores.end()) return known->second;
-        const auto store = readStore(settings);
+        auto store = readStore(settings);
         if (_stores.size() == kMost) _stores.clear();
         _stores.emplace(key, store);
         return store;
@@ -219,7 +219,7 @@ private:
     }
 
     static std::shared_ptr<X509_STORE> readStore(const Settings& settings) {
-        const std::shared_ptr<X509_STORE> store(X509_STORE_new(), X509_STORE_free);
+        std::shared_ptr<X509_STORE> store(X509_STORE_new(), X509_STORE_free);
         if (!store) throw std::bad_alloc();
         addAuthorities(store.get(), settings);
         addRevocations(store.get(), settings);

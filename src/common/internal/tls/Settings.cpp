@@ -14,7 +14,6 @@
 
 namespace kel::tls {
 
-using Poco::format;
 using Poco::Net::Context;
 
 namespace {
@@ -88,7 +87,7 @@ Context::VerificationMode verificationMode(const Reader& read, const std::string
 
 // A service has nobody at its console who could be asked.
 std::string handler(const Reader& read, const std::string& key, const std::string& otherwise) {
-    const std::string name = read.text(key, otherwise);
+    std::string name = read.text(key, otherwise);
     if (name == "KeyConsoleHandler" || name == "ConsoleCertificateHandler") {
         read.refuse(key, name + " asks a person at a console; a service has none");
     }

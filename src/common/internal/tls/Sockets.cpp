@@ -14,7 +14,6 @@ namespace kel::tls {
 using Poco::Timespan;
 using Poco::Net::Context;
 using Poco::Net::SecureStreamSocket;
-using Poco::Net::SecureStreamSocketImpl;
 using Poco::Net::Socket;
 using Poco::Net::SocketAddress;
 using Poco::Net::SSLException;
@@ -142,9 +141,8 @@ SecureServerSocketImpl::SecureServerSocketImpl(std::shared_ptr<RenewedContext> c
     : _context(std::move(context)) {}
 
 Poco::Net::SocketImpl* SecureServerSocketImpl::acceptConnection(SocketAddress& peer) {
-    Poco::AutoPtr<SocketImpl> accepted(ServerSocketImpl::acceptConnection(peer));
-    const Poco::AutoPtr<StreamSocketImpl> plain(static_cast<StreamSocketImpl*>(accepted.get()),
-                                                true);
+    const Poco::AutoPtr<StreamSocketImpl> plain(
+        static_cast<StreamSocketImpl*>(ServerSocketImpl::acceptConnection(peer)));
     return new ServedConnection(plain, _context->current(), peer.toString());
 }
 
