@@ -1,6 +1,7 @@
 #include <Poco/Net/HTMLForm.h>
 #include <Poco/StreamCopier.h>
 #include <common/HttpClient.h>
+#include <common/ThreadPool.h>
 #include <gtest/gtest.h>
 
 #include "Await.h"

@@ -3,6 +3,7 @@
 #include <Poco/PipeStream.h>
 #include <Poco/Process.h>
 #include <common/Config.h>
+#include <common/ThreadPool.h>
 #include <common/WebHookBasic.h>
 #include <gtest/gtest.h>
 
