@@ -15,8 +15,8 @@ const std::string kMask = "***";
 
 // Rather one too many: what a log does not show can be looked up elsewhere.
 bool looksSecret(const std::string& encodedName) {
-    static constexpr std::array<const char*, 9> kParts = {
-        "secret", "pass", "pwd", "token", "key", "auth", "cred", "sign", "session"};
+    static constexpr std::array<const char*, 9> kParts = {"secret", "pass", "pwd",  "token",  "key",
+                                                          "auth",   "cred", "sign", "session"};
     std::string name;
     try {
         Poco::URI::decode(encodedName, name);
@@ -24,9 +24,8 @@ bool looksSecret(const std::string& encodedName) {
         return true;
     }
     Poco::toLowerInPlace(name);
-    return std::any_of(kParts.begin(), kParts.end(), [&](const char* part) {
-        return name.find(part) != std::string::npos;
-    });
+    return std::any_of(kParts.begin(), kParts.end(),
+                       [&](const char* part) { return name.find(part) != std::string::npos; });
 }
 
 // "name=value", or what stands in its place.
