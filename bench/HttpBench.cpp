@@ -154,9 +154,8 @@ void serve(const bench::Rounds& rounds) {
                      "the replies differ: " + replyOf(ours.socket, path));
         for (const int connections : {1, 8, 64}) {
             const auto ask = [connections](const std::string& url) {
-                return bench::Job([=] {
-                    return std::vector<double>{requestsPerSecond(url, connections)};
-                });
+                return bench::Job(
+                    [=] { return std::vector<double>{requestsPerSecond(url, connections)}; });
             };
             rounds.contest(title + ", " + std::to_string(connections) + " connections",
                            {"requests/s"}, ask(urlOf(ours.socket, path)),
@@ -222,9 +221,10 @@ std::vector<double> getBySessions(const Poco::Net::SocketAddress& address) {
 void request(const bench::Rounds& rounds) {
     BareServer server;
     const auto address = server.socket.address();
-    rounds.contest("GETs, 8 at a time, a connection each", {"requests/s"},
-                   [&] { return getByClient(urlOf(server.socket, "/json")); },
-                   {{"HTTPClientSession on 8 threads", [&] { return getBySessions(address); }, 1.0}});
+    rounds.contest(
+        "GETs, 8 at a time, a connection each", {"requests/s"},
+        [&] { return getByClient(urlOf(server.socket, "/json")); },
+        {{"HTTPClientSession on 8 threads", [&] { return getBySessions(address); }, 1.0}});
 }
 
 }  // namespace

@@ -92,24 +92,6 @@ TEST(HttpClient, HandsRepliesOnAsTheyCameAndMakesOneLineAndOne400OfEachFailure) 
     EXPECT_EQ(1u, live.awaitRequests(1).size()) << "a refused request reached the server";
 }
 
-TEST(HttpClient, MayGoWhileItsRequestsRunOfWhichThePoolTakesSoMany) {
-    std::promise<void> release;
-    ScriptedServer server([released = release.get_future().share()](RawClient& peer) {
-        released.wait();
-        peer.send(kOk);
-    });
-    auto client = kel::HttpClient::createInstance();
-    std::atomic<int> answered{0};
-    const auto count = [&](auto status, std::istream&) { answered += status; };
-    for (int i = 0; i < 32; ++i) client->doHttpRequest(server.url(), count);
-    EXPECT_THROW(client->doHttpRequest(server.url(), count), Poco::NoThreadAvailableException);
-    EXPECT_EQ(32u, server.awaitRequests(32).size());
-    client.reset();
-    release.set_value();
-    kel::ThreadPool::defaultPool().stop();  // waits for all that was sent
-    EXPECT_EQ(32 * 200, answered);
-}
-
 TEST(HttpClient, ShowsNoSecretsOfAUrlInTheLog) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"http://h/p?a=1&secret=x&b=2#f", "http://h/p?a=1&secret=***&b=2#f"},
@@ -142,4 +124,22 @@ TEST(HttpClient, IsCutOffByAStopOfTheLibraryAndBeginsAnewAfterwards) {
         EXPECT_EQ(400, status.get_future().get());
         EXPECT_EQ("200 hi", ask(live.url()));
     }
+}
+
+TEST(HttpClient, MayGoWhileItsRequestsRunOfWhichThePoolTakesSoMany) {
+    std::promise<void> release;
+    ScriptedServer server([released = release.get_future().share()](RawClient& peer) {
+        released.wait();
+        peer.send(kOk);
+    });
+    auto client = kel::HttpClient::createInstance();
+    std::atomic<int> answered{0};
+    const auto count = [&](auto status, std::istream&) { answered += status; };
+    for (int i = 0; i < 32; ++i) client->doHttpRequest(server.url(), count);
+    EXPECT_THROW(client->doHttpRequest(server.url(), count), Poco::NoThreadAvailableException);
+    EXPECT_EQ(32u, server.awaitRequests(32).size());
+    client.reset();
+    release.set_value();
+    kel::ThreadPool::defaultPool().stop();  // waits for all that was sent
+    EXPECT_EQ(32 * 200, answered);
 }
