@@ -36,6 +36,14 @@ WebApiBasic::ApiParams queryParameters(const Poco::URI& uri) {
     return params;
 }
 
+// With its length, so that the connection can take another request.
+void sendStandardReply(HTTPServerResponse& response, const std::string& text) {
+    if (!response.getChunkedTransferEncoding()) {
+        response.setContentLength64(static_cast<Poco::Int64>(text.size()));
+    }
+    response.send() << text;
+}
+
 void prepareJsonReply(HTTPServerResponse& response) {
     response.setChunkedTransferEncoding(true);
     response.setContentType("application/json");
@@ -65,15 +73,16 @@ WebApiBasic::WebApiBasic() = default;
 WebApiBasic::~WebApiBasic() = default;
 
 void WebApiBasic::apiNotFound(HTTPServerResponse& response) {
-    response.send() << R"({"code": -1, "msg": "api not found"})";
+    sendStandardReply(response, R"({"code": -1, "msg": "api not found"})");
 }
 
 void WebApiBasic::apiSuccess(HTTPServerResponse& response) {
-    response.send() << R"({"code": 0, "msg": "success"})";
+    sendStandardReply(response, R"({"code": 0, "msg": "success"})");
 }
 
 void WebApiBasic::bodyNotFound(HTTPServerResponse& response) {
-    response.send() << R"({"code": -1, "msg": "body not found or cannot be resolved to json"})";
+    sendStandardReply(response,
+                      R"({"code": -1, "msg": "body not found or cannot be resolved to json"})");
 }
 
 // What both JSON shapes do; `body` is the object of the one that takes it.
@@ -127,7 +136,8 @@ void WebApiBasic::start(const Poco::Net::ServerSocket& socket) {
     const std::lock_guard<std::mutex> lifecycle(_lifecycle_mutex);
     {
         const std::lock_guard<std::mutex> lock(_mutex);
-        if (_server) throw Poco::LogicException();
+        // One that stopLibrary() has stopped is none any more.
+        if (_server && _server->running()) throw Poco::LogicException();
     }
     const auto noReply = [](HTTPServerRequest&, HTTPServerResponse&, const ApiParams&) {};
     formerRoot = store("/", noReply);

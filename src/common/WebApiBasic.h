@@ -56,9 +56,8 @@ public:
                            const ApiParams&, Poco::JSON::Object& result)>;
 
     /// As ApiJsonHandler, with the request's body. It is not called for a body that is no JSON
-    /// object, nested deeper than 128 levels or longer than 8 MiB: that is logged, and the client
-    /// gets status 500. A request without a length (neither Content-Length nor chunked) has an
-    /// empty body.
+    /// object or exceeds a limit of HttpLimits: that is logged, and the client gets status 500. A
+    /// request without a length (neither Content-Length nor chunked) has an empty body.
     using ApiJsonBodyHandler = std::function<void(
         Poco::Net::HTTPServerRequest&, Poco::Net::HTTPServerResponse&, const ApiParams&,
         Poco::JSON::Object& result, const Poco::JSON::Object& body)>;
@@ -85,12 +84,9 @@ public:
     /// Serves the registered routes on `socket`, and the two built-in ones "/" and
     /// "/index/api/getApiList", which send no reply unless the host registers its own afterwards.
     ///
-    /// The server runs with POCO's default parameters: 16 connections are served at a time (the
-    /// capacity of Poco::ThreadPool::defaultPool()), 64 more wait, further ones are closed at once.
-    /// A connection holds its thread while it is open: up to 60 s before its first request, 15 s
-    /// between requests, and without bound while a body comes in slowly. New clients are turned
-    /// away meanwhile; those already served are not slowed down. Where strangers can reach the
-    /// port, put a proxy that limits connections in front.
+    /// The server runs with POCO's default parameters: 16 connections are served at a time, 64 more
+    /// wait, further ones are answered with status 503. HttpServer says how connections and
+    /// requests are checked, HttpLimits what one client may cost.
     /// @throws Poco::LogicException  it is serving already; nothing changes.
     void start(const Poco::Net::ServerSocket& socket);
 

@@ -8,6 +8,8 @@
 
 #include <Poco/ThreadPool.h>
 
+#include <algorithm>
+#include <iterator>
 #include <mutex>
 #include <set>
 
@@ -110,7 +112,7 @@ void WebHookBasic::reportServerKeepalive() {
     if (!registered || timers().stopped) return;
     timers().hooks.insert(this);
     _timer = nullptr;  // ends a tick in progress
-    _report.reset();
+    for (auto& report : _reports) report.reset();
     _timer = new Poco::Timer(0, kKeepalivePeriod);
     _timer->start(Poco::TimerCallback<WebHookBasic>(*this, &WebHookBasic::onTimer), timerPool());
 }
@@ -122,14 +124,18 @@ void WebHookBasic::doHttpRequest(std::string url, Callback callback) {
         });
 }
 
-// A peer that drips its reply holds a thread for as long as it likes: one, not one more each time.
+// A peer that drips its reply holds a thread for as long as it likes: two, not one more each time.
+// With one only, an endpoint that answers after 10 s would get every second report.
 // What this throws ends in POCO's timer, which carries on; the pool has logged a refused request.
 void WebHookBasic::onTimer(Poco::Timer&) {
     static const bool enable = hookEnabled();
     static const std::string& url = *new std::string(startedUrl());
-    if (!enable || url.empty() || !_report.expired()) return;
+    if (!enable || url.empty()) return;
+    auto* const place = std::find_if(std::begin(_reports), std::end(_reports),
+                                     [](const auto& earlier) { return earlier.expired(); });
+    if (place == std::end(_reports)) return;
     const auto report = std::make_shared<char>();
-    _report = report;
+    *place = report;
     doHttpRequest(url, [report](auto, auto&) {});  // which keeps it until the request has ended
 }
 

@@ -45,8 +45,8 @@ public:
     void reportServerStarted();
 
     /// Sends a report at once and every 10 s from then on, until the hook is released. Another
-    /// call begins anew. A report is left out while the one before is still under way, or when
-    /// there is no free thread for it.
+    /// call begins anew. A report is left out while two earlier ones are still under way, or
+    /// when there is no free thread for it.
     /// @throws Poco::SyntaxException  "hook.enable" is neither true nor false.
     void reportServerKeepalive();
 
@@ -65,7 +65,7 @@ private:
 
     std::shared_ptr<HttpClient> _http_client;
     Poco::SharedPtr<Poco::Timer> _timer;
-    std::weak_ptr<void> _report;  // expires when the last keep-alive has ended
+    std::weak_ptr<void> _reports[2];  // each expires when its keep-alive has ended
 };
 
 }  // namespace kel

@@ -45,6 +45,7 @@
 #include "../log/UnitLog.h"
 #include "../platform/Platform.h"
 #include "../process/NeverDestroyed.h"
+#include "BrokerHost.h"
 #include "ConnectTurn.h"
 #include "Dispatcher.h"
 #include "Messaging.h"
@@ -66,6 +67,7 @@ constexpr auto kLookAgain = std::chrono::milliseconds(100);
 // The library waits 0.4 s for the receive thread that it begins.
 constexpr auto kThreadTooLate = std::chrono::milliseconds(350);
 constexpr auto kThreadSurelyRuns = std::chrono::milliseconds(1500);
+constexpr auto kPatienceWithPort = std::chrono::seconds(3);
 constexpr auto kPatienceAfterStop = std::chrono::seconds(3);
 
 // What msgarrvd tells the library.
@@ -360,7 +362,7 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
     if (!call) return MQTTCLIENT_DISCONNECTED;
     // A second connect on a connected handle would leave the first connection's socket behind.
     leaveSession();
-    MQTTClient_connectOptions form = libraryOptions(options);
+    LibraryOptions form(options);
     const std::lock_guard<std::mutex> answer(_answerMutex);
     {
         const std::lock_guard<std::mutex> lock(_mutex);
@@ -368,7 +370,7 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
         _connecting = std::this_thread::get_id();
         _lostElsewhere = false;
     }
-    const int rc = tryVersions(form);
+    const int rc = tryVersions(*form.get(), options.address);
     if (rc == 0) {
         logExceptions(log, [&] { platform::sendAtOnceTo(portOfServerUri(options.address)); });
     }
@@ -384,7 +386,10 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
 // MQTT 3.1.1, else 3.1. The library's default does the same, but makes the second attempt at once,
 // also where the first failed because the receive thread did not begin in time: it begins another
 // one then, and the two free each other's messages.
-int Connection::tryVersions(MQTTClient_connectOptions& form) {
+int Connection::tryVersions(MQTTClient_connectOptions& form, const std::string& address) {
+    if (platform::kRefusedConnectIsSlow && brokerPortRefuses(address, kPatienceWithPort)) {
+        return MQTTCLIENT_FAILURE;
+    }
     const auto begin = Clock::now();
     const auto deadline = begin + std::chrono::seconds(form.connectTimeout);
     form.MQTTVersion = MQTTVERSION_3_1_1;
