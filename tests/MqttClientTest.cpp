@@ -363,6 +363,14 @@ TEST_F(MqttClientTest, RetriesAsLongAsTheHostWants) {
     }
 }
 
+TEST_F(MqttClientTest, ConnectsToABrokerThatKnowsTheOldVersionAlone) {
+    const ScriptedBroker old(ScriptedBroker::Manner::kOld);
+    _address = old.address();
+    connected("edge-1");
+    EXPECT_EQ(1u, old.count(1, 1));
+    EXPECT_EQ(std::string("\0\6MQIsdp", 8), old.received(1, 2).at(0).body.substr(0, 8));
+}
+
 TEST_F(MqttClientTest, AnAddressTheLibraryRefusesIsReportedByEveryOperation) {
     const auto client = MqttClient::createInstance("carrier://pigeon", "", "", "");
     std::promise<int> result;

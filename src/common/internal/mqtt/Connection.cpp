@@ -45,6 +45,7 @@
 #include "../log/UnitLog.h"
 #include "../platform/Platform.h"
 #include "../process/NeverDestroyed.h"
+#include "BrokerHost.h"
 #include "ConnectTurn.h"
 #include "Dispatcher.h"
 #include "Messaging.h"
@@ -63,6 +64,10 @@ constexpr UnitLog log("src/common/MqttClient++");
 constexpr int kDisconnectTimeoutMs = 2000;
 constexpr auto kUnsure = std::chrono::seconds(1);
 constexpr auto kLookAgain = std::chrono::milliseconds(100);
+// The library waits 0.4 s for the receive thread that it begins.
+constexpr auto kThreadTooLate = std::chrono::milliseconds(350);
+constexpr auto kThreadSurelyRuns = std::chrono::milliseconds(1500);
+constexpr auto kPatienceWithPort = std::chrono::seconds(3);
 constexpr auto kPatienceAfterStop = std::chrono::seconds(3);
 
 // What msgarrvd tells the library.
@@ -365,7 +370,7 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
         _connecting = std::this_thread::get_id();
         _lostElsewhere = false;
     }
-    const int rc = MQTTClient_connect(_handle, form.get());
+    const int rc = tryVersions(*form.get(), options.address);
     if (rc == 0) {
         logExceptions(log, [&] { platform::sendAtOnceTo(portOfServerUri(options.address)); });
     }
@@ -375,6 +380,33 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
         _window.open();
         _up = true;
     }
+    return rc;
+}
+
+// MQTT 3.1.1, else 3.1. The library's default does the same, but makes the second attempt at once,
+// also where the first failed because the receive thread did not begin in time: it begins another
+// one then, and the two free each other's messages.
+int Connection::tryVersions(MQTTClient_connectOptions& form, const std::string& address) {
+    if (platform::kRefusedConnectIsSlow && brokerPortRefuses(address, kPatienceWithPort)) {
+        return MQTTCLIENT_FAILURE;
+    }
+    const auto begin = Clock::now();
+    const auto deadline = begin + std::chrono::seconds(form.connectTimeout);
+    form.MQTTVersion = MQTTVERSION_3_1_1;
+    int rc = MQTTClient_connect(_handle, &form);
+    const bool lateThread = Clock::now() - begin > kThreadTooLate;
+    if (rc == MQTTCLIENT_FAILURE && lateThread && Clock::now() < begin + kThreadSurelyRuns) {
+        std::this_thread::sleep_until(begin + kThreadSurelyRuns);
+        rc = MQTTClient_connect(_handle, &form);
+    }
+    const auto left = std::chrono::floor<std::chrono::seconds>(deadline - Clock::now());
+    if (rc != 0 && left.count() > 0) {
+        form.MQTTVersion = MQTTVERSION_3_1;
+        form.connectTimeout = static_cast<int>(left.count());
+        rc = MQTTClient_connect(_handle, &form);
+    }
+    // Ends the receive thread where it has nothing to do any more.
+    if (rc != 0) MQTTClient_disconnect(_handle, 0);
     return rc;
 }
 

@@ -89,6 +89,7 @@ private:
     Connection() = default;
 
     void setCallbacks();
+    int tryVersions(MQTTClient_connectOptions& form, const std::string& address);
     void silence();
     std::shared_ptr<ConnectionEvents> events() const;
     int endSession();

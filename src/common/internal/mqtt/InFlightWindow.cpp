@@ -60,14 +60,17 @@ void InFlightWindow::giveBack(Session session) {
 }
 
 bool InFlightWindow::delivered(int token) {
-    const std::lock_guard<std::mutex> lock(_mutex);
-    const auto end = _tokens.begin() + _sent;
-    const auto found = std::find(_tokens.begin(), end, token);
-    if (found == end) return false;
-    *found = *(end - 1);
-    --_sent;
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        const auto end = _tokens.begin() + _sent;
+        const auto found = std::find(_tokens.begin(), end, token);
+        if (found == end) return false;
+        *found = *(end - 1);
+        --_sent;
+        acknowledged();
+    }
+    // Without the lock, for which a publisher that wakes up would wait at once.
     _changed.notify_one();
-    acknowledged();
     return true;
 }
 

@@ -126,6 +126,7 @@ MessagingStatistics messagingStatistics() {
     if (Messaging* running = Messaging::running()) {
         snapshot.queued = running->dispatcher().depth();
         snapshot.queuedHighWater = running->dispatcher().highWater();
+        snapshot.queuedBytesHighWater = running->dispatcher().bytesHighWater();
         snapshot.handling = running->handlers().pendingTasks();
     }
     return snapshot;

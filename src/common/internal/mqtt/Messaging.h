@@ -82,9 +82,10 @@ struct MessagingStatistics {
     std::uint64_t refusedPublishes = 0;
     std::uint64_t handledInline = 0;
     std::uint64_t reconnections = 0;
-    std::size_t queued = 0;           // messages in the dispatcher's queue
-    std::size_t queuedHighWater = 0;  // the most there have been since the last start
-    std::size_t handling = 0;         // tasks on the handlers' pool
+    std::size_t queued = 0;                // messages in the dispatcher's queue
+    std::size_t queuedHighWater = 0;       // the most there have been since the last start
+    std::size_t queuedBytesHighWater = 0;  // likewise
+    std::size_t handling = 0;              // tasks on the handlers' pool
 };
 
 MessagingStatistics messagingStatistics();

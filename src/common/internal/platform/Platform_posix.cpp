@@ -504,6 +504,8 @@ void sendAtOnceTo(std::uint16_t port) {
     }
 }
 
+const bool kRefusedConnectIsSlow = false;
+
 bool canJoinAtExit() noexcept {
     return true;
 }

@@ -425,6 +425,8 @@ bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& r
 
 void sendAtOnceTo(std::uint16_t) {}
 
+const bool kRefusedConnectIsSlow = true;
+
 bool canJoinAtExit() noexcept {
     return false;
 }
