@@ -1,5 +1,5 @@
-// Recipes that the guide shows, in a host that runs: a route for one method, confirmations matched to
-// what was published, keys that an older file lacks, an orderly end on SIGTERM.
+// Recipes that the guide shows, in a host that runs: a route for one method, confirmations matched
+// to what was published, keys that an older file lacks, an orderly end on SIGTERM.
 #include <Poco/NumberParser.h>
 #include <common/Config.h>
 #include <common/Library.h>
