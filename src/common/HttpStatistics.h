@@ -15,9 +15,9 @@ struct HttpStatistics {
     std::uint64_t refused = 0;     ///< connections in excess, answered with status 503 and closed
     std::uint64_t requests = 0;    ///< handed to the callback, or refused for what was in them
     std::uint64_t status2xx = 0;   ///< replies by class of their status
-    std::uint64_t status3xx = 0;
-    std::uint64_t status4xx = 0;
-    std::uint64_t status5xx = 0;
+    std::uint64_t status3xx = 0;   ///< redirections
+    std::uint64_t status4xx = 0;   ///< what is wrong with the request
+    std::uint64_t status5xx = 0;   ///< what is wrong here
 };
 
 }  // namespace kel

@@ -11,13 +11,13 @@ namespace kel {
 
 /// A queue at one moment.
 struct QueueStatistics {
-    std::uint64_t depth = 0;
+    std::uint64_t depth = 0;      ///< what is in it
     std::uint64_t highWater = 0;  ///< the most there has been since the library was last started
 };
 
 /// Messages of all clients of the process, since it started.
 struct MqttStatistics {
-    using ByQos = std::array<std::uint64_t, 3>;
+    using ByQos = std::array<std::uint64_t, 3>;  ///< at QoS 0, 1 and 2
 
     ByQos received{};                 ///< as the broker sent them, those that are dropped included
     ByQos published{};                ///< accepted
@@ -42,9 +42,9 @@ struct LogStatistics {
 
 /// What the library counts in this process.
 struct Statistics {
-    MqttStatistics mqtt;
+    MqttStatistics mqtt;  ///< of all clients
     HttpStatistics http;  ///< of all servers since the process started, also of those that are gone
-    LogStatistics log;
+    LogStatistics log;    ///< of the process's logger
     PoolStatistics pool;  ///< ThreadPool::defaultPool()
 };
 
