@@ -4,6 +4,7 @@ PRESET ?= debug
 
 help:
 	@echo "make demo          build, show two processes talk; KEEP=1 goes on until Ctrl-C"
+	@echo "make demo-bridge   build, show a family on two bridged brokers come back after the bridge was killed"
 	@echo "make build         build everything; PRESET=debug|release|bench|asan|tsan|clang|notls"
 	@echo "make test          build, run all tests; PRESET=debug|bench|asan|tsan|clang|notls"
 	@echo "make test-browser  build, use the status page in a headless Chromium (100 MB to install)"
@@ -20,6 +21,10 @@ help:
 demo:
 	@scripts/install-deps
 	@bash -mc 'KEEP=$(KEEP) scripts/demo; exit $$?' # -m: Ctrl-C reaches the demo and not make
+
+demo-bridge:
+	@scripts/install-deps
+	@scripts/demo-bridge
 
 test:
 	@scripts/install-deps
@@ -62,4 +67,4 @@ deps:
 clean:
 	rm -rf build
 
-.PHONY: help demo test test-browser build test-windows bench check lint format package docs deps clean
+.PHONY: help demo demo-bridge test test-browser build test-windows bench check lint format package docs deps clean

@@ -260,9 +260,17 @@ TEST(EdgeHost, CountsForPrometheus) {
             EXPECT_EQ(typed, parts[3]);
         }
     }
-    for (const char* name : {"edge_host_published_total", "edge_host_readings_total",
-                             "kelcommon_http_requests_total", "process_start_time_seconds"})
+    for (const char* name :
+         {"edge_host_published_total", "edge_host_readings_total", "kelcommon_http_requests_total",
+          "kelcommon_mqtt_received_total", "kelcommon_log_lines_total",
+          "kelcommon_pool_threads_used", "process_start_time_seconds"})
         EXPECT_EQ(1u, names.count(name)) << name << " in " << reply;
+
+    // Prometheus' own check, where there is one (Debian's package "prometheus").
+    if (std::system("command -v promtool >/dev/null") != 0) GTEST_SKIP() << "no promtool";
+    const TempFolder folder;
+    const std::string text = folder.write("metrics", body.str());
+    EXPECT_EQ(0, std::system(("promtool check metrics <" + text).c_str()));
 }
 
 TEST(EdgeHost, AnswersOnlyWhoKnowsTheKeyAndIsNoOtherSitesPage) {

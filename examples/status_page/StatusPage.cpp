@@ -175,6 +175,18 @@ Object::Ptr serverState(const kel::HttpStatistics& server) {
     return state;
 }
 
+// The same as "/metrics" has of the library, for the page.
+Poco::JSON::Array::Ptr libraryState() {
+    Poco::JSON::Array::Ptr state(new Poco::JSON::Array);
+    for (const Metric& metric : libraryMetrics()) {
+        Object::Ptr number(new Object);
+        number->set("name", metric.name + labelsText(metric.labels));
+        number->set("value", metric.value);
+        state->add(number);
+    }
+    return state;
+}
+
 std::vector<std::string> namesIn(const std::string& list) {
     using Poco::StringTokenizer;
     const StringTokenizer names(Poco::toLower(list), ",",
@@ -381,6 +393,7 @@ void StatusPage::state(const Exchange&, Object& result) {
     result.set("queue", queueState());
     result.set("pool", poolState());
     result.set("server", serverState(_api->statistics()));
+    result.set("library", libraryState());
     result.set("reports", reports());
 }
 

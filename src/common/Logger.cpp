@@ -264,6 +264,10 @@ void stopAtLibraryStop() {
 
 }  // namespace
 
+LogPipeline::Counters logCounters() {
+    return LogPipeline::isForkedChild() ? LogPipeline::Counters() : pipeline().counters();
+}
+
 void loadLogging() {
     static std::once_flag console;
     std::call_once(console, [] { platform::prepareConsole(); });

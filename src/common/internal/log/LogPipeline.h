@@ -170,6 +170,9 @@ private:
     LineFormatter _directFormatter;
 };
 
+/// Those of the process's own pipeline; none in a forked child.
+LogPipeline::Counters logCounters();
+
 /// The channel at the library's POCO logger.
 class PipelineChannel : public Poco::Channel {
 public:

@@ -159,6 +159,7 @@ namespace {
 struct Outgoing {
     void* connection;
     unsigned session;
+    const std::shared_ptr<Receipt>* receipt;
 };
 thread_local Outgoing outgoing{};
 
@@ -220,7 +221,7 @@ struct Connection::Hooks {
             connection.queued(copyOf(count, buffers, lengths));
         } else if (name.starts_with("s-") && outgoing.connection == &connection) {
             // Only the first time; the library's retry comes here too, on its own thread.
-            connection._window.sent(outgoing.session, std::atoi(key + 2));
+            connection._window.sent(outgoing.session, std::atoi(key + 2), *outgoing.receipt);
             outgoing.connection = nullptr;
         }
         return 0;
@@ -316,6 +317,7 @@ void Connection::close() {
 
 void Connection::silence() {
     _window.close();
+    _window.abandon();
     _up = false;
     const std::lock_guard<std::mutex> lock(_mutex);
     _events.reset();
@@ -435,8 +437,21 @@ int Connection::disconnect() {
 
 // ---- Calls in a session -------------------------------------------------------------------------
 
-int Connection::publish(const std::string& payload, const std::string& topic, int qos,
-                        int retained) {
+int Connection::publishAndWait(const std::string& payload, const std::string& topic, int qos,
+                               int retained, Receipt::Clock::time_point deadline,
+                               Receipt::Fate& fate) {
+    const auto receipt = std::make_shared<Receipt>();
+    const int rc = publish(payload, topic, qos, retained, receipt, deadline);
+    if (qos == 0) receipt->settle(Receipt::Fate::kConfirmed);
+    if (rc != 0) return rc;
+    const Dispatcher::WaitsForBroker wait;
+    fate = receipt->await(deadline, wait.giveUp());
+    return rc;
+}
+
+int Connection::publish(const std::string& payload, const std::string& topic, int qos, int retained,
+                        const std::shared_ptr<Receipt>& receipt,
+                        Receipt::Clock::time_point deadline) {
     // The library would wait for its receive thread in there.
     if (inDeliveryCallback) return MQTTCLIENT_MAX_MESSAGES_INFLIGHT;
     const int unfit = checkMessage(payload, topic, qos);
@@ -453,11 +468,15 @@ int Connection::publish(const std::string& payload, const std::string& topic, in
         return MQTTClient_publishMessage(_handle, topic.c_str(), &message, nullptr);
     }
     const Dispatcher::WaitsForBroker wait;
-    const auto session = _window.take(wait.giveUp());
+    InFlightWindow::GiveUp giveUp = wait.giveUp();
+    if (receipt) {
+        giveUp = [&] { return Clock::now() > deadline || (wait.giveUp() && wait.giveUp()()); };
+    }
+    const auto session = _window.take(giveUp);
     if (!session) {
         return _window.isOpen() ? MQTTCLIENT_MAX_MESSAGES_INFLIGHT : MQTTCLIENT_DISCONNECTED;
     }
-    outgoing = {this, *session};
+    outgoing = {this, *session, &receipt};
     // Asked for the token, the library reads it after the acknowledgement may have freed it.
     const int rc = MQTTClient_publishMessage(_handle, topic.c_str(), &message, nullptr);
     const bool sent = outgoing.connection == nullptr;
@@ -561,6 +580,7 @@ void Connection::cleared() {
         events = _events.lock();
     }
     _window.close();
+    _window.abandon();
     for (Message& message : left) {
         if (!events || !message.payload) continue;
         logExceptions(log, [&] { events->messageArrived(std::move(message), false); });
@@ -569,6 +589,7 @@ void Connection::cleared() {
 
 void Connection::lost(const std::string& cause) {
     _window.close();
+    _window.abandon();
     std::shared_ptr<ConnectionEvents> told;
     {
         const std::lock_guard<std::mutex> lock(_mutex);
