@@ -3,6 +3,7 @@
 #include <Poco/StreamCopier.h>
 #include <common/Config.h>
 #include <common/HttpClient.h>
+#include <common/ThreadPool.h>
 #include <common/Tls.h>
 #include <common/WebApiBasic.h>
 #include <gtest/gtest.h>

@@ -66,11 +66,12 @@ StoppableThreads& ConnectionServer::threads() {
 
 ConnectionServer::ConnectionServer(const ServerSocket& socket,
                                    Poco::AutoPtr<HTTPServerParams> params,
-                                   std::shared_ptr<const HttpConnection::Callback> callback)
+                                   std::shared_ptr<const HttpConnection::Callback> callback,
+                                   const ServerTimes& times)
     : _socket(socket),
       _params(params),
       _callback(std::move(callback)),
-      _state(std::make_shared<ServerState>()),
+      _state(std::make_shared<ServerState>(times)),
       _process(platform::currentProcessId()),
       _maxThreads(threadsOf(*params)),
       _maxQueued(static_cast<std::size_t>(std::max(0, params->getMaxQueued()))) {}
