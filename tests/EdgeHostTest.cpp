@@ -341,14 +341,15 @@ TEST(EdgeHost, AnswersOnlyWhoKnowsTheKeyAndIsNoOtherSitesPage) {
 }
 
 #ifdef KEL_WITH_TLS
-// The two files are those that the defaults of every first start name.
+// The two files are those that the defaults of every first start name; what is unsafe among these
+// defaults is used, and named.
 TEST(EdgeHost, SpeaksTlsToAllWhereItHasACertificate) {
     const Certificates files;
     const Broker broker(Broker::Login::kAnonymous,
                         "require_certificate true\ncafile " + files["root.pem"] + "\ncertfile " +
                             files["good.pem"] + "\nkeyfile " + files["good.key"] + "\n");
     EdgeHost host;
-    host.writeConfig(contentOf(files["good.key"]) + contentOf(files["good.pem"]),
+    host.writeConfig(contentOf(files["shipped.key"]) + contentOf(files["good.pem"]),
                      "kelhost/any.pem");
     host.writeConfig(contentOf(files["root.pem"]), "kelhost/rootcert.pem");
     const std::string port = std::to_string(freePort()), address = "https://localhost:" + port;
@@ -378,6 +379,12 @@ TEST(EdgeHost, SpeaksTlsToAllWhereItHasACertificate) {
     }
     host.signal(SIGTERM);
     EXPECT_EQ(0, host.exitCode());
+    for (const char* unsafe :
+         {"verificationMode: ", "cipherList: ", "invalidCertificateHandler.name: ",
+          "privateKeyPassphraseHandler.options.password: "}) {
+        EXPECT_TRUE(host.awaitLog(std::string("openSSL.server.") + unsafe));
+    }
+    EXPECT_EQ(std::string::npos, host.output().find("vellum"));
 }
 #endif
 
