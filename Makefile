@@ -3,7 +3,7 @@
 PRESET ?= debug
 
 help:
-	@echo "make demo          build, show two processes talk; KEEP=1 goes on until Ctrl-C"
+	@echo "make demo          build, show two processes talk; KEEP=1 goes on until Ctrl-C, TLS=1 encrypts"
 	@echo "make demo-bridge   build, show a family on two bridged brokers come back after the bridge was killed"
 	@echo "make build         build everything; PRESET=debug|release|bench|asan|tsan|clang|notls"
 	@echo "make test          build, run all tests; PRESET=debug|bench|asan|tsan|clang|notls"
@@ -19,15 +19,15 @@ help:
 	@echo "make clean         remove the build folder"
 
 demo:
-	@scripts/install-deps
-	@bash -mc 'KEEP=$(KEEP) scripts/demo; exit $$?' # -m: Ctrl-C reaches the demo and not make
+	@scripts/install-deps base $(if $(TLS),tls)
+	@bash -mc 'KEEP=$(KEEP) TLS=$(TLS) scripts/demo; exit $$?' # -m: Ctrl-C reaches the demo and not make
 
 demo-bridge:
 	@scripts/install-deps
 	@scripts/demo-bridge
 
 test:
-	@scripts/install-deps
+	@scripts/install-deps base tls
 	@scripts/test $(PRESET)
 
 test-browser:
@@ -62,7 +62,7 @@ docs:
 	@scripts/docs
 
 deps:
-	@scripts/install-deps --say
+	@scripts/install-deps --say base tls
 
 clean:
 	rm -rf build

@@ -7,6 +7,7 @@
 
 #include "StatusPage.h"
 
+#include <Poco/File.h>
 #include <Poco/Format.h>
 #include <Poco/Logger.h>
 #include <Poco/Net/IPAddress.h>
@@ -19,6 +20,7 @@
 #include <Poco/StringTokenizer.h>
 #include <common/Logger.h>
 #include <common/ThreadPool.h>
+#include <common/Tls.h>
 #include <common/Utils.h>
 
 #include <algorithm>
@@ -61,11 +63,39 @@ bool answers(const SocketAddress& address) {
 
 // The port of a host that has just ended can be had at once only by reusing its address. On some
 // systems that would share the port of one that runs: hence the question.
-void bindExclusively(ServerSocket& socket, const SocketAddress& address) {
+void expectFree(const SocketAddress& address) {
     if (address.port() != 0 && answers(address)) {
         throw Poco::Net::NetException("Address already in use", address.toString());
     }
+}
+
+// Whoever listens in on a network would learn the key.
+void expectPrivate(const SocketAddress& address, bool openToNetwork) {
+    if (address.host().isLoopback() || openToNetwork) return;
+    throw Poco::InvalidAccessException(
+        Poco::format("the web API would be open to the network without TLS at %s (setting "
+                     "http.address): set http.openToNetwork to true if that is wanted, or provide "
+                     "the certificate %s",
+                     address.host().toString(), kel::serverCertificateFile()));
+}
+
+ServerSocket listenInTheClear(const SocketAddress& address) {
+    expectFree(address);
+    ServerSocket socket;
     socket.bind(address, true, false);
+    socket.listen();
+    return socket;
+}
+
+ServerSocket listenOverTls(const SocketAddress& address) {
+    expectFree(address);
+    return kel::secureServerSocket(address);
+}
+
+// The library's defaults name a certificate that most machines do not have.
+bool hasCertificate() {
+    const std::string file = kel::serverCertificateFile();
+    return !file.empty() && Poco::File(file).exists();
 }
 
 // --- Replies -----------------------------------------------------------------------------------
@@ -203,24 +233,20 @@ const char* typeOf(const std::string& file) {
 }  // namespace
 
 ServerSocket StatusPage::listen(const PageSettings& settings) {
+    const bool overTls = hasCertificate();
+    const Poco::UInt16 port = overTls ? settings.tlsPort : settings.port;
     try {
-        const SocketAddress address(settings.address, settings.port);
-        if (!address.host().isLoopback() && !settings.openToNetwork) {
-            throw Poco::InvalidAccessException(
-                Poco::format("the web API would be open to the network without TLS at %s (setting "
-                             "http.address): set http.openToNetwork to true if that is wanted",
-                             settings.address));
-        }
-        ServerSocket socket;
-        bindExclusively(socket, address);
-        socket.listen();
-        return socket;
+        const SocketAddress address(settings.address, port);
+        if (overTls) return listenOverTls(address);
+        expectPrivate(address, settings.openToNetwork);
+        return listenInTheClear(address);
     } catch (const Poco::InvalidAccessException&) {
         throw;
     } catch (const Poco::Exception& exc) {
-        throw Poco::IOException(
-            Poco::format("no web API at %s, port %hu (settings http.address, http.port): %s",
-                         settings.address, settings.port, exc.displayText()));
+        throw Poco::IOException(Poco::format(
+            "no web API at %s, port %hu (settings http.address, %s): %s", settings.address, port,
+            std::string(overTls ? "http.sslport, openSSL.server.*" : "http.port"),
+            exc.displayText()));
     }
 }
 
@@ -228,7 +254,8 @@ StatusPage::StatusPage(const PageSettings& settings, const ServerSocket& socket)
     : _settings(settings),
       _socket(socket),
       _scheme(socket.secure() ? "https" : settings.scheme),
-      _access(settings.key, namesIn(settings.hostNames), _scheme),
+      _hostNames(namesIn(settings.hostNames)),
+      _access(settings.key, _hostNames, _scheme),
       _disclosure(settings.shownSettings) {}
 
 void StatusPage::start(const std::shared_ptr<Host>& host) {
@@ -250,8 +277,12 @@ void StatusPage::stop() {
 
 std::string StatusPage::address() const {
     SocketAddress at = _socket.address();
-    if (at.host().isWildcard()) at = SocketAddress("127.0.0.1", at.port());
-    return _scheme + "://" + at.toString() + "/status";
+    const bool everywhere = at.host().isWildcard();
+    if (everywhere) at = SocketAddress("127.0.0.1", at.port());
+    const bool byName = everywhere && _socket.secure() && !_hostNames.empty();
+    const std::string authority =
+        byName ? _hostNames.front() + ":" + std::to_string(at.port()) : at.toString();
+    return _scheme + "://" + authority + "/status";
 }
 
 // --- Routes ------------------------------------------------------------------------------------

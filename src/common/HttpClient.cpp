@@ -109,7 +109,7 @@ void submit(std::function<void(const Request&)> task) {
         [task = std::move(task), request = std::make_shared<Request>()] { task(*request); });
 }
 
-// On the list from before its first byte goes out.
+// On the list from before its first byte goes out, the handshake's included.
 class ListedSession : public HTTPClientSession {
 public:
     ListedSession(const Request& request, const Poco::Net::StreamSocket& socket)
@@ -120,6 +120,7 @@ protected:
     void connect(const Poco::Net::SocketAddress& address) override {
         HTTPClientSession::connect(address);
         _request.list(*this);
+        tls::shakeHands(socket());
     }
 
 private:

@@ -311,8 +311,11 @@ void useSessions(Context& context, const Settings& settings) {
 #endif
 }
 
+constexpr const char* kClosed = "the connection was closed in the handshake";
+
 // The words for a peer that speaks something else, where OpenSSL's own do not help.
 std::string plainWords(const std::string& reason) {
+    if (reason == "unexpected eof while reading") return kClosed;
     if (reason == "http request") return "plain HTTP instead of TLS";
     if (reason == "wrong version number") return "no TLS, or none that is spoken here";
     return reason;
@@ -350,7 +353,7 @@ std::string failureReason(const Poco::Exception& exc) {
     if (dynamic_cast<const Poco::TimeoutException*>(&exc))
         return "the peer stopped in the handshake";
     if (dynamic_cast<const Poco::Net::SSLConnectionUnexpectedlyClosedException*>(&exc)) {
-        return "the peer closed the connection in the handshake";
+        return kClosed;
     }
     // POCO's text is OpenSSL's: "error:<number>:<library>::<reason>".
     const std::string text = exc.message();
