@@ -10,7 +10,7 @@ help:
 	@echo "make test-browser  build, use the status page in a headless Chromium (100 MB to install)"
 	@echo "make test-windows  build and run the Windows platform file under Wine"
 	@echo "make bench         measure beside other libraries; AREA=mqtt|pool|logging|tls, all without"
-	@echo "make check         everything that has to pass before a change is taken (CI runs this)"
+	@echo "make check         all checks; CI runs the first of them"
 	@echo "make lint          static analysis; FILES=... for these alone"
 	@echo "make format        format the C++ files"
 	@echo "make package       .deb packages and a .tar.gz, to build/packages"
@@ -44,7 +44,7 @@ bench:
 	@scripts/bench $(AREA)
 
 check:
-	@.ci/run
+	@.ci/run all
 
 lint:
 	@scripts/install-deps base ci

@@ -224,7 +224,7 @@ TEST(EdgeHost, ShowsItsStateButNoSecretsOverItsWebApi) {
         {"GET /index/api/log?lines=200", "200", "requst url '"},
         {"GET /index/api/log?lines=0", "200", R"("lines":[])"},
         {"GET /index/api/messages?limit=-1", "200", R"("messages":[)"},
-        {"GET /index/api/settings", "200", R"("password":"***","username":"edge")"},
+        {"GET /index/api/settings", "200", R"("password":"***")"},
         {"GET /index/api/settings", "200",
          R"("on_server_started":"http://***@127.0.0.1:1/hook?***")"},
         {"GET /metrics", "200", "\nedge_host_connected 1\n"},
