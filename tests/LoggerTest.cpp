@@ -137,14 +137,17 @@ struct Pipeline : ::testing::Test {
 TEST(Logger, WritesADatedFileInThePublishedFormatAndTakesLateCalls) {
     kel::loadLogging();
     hostLogger().warning("a %t text: \xC3\xA4", "dir/host.cpp", 42);
+    const std::string here = std::to_string(__LINE__ + 1);
+    kel::logLine(Poco::Message::PRIO_DEBUG, "a line\nof two");
+    const std::string direct = ":LoggerTest(\\.cpp)?:" + here + ":Debug:a line";
     for (int twice = 0; twice < 2; ++twice) kel::deleteLogger();
     std::thread(logNumbered, 0, 3).join();
     kel::loadLogging();
     const char* published =
         R"(/loggertest-\d{4}-\d\d-\d\d\.log/\d{4}-\d\d-\d\d-\d\d:\d\d:\d\d\.\d{1,2})"
         R"(-loggertest_logger:host(\.cpp)?:42:Warning:a %t text: .*)";
-    for (const char* line :
-         {published, "Log initialized", "Log destroying", "Log destroyed", "line 2"}) {
+    for (const char* line : {published, direct.c_str(), "of two", "Log initialized",
+                             "Log destroying", "Log destroyed", "line 2"}) {
         EXPECT_EQ(1u, logged(line).size()) << line;
     }
     for (const auto& entry : fs::recursive_directory_iterator(dataHome())) {
