@@ -147,9 +147,11 @@ struct Pipeline : ::testing::Test {
 }  // namespace
 
 void* operator new(std::size_t size) {
-    const bool refused = noMemory && !mayAllocate && ++refusals > 0;
+    const bool refused = noMemory && !mayAllocate;
+    if (refused) ++refusals;
     void* const memory = refused ? nullptr : std::malloc(size);
-    return memory ? memory : throw std::bad_alloc();
+    if (!memory) throw std::bad_alloc();
+    return memory;
 }
 void operator delete(void* memory) noexcept {
     std::free(memory);

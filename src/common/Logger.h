@@ -35,6 +35,7 @@ namespace kel {
 /// deleteLogger() do nothing.
 /// @throws Poco::Exception  the log directory cannot be created. What was logged to before stays in
 ///         use, the console at least; each later set-up tries again.
+/// @throws std::system_error  the system starts no thread; a later call tries again.
 /// After stopLibrary() it starts everything anew; after deleteLogger() it does nothing. Threads:
 /// any.
 KEL_API void loadLogging();

@@ -131,8 +131,14 @@ void LogPipeline::start(bool coloredConsole) {
     _spare.reserve(kSpareBlocks);
     _closing = false;
     _running = true;
-    startThread(_console, "log-console");
-    startThread(_file, "log-file");
+    try {
+        startThread(_console, "log-console");
+        startThread(_file, "log-file");
+    } catch (...) {
+        _running = false;
+        if (_console->thread.joinable()) endThread(*_console, true);
+        throw;
+    }
 }
 
 void LogPipeline::startThread(const OutputPtr& output, const char* name) {
@@ -159,13 +165,13 @@ LogPipeline::FileState LogPipeline::awaitFile() {
 }
 
 void LogPipeline::log(const Poco::Message& message) {
-    if (tryLog(recordOf(message))) return;
-    if (inForkedChild) {
+    if (inForkedChild && !inSink) {
         const InSink noRecursion;
         logInForkedChild(message);
-    } else {
-        writeAtOnce(message);
+        return;
     }
+    const LogRecord record = recordOf(message);
+    while (!tryLog(record) && !writeAtOnce(message)) continue;
 }
 
 bool LogPipeline::tryLog(const LogRecord& record) {
@@ -451,11 +457,13 @@ void LogPipeline::handOver(Poco::AutoPtr<Poco::Channel> successor) {
     if (!_file->givenUp) static_cast<FileSink&>(*_file->sink).close();
 }
 
-void LogPipeline::writeAtOnce(const Poco::Message& message) {
-    const std::lock_guard<std::mutex> lock(_directMutex);
+// Does nothing if start() has come first: the sinks belong to the threads then.
+bool LogPipeline::writeAtOnce(const Poco::Message& message) {
+    const std::lock_guard<std::mutex> noStart(_directMutex);
+    if (isRunning()) return false;
     if (_successor) {
         _successor->log(message);
-        return;
+        return true;
     }
     const InSink noRecursion;
     LineBlock block;
@@ -463,6 +471,12 @@ void LogPipeline::writeAtOnce(const Poco::Message& message) {
     for (Output* output : {_console.get(), _file.get()}) {
         if (!output->givenUp) output->sink->write(block, output->progress);
     }
+    return true;
+}
+
+bool LogPipeline::isRunning() const {
+    const Lock lock(_mutex);
+    return _running;
 }
 
 LogPipeline::Counters LogPipeline::counters() const {
