@@ -25,7 +25,7 @@ namespace kel {
 /// It loses what exceeds its 64 MiB; once it can be written again, one line says how many.
 ///
 /// A log file that cannot be opened is reported on the console and tried again, at least at each
-/// set-up.
+/// set-up. Where memory is short, lines wait until there is some.
 ///
 /// Console lines go to standard error. They have colours where that is a terminal; NO_COLOR in the
 /// environment turns them off, CLICOLOR_FORCE=1 turns them on. KEL_QUIET=1 suppresses the two lines
@@ -47,8 +47,8 @@ KEL_API void loadLogging();
 /// Threads: any; never waits.
 KEL_API std::string logName();
 
-/// Logs one line as `Poco::Logger::get(kel::logName())` does, for a third of what that costs: POCO
-/// makes a message for each line, for which it asks the system for the process's id.
+/// Logs one line as `Poco::Logger::get(kel::logName())` does, for half of what that costs its
+/// caller: POCO makes a message for each line, for which it asks the system for the process's id.
 ///     kel::logLine(Poco::Message::PRIO_WARNING, "the text");
 /// @param text  written as it is, line ends included.
 /// @param file  a string literal; the call's own file and line unless given.
