@@ -308,7 +308,7 @@ bool LogPipeline::mayFormat() const {
     return (hasRoom(*_console) || mayDrop(*_console)) && (hasRoom(*_file) || mayDrop(*_file));
 }
 
-// The console gets the lines first: a file that cannot be written has something to tell there.
+// The console gets the lines first, because a file that cannot be written is reported there.
 void LogPipeline::formatNext(Lock& lock) {
     _formatting = true;
     if (!_inHand) _inHand = takeRecords();
@@ -344,7 +344,7 @@ void LogPipeline::formatLater() {
     _formatNotBefore = now + kLookAgain;
 }
 
-// Adds one block at most, taken out of a list of its own.
+// `block` is a list of one, so that nothing has to be allocated here.
 void LogPipeline::give(Output& output, Backlog block) {
     const std::size_t lines = block.front()->lines.size();
     if (output.givenUp || (!hasRoom(output) && mayDrop(output))) {
@@ -362,7 +362,7 @@ void LogPipeline::drop(Output& output, std::size_t lines) {
     output.dropped += lines;
 }
 
-// Where there is no memory for the line, a later one tells the gap.
+// Where there is no memory for this line, the gap stays open and a later line tells it.
 void LogPipeline::tellGap(Output& output) {
     const bool file = &output == _file.get();
     Backlog line;
@@ -377,7 +377,7 @@ void LogPipeline::tellGap(Output& output) {
     output.backlog.splice(output.backlog.end(), line);
 }
 
-// The other output's lines may still be unformatted, so nothing to do is no lack of progress.
+// An output that has nothing to write is not hopeless: its lines may not have been formatted yet.
 bool LogPipeline::hopeless(const Output& output) const {
     return (output.busy || !output.backlog.empty()) && output.progress.noneFor(_limits.patience);
 }
@@ -394,7 +394,7 @@ void LogPipeline::giveUp(Output& output) {
     output.givenUp = true;
 }
 
-// Lines that cannot be formatted for want of memory.
+// These are lines that could not be formatted for want of memory.
 void LogPipeline::giveUpRecords() {
     while (hasRecords()) {
         if (!_inHand) _inHand = takeRecords();

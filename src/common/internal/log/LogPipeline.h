@@ -181,7 +181,8 @@ private:
     OutputPtr _console;  // these two change under _directMutex too
     OutputPtr _file;
 
-    // These belong to whoever has set _formatting. What is in hand is formatted next.
+    // Whoever has set _formatting uses these without a lock. What is in hand is formatted next, or
+    // again; it is exchanged with _mutex held.
     LineFormatter _formatter;
     std::optional<RecordBlock> _inHand;
 

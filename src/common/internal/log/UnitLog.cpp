@@ -69,7 +69,7 @@ void write(const char* file, int line, Poco::Message::Priority priority,
     try {
         logAsIs(priority, withoutControls(text), file, line);
     } catch (const std::exception&) {
-        // There is no memory for the text, and nobody to tell.
+        // There is no memory for the text, so the line is lost.
     }
 }
 
@@ -82,7 +82,7 @@ void logAsIs(int priority, const std::string& text, const char* sourceFile, int 
         if (logger.getLevel() < priority) return;
         writeTo(logger, static_cast<Poco::Message::Priority>(priority), text, sourceFile, line);
     } catch (...) {
-        // There is nobody left to tell.
+        // The logger itself has failed, so the line is lost.
     }
 }
 
