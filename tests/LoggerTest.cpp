@@ -45,10 +45,14 @@ Poco::Logger& hostLogger() {
     return Poco::Logger::get(kel::logName());
 }
 
-void logNumbered(int thread, int count, Poco::Logger& logger = hostLogger()) {
+void logNumberedTo(Poco::Logger& logger, int thread, int count) {
     for (int i = 0; i < count; ++i) {
         logger.information("thread " + std::to_string(thread) + " line " + std::to_string(i));
     }
+}
+
+void logNumbered(int thread, int count) {
+    logNumberedTo(hostLogger(), thread, count);
 }
 
 std::size_t countOf(const std::string& text, const std::string& part) {
@@ -326,22 +330,21 @@ TEST(Logger, StartsAnewAfterTheLibrarysStop) {
 }
 
 TEST(Logger, AForkedChildWritesItsLinesItself) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "a child may find the sanitizer's allocator locked for ever";
+#endif
     kel::loadLogging();
-    // POCO's table of loggers has a lock of its own, which a child may find held for ever.
-    Poco::Logger& logger = hostLogger();
+    Poco::Logger& logger = hostLogger();  // a child may find POCO's look-up locked for ever
     std::latch going(2);
     std::jthread busy([&](const std::stop_token& stop) {
-        for (going.count_down(); !stop.stop_requested();) logNumbered(1, 1, logger);
+        for (going.count_down(); !stop.stop_requested();) logNumberedTo(logger, 1, 1);
     });
     going.arrive_and_wait();
     const ::pid_t child = ::fork();
     if (child == 0) {
         ::alarm(20);
-        logNumbered(2, 100, logger);
+        logNumberedTo(logger, 2, 100);
         kel::deleteLogger();
-#if defined(__SANITIZE_ADDRESS__)
-        ::_exit(0);  // the search for leaks sees false ones where threads are missing
-#endif
         std::exit(0);
     }
     int status = -1;
