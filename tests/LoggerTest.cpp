@@ -177,7 +177,7 @@ TEST(Logger, FormatsAndColorsAsPocoDoes) {
             ours.append(kel::recordOf(message), block);
         }
     }
-    EXPECT_EQ(expected, block.text);
+    EXPECT_EQ(expected, std::string_view(block.text));
     EXPECT_EQ(colored.str(), kel::ConsoleSink::colored(block));
 }
 

@@ -43,13 +43,13 @@
 #include <utility>
 
 #include "../log/UnitLog.h"
+#include "../net/ServerUri.h"
 #include "../platform/Platform.h"
 #include "../process/NeverDestroyed.h"
 #include "BrokerHost.h"
 #include "ConnectTurn.h"
 #include "Dispatcher.h"
 #include "Messaging.h"
-#include "ServerUri.h"
 #include "Topics.h"
 
 namespace kel {

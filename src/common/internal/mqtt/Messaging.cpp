@@ -64,8 +64,8 @@ Messaging::Messaging() {
         stop();
         return;
     }
-    _handlers = std::make_unique<ThreadPool>(1, 32, 60, 0);
-    _background = std::make_unique<ThreadPool>("mqttBackground", 1, 1024, 60, 0);
+    _handlers = std::make_unique<TaskPool>("", 32);
+    _background = std::make_unique<TaskPool>("mqttBackground", 1024);
     inBackground([this] { _dispatcher.run(); });
 }
 
