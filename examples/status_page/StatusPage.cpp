@@ -12,11 +12,11 @@
 #include <Poco/Net/IPAddress.h>
 #include <Poco/Net/MediaType.h>
 #include <Poco/Net/NetException.h>
-#include <Poco/Net/StreamSocket.h>
 #include <Poco/NumberParser.h>
 #include <Poco/StreamCopier.h>
 #include <Poco/String.h>
 #include <Poco/StringTokenizer.h>
+#include <common/HttpServer.h>
 #include <common/Logger.h>
 #include <common/ThreadPool.h>
 #include <common/Utils.h>
@@ -44,29 +44,6 @@ const std::string kApi = "/index/api/";
 constexpr std::size_t kReports = 10;
 constexpr std::size_t kLineLimit = 1000;  // bytes shown of a line
 constexpr std::streamsize kLongestBody = 256 * 1024;
-
-// --- Listening ---------------------------------------------------------------------------------
-
-bool answers(const SocketAddress& address) {
-    try {
-        const bool everywhere = address.host().isWildcard();
-        const Poco::Timespan limit(1, 0);
-        Poco::Net::StreamSocket().connect(
-            everywhere ? SocketAddress("127.0.0.1", address.port()) : address, limit);
-        return true;
-    } catch (const Poco::Exception&) {
-        return false;
-    }
-}
-
-// The port of a host that has just ended can be had at once only by reusing its address. On some
-// systems that would share the port of one that runs: hence the question.
-void bindExclusively(ServerSocket& socket, const SocketAddress& address) {
-    if (address.port() != 0 && answers(address)) {
-        throw Poco::Net::NetException("Address already in use", address.toString());
-    }
-    socket.bind(address, true, false);
-}
 
 // --- Replies -----------------------------------------------------------------------------------
 
@@ -199,10 +176,7 @@ ServerSocket StatusPage::listen(const PageSettings& settings) {
                              "http.address): set http.openToNetwork to true if that is wanted",
                              settings.address));
         }
-        ServerSocket socket;
-        bindExclusively(socket, address);
-        socket.listen();
-        return socket;
+        return kel::serverSocket(address);
     } catch (const Poco::InvalidAccessException&) {
         throw;
     } catch (const Poco::Exception& exc) {

@@ -27,10 +27,7 @@ class HttpServer;
 ///   api->apiRegist("/index/api/add", [](auto&, auto&, const auto& params, auto& result) {
 ///       result.set("sum", std::stoi(params.at("a")) + std::stoi(params.at("b")));
 ///   });
-///   Poco::Net::ServerSocket socket;
-///   socket.bind({"127.0.0.1", 9528}, true, false);  // false: shares the port with nobody
-///   socket.listen();
-///   api->start(socket);
+///   api->start(kel::serverSocket({"127.0.0.1", 9528}));
 /// @endcode
 /// A path is matched exactly, letter case and a trailing slash included; the method is not looked
 /// at. An unknown path is answered with {"code": -1, "msg": "api not found"} and status 200.

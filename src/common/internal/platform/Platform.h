@@ -131,6 +131,10 @@ bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& r
 /// library that gives no access to its socket. Does nothing on Windows; failures are ignored.
 void sendAtOnceTo(std::uint16_t port);
 
+/// Whether a listening socket has to reuse its address, so that a host which is started again finds
+/// its port at once. Not on Windows, where that would let two processes share a port.
+bool reusesListeningAddress() noexcept;
+
 /// Whether a static destructor may join threads. Not on Windows, where it runs under the loader
 /// lock, which an ending thread needs.
 bool canJoinAtExit() noexcept;

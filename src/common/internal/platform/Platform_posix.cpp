@@ -502,6 +502,10 @@ void sendAtOnceTo(std::uint16_t port) {
     }
 }
 
+bool reusesListeningAddress() noexcept {
+    return true;
+}
+
 bool canJoinAtExit() noexcept {
     return true;
 }

@@ -425,6 +425,10 @@ bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& r
 
 void sendAtOnceTo(std::uint16_t) {}
 
+bool reusesListeningAddress() noexcept {
+    return false;
+}
+
 bool canJoinAtExit() noexcept {
     return false;
 }
