@@ -1,4 +1,5 @@
-// The library as part of a plug-in: loaded, used, stopped and unloaded by a host that links neither.
+// The library as part of a plug-in: loaded, used, stopped and unloaded by a host that links
+// neither.
 
 #include <Poco/Pipe.h>
 #include <Poco/PipeStream.h>

@@ -1,6 +1,6 @@
-// Usage: UnloadHost PLUGIN BROKER-ADDRESS [LIBRARY...]   loads the plug-in, starts all of its parts,
-// stops them while a client holds its HTTP connection open, starts and stops them again, and unloads
-// the plug-in; all of that twice. The further libraries stay loaded throughout.
+// Usage: UnloadHost PLUGIN BROKER-ADDRESS [LIBRARY...]   loads the plug-in, starts all of its
+// parts, stops them while a client holds its HTTP connection open, starts and stops them again, and
+// unloads the plug-in; all of that twice. The further libraries stay loaded throughout.
 //
 // It links nothing of the project, so that the library is really unloaded. It prints how long each
 // step took, and ends with 0 if every start succeeded, the client's connection was closed by each

@@ -27,45 +27,50 @@ namespace {
 constexpr long kPatience = 20000;  // milliseconds
 const char* const kTopic = "/unload/hello";
 
-struct Parts {
+struct Events {
     Poco::Event connected, heard, reported;
-    std::shared_ptr<kel::MqttClient> bus;
 };
+using EventsPtr = std::shared_ptr<Events>;
 
-// Handlers hold the parts themselves: one may still run while they are given up.
-std::shared_ptr<Parts>& parts() {
-    static std::shared_ptr<Parts> instance;
-    return instance;
-}
+std::shared_ptr<kel::MqttClient> bus;
 
-unsigned short serve(const std::shared_ptr<Parts>& all) {
-    const auto socket = kel::serverSocket({"127.0.0.1", 0});
+// The second start takes the port of the first, to which the hook reports.
+unsigned short serve(const EventsPtr& events) {
+    static unsigned short port = 0;
+    const auto socket = kel::serverSocket({"127.0.0.1", port});
+    port = socket.address().port();
     const auto api = kel::WebApiBasic::instance();
     api->apiRegist("/alive");
-    api->apiRegist("/report", [all](auto&, auto&, const auto&, auto& result) {
+    api->apiRegist("/report", [events](auto&, auto&, const auto&, auto& result) {
         result.set("code", 0);
-        all->reported.set();
+        events->reported.set();
     });
     api->start(socket);
     kel::configInstance().setBool("hook.enable", true);
     kel::configInstance().setString("hook.on_server_started",
                                     "http://" + socket.address().toString() + "/report");
     kel::WebHookBasic::defaultWebHook()->reportServerStarted();
-    return socket.address().port();
+    return port;
 }
 
-void connect(const std::shared_ptr<Parts>& all, const std::string& broker) {
-    all->bus = kel::MqttClient::createInstance(broker, "unloaded", "", "");
-    all->bus->Subscribe([all](const auto&, const std::string&) { all->heard.set(); }, kTopic, 1);
-    const auto onConnect = [all](int code) {
-        if (code == 0) all->connected.set();
+// The client's callbacks hold it weakly, so that it is destroyed once the plug-in has released it.
+void connect(const EventsPtr& events, const std::string& broker) {
+    bus = kel::MqttClient::createInstance(broker, "unloaded", "", "");
+    const std::weak_ptr<kel::MqttClient> weak = bus;
+    const auto onHello = [events](const Poco::JSON::Object&, const std::string&) {
+        events->heard.set();
+    };
+    const auto onConnect = [=](int code) {
+        const auto client = weak.lock();
+        if (code == 0 && client) client->Subscribe(onHello, kTopic, 1);
+        events->connected.set();
         return true;
     };
-    all->bus->Connect(onConnect, [](const std::string&) { return true; });
-    all->connected.wait(kPatience);
+    bus->Connect(onConnect, [](const std::string&) { return true; });
+    events->connected.wait(kPatience);
     kel::ThreadPool::defaultPool().start(
-        [bus = all->bus] { bus->PublishMessage(R"({"text": "hello"})", kTopic, 1, 0, 0); });
-    all->heard.wait(kPatience);
+        [] { bus->PublishMessage(R"({"text": "hello"})", kTopic, 1, 0, 0); });
+    events->heard.wait(kPatience);
 }
 
 }  // namespace
@@ -76,10 +81,10 @@ PLUGIN_API unsigned short startEverything(const char* broker) {
         kel::loadLogging();
         kel::initHttpOption();
         kel::loadConfig();
-        parts() = std::make_shared<Parts>();
-        const unsigned short port = serve(parts());
-        connect(parts(), broker);
-        parts()->reported.wait(kPatience);
+        const auto events = std::make_shared<Events>();
+        const unsigned short port = serve(events);
+        connect(events, broker);
+        events->reported.wait(kPatience);
         Poco::Logger::get(kel::logName()).information("plug-in started", __FILE__, __LINE__);
         return port;
     } catch (const Poco::Exception& exc) {
@@ -92,6 +97,7 @@ PLUGIN_API unsigned short startEverything(const char* broker) {
 
 // The broker's connection is up and the server has a client when this is called.
 PLUGIN_API void stopEverything() {
-    parts().reset();
+    bus.reset();
     kel::stopLibrary();
+    kel::WebApiBasic::instance()->stop();
 }
