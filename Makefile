@@ -4,11 +4,11 @@ PRESET ?= debug
 
 help:
 	@echo "make demo          build, show two processes talk; KEEP=1 goes on until Ctrl-C"
-	@echo "make build         build everything; PRESET=debug|release|bench|asan|tsan|clang"
-	@echo "make test          build, run all tests; PRESET=debug|bench|asan|tsan|clang"
+	@echo "make build         build everything; PRESET=debug|release|bench|asan|tsan|clang|notls"
+	@echo "make test          build, run all tests; PRESET=debug|bench|asan|tsan|clang|notls"
 	@echo "make test-browser  build, use the status page in a headless Chromium (100 MB to install)"
 	@echo "make test-windows  build and run the Windows platform file under Wine"
-	@echo "make bench         measure beside other libraries; AREA=mqtt|pool, all without"
+	@echo "make bench         measure beside other libraries; AREA=mqtt|pool|logging|tls, all without"
 	@echo "make check         everything that has to pass before a change is taken (CI runs this)"
 	@echo "make lint          static analysis; FILES=... for these alone"
 	@echo "make format        format the C++ files"

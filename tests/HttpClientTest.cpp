@@ -72,7 +72,6 @@ TEST(HttpClient, HandsRepliesOnAsTheyCameAndMakesOneLineAndOne400OfEachFailure) 
                                            "http://127.0.0.1:1/refused",
                                            "http://" + full.address().toString(),
                                            silent.url(),
-                                           "https" + live.url().substr(4),
                                            live.url("/a?b\r\nX-Injected: 1")};
     std::vector<std::future<std::string>> replies;
     for (const auto& url : urls)

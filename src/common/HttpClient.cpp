@@ -24,6 +24,7 @@
 
 #include "internal/log/UnitLog.h"
 #include "internal/process/LibraryStop.h"
+#include "internal/tls/Tls.h"
 
 namespace kel {
 
@@ -117,11 +118,10 @@ protected:
     }
 };
 
-Poco::URI parseUrl(const std::string& url) {
-    Poco::URI uri(url);
-    // The connection is a plain one; a body must not go unprotected to a TLS port.
-    if (uri.getScheme() == "https") throw Poco::UnknownURISchemeException("https is not supported");
-    return uri;
+// The socket decides what is spoken; a body never goes unprotected to a TLS port.
+Poco::Net::StreamSocket socketFor(const Poco::URI& uri) {
+    if (uri.getScheme() == "https") return tls::clientSocket(uri.getHost());
+    return Poco::Net::StreamSocket();
 }
 
 // Path and query as the request line takes them.
@@ -140,8 +140,10 @@ std::string requestTarget(const Poco::URI& uri) {
 template <typename Send>
 void exchange(const std::string& url, const std::string& method,
               const HttpClient::ResponseCallback& callback, Send&& send) {
-    const Poco::URI uri = parseUrl(url);
-    ListedSession session(uri.getHost(), uri.getPort());
+    const Poco::URI uri(url);
+    ListedSession session(socketFor(uri));
+    session.setHost(uri.getHost());
+    session.setPort(uri.getPort());
     session.setTimeout(kConnectTimeout, kTransferTimeout, kTransferTimeout);
     HTTPRequest request(method, requestTarget(uri), HTTPMessage::HTTP_1_1);
     send(session, request);

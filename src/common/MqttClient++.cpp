@@ -87,6 +87,7 @@ struct MqttClient::Impl : ConnectionEvents, std::enable_shared_from_this<MqttCli
     std::optional<int> connectOnce(Messaging& messaging, bool again);
     bool hasSession();
     int attempt();
+    void sayWhy(int rc);
     void sessionBegun();
     bool askAfterConnect(int rc);
     void disconnect();
@@ -165,12 +166,26 @@ std::shared_ptr<MqttClient> MqttClient::createInstance(std::string address, std:
                                                       std::move(username), std::move(password)));
 }
 
+std::shared_ptr<MqttClient> MqttClient::createInstance(std::string address, std::string clientId,
+                                                       std::string username, std::string password,
+                                                       MqttOptions options) {
+    return std::shared_ptr<MqttClient>(new MqttClient(std::move(address), std::move(clientId),
+                                                      std::move(username), std::move(password),
+                                                      std::move(options)));
+}
+
 MqttClient::MqttClient(std::string address, std::string clientId, std::string username,
                        std::string password)
+    : MqttClient(std::move(address), std::move(clientId), std::move(username), std::move(password),
+                 MqttOptions()) {}
+
+MqttClient::MqttClient(std::string address, std::string clientId, std::string username,
+                       std::string password, MqttOptions options)
     : _impl(std::make_shared<Impl>(ConnectOptions{.address = std::move(address),
                                                   .clientId = std::move(clientId),
                                                   .username = std::move(username),
-                                                  .password = std::move(password)})) {
+                                                  .password = std::move(password),
+                                                  .further = checked(std::move(options))})) {
     _impl->create(Messaging::instance());
 }
 
@@ -242,6 +257,7 @@ void MqttClient::Impl::connectTask(Messaging& messaging, const Weak& weak, bool 
     for (std::shared_ptr<Impl> client = weak.lock(); client; client = weak.lock(), again = true) {
         const std::optional<int> rc = client->connectOnce(messaging, again);
         if (!rc) return;
+        if (*rc != 0) client->sayWhy(*rc);
         const bool wanted = client->askAfterConnect(*rc);
         if (*rc == 0) {
             client->addJob({{}, {}, 0, client->_restored});
@@ -275,10 +291,14 @@ std::optional<int> MqttClient::Impl::connectOnce(Messaging& messaging, bool agai
         sessionBegun();
     } else {
         log.error(format("Failed to connect, return code %d", rc));
-        log.information(format("no connection to %s: %s", withoutCredentials(options.address),
-                               connectFailureInWords(rc)));
     }
     return rc;
+}
+
+// Without a lock: this may take a while.
+void MqttClient::Impl::sayWhy(int rc) {
+    log.information(format("no connection to %s: %s", withoutCredentials(options.address),
+                           connectFailureInWords(options, rc)));
 }
 
 int MqttClient::Impl::attempt() {

@@ -77,6 +77,10 @@ void UnitLog::error(const std::exception& exc, int line) const noexcept {
     }
 }
 
+void UnitLog::warning(const std::string& text, int line) const noexcept {
+    write(_sourceFile, line, Poco::Message::PRIO_WARNING, text);
+}
+
 void UnitLog::information(const std::string& text, int line) const noexcept {
     write(_sourceFile, line, Poco::Message::PRIO_INFORMATION, text);
 }

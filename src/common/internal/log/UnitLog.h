@@ -15,6 +15,7 @@ public:
 
     void error(const std::string& text, int line = __builtin_LINE()) const noexcept;
     void error(const std::exception& exc, int line = __builtin_LINE()) const noexcept;
+    void warning(const std::string& text, int line = __builtin_LINE()) const noexcept;
     void information(const std::string& text, int line = __builtin_LINE()) const noexcept;
 
     /// Whether information() would write; saves building a long text.

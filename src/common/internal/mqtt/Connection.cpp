@@ -357,7 +357,7 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
     if (!call) return MQTTCLIENT_DISCONNECTED;
     // A second connect on a connected handle would leave the first connection's socket behind.
     leaveSession();
-    MQTTClient_connectOptions form = libraryOptions(options);
+    LibraryOptions form(options);
     const std::lock_guard<std::mutex> answer(_answerMutex);
     {
         const std::lock_guard<std::mutex> lock(_mutex);
@@ -365,7 +365,7 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
         _connecting = std::this_thread::get_id();
         _lostElsewhere = false;
     }
-    const int rc = MQTTClient_connect(_handle, &form);
+    const int rc = MQTTClient_connect(_handle, form.get());
     if (rc == 0) {
         logExceptions(log, [&] { platform::sendAtOnceTo(portOfServerUri(options.address)); });
     }
