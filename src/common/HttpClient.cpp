@@ -24,6 +24,7 @@
 
 #include "internal/log/UnitLog.h"
 #include "internal/process/LibraryStop.h"
+#include "internal/process/NeverDestroyed.h"
 #include "internal/tls/Tls.h"
 
 namespace kel {
@@ -48,19 +49,14 @@ struct UnderWay {
     // Guarded by mutex.
     int tasks = 0;
     std::set<HTTPClientSession*> sessions;
-    bool stopped = false;
+    bool stopped = false;  // until the next submission
 
     std::condition_variable ended;
 };
 
-void stopRequests();
-
 UnderWay& underWay() {
-    static UnderWay& instance = []() -> UnderWay& {
-        onLibraryStop(StopStage::kRequests, &stopRequests);
-        return *new UnderWay;
-    }();
-    return instance;
+    static NeverDestroyed<UnderWay> instance;
+    return *instance;
 }
 
 void stopRequests() {
@@ -81,7 +77,9 @@ void stopRequests() {
 class CountedTask {
 public:
     CountedTask() {
+        onLibraryStop(StopStage::kRequests, &stopRequests);
         const std::lock_guard<std::mutex> lock(underWay().mutex);
+        if (!processIsEnding()) underWay().stopped = false;
         ++underWay().tasks;
     }
     ~CountedTask() {
@@ -113,7 +111,7 @@ protected:
     void connect(const Poco::Net::SocketAddress& address) override {
         HTTPClientSession::connect(address);
         const std::lock_guard<std::mutex> lock(underWay().mutex);
-        if (underWay().stopped) throw Poco::IllegalStateException("the process is ending");
+        if (underWay().stopped) throw Poco::IllegalStateException("the library is being stopped");
         underWay().sessions.insert(this);
     }
 };

@@ -65,7 +65,6 @@ struct Timers {
     std::mutex mutex;
     // Guarded by mutex, as the timer of every hook.
     std::set<WebHookBasic*> hooks;
-    bool stopped = false;
 };
 
 Timers& timers() {
@@ -107,9 +106,9 @@ void WebHookBasic::reportServerStarted() {
 void WebHookBasic::reportServerKeepalive() {
     static const bool enable = hookEnabled();
     if (!enable) return;
-    static const bool registered = (onLibraryStop(StopStage::kRequests, &stopTimers), true);
     const std::lock_guard<std::mutex> lock(timers().mutex);
-    if (!registered || timers().stopped) return;
+    if (processIsEnding()) return;
+    onLibraryStop(StopStage::kRequests, &stopTimers);
     timers().hooks.insert(this);
     _timer = nullptr;  // ends a tick in progress
     for (auto& report : _reports) report.reset();
@@ -141,8 +140,8 @@ void WebHookBasic::onTimer(Poco::Timer&) {
 
 void WebHookBasic::stopTimers() {
     const std::lock_guard<std::mutex> lock(timers().mutex);
-    timers().stopped = true;
     for (WebHookBasic* hook : timers().hooks) hook->_timer = nullptr;
+    timers().hooks.clear();
     timerPool().stopAll();
 }
 

@@ -49,7 +49,7 @@ unsigned short serve(const EventsPtr& events) {
     kel::configInstance().setBool("hook.enable", true);
     kel::configInstance().setString("hook.on_server_started",
                                     "http://" + socket.address().toString() + "/report");
-    kel::WebHookBasic::defaultWebHook()->reportServerStarted();
+    kel::WebHookBasic::defaultWebHook()->reportServerKeepalive();  // the first one at once
     return port;
 }
 
