@@ -1,5 +1,6 @@
 // Usage: RunHost PROGRAM [ARGUMENT...]   runs the program until a line comes from standard input,
-// asks it then to end as Poco::Process::requestTermination() does, and ends with its exit code. Arguments must need no quotes.
+// asks it then to end as Poco::Process::requestTermination() does, and ends with its exit code.
+// Arguments must need no quotes.
 
 #include <windows.h>
 
