@@ -169,13 +169,11 @@ void expectNoMoreThreadsThan(std::size_t before) {
 }
 
 void loadAndUnload(const char* path, const char* broker) {
-    const std::size_t before = threads();
     void* plugin = nullptr;
     timed("load", [&] { plugin = loadLibrary(path); });
     expect(plugin, std::string("cannot load ") + path);
     for (int round = 0; round < 2; ++round) startAndStop(plugin, broker);
     timed("unload", [&] { unloadLibrary(plugin); });
-    expectNoMoreThreadsThan(before);
 }
 
 }  // namespace
@@ -186,7 +184,10 @@ int main(int argc, char** argv) {
         expect(loadLibrary(argv[i]), std::string("cannot load ") + argv[i]);
     }
     startNetwork();
-    for (int load = 0; load < 2; ++load) loadAndUnload(argv[1], argv[2]);
+    loadAndUnload(argv[1], argv[2]);
+    const std::size_t before = threads();  // with those that the system keeps for its own work
+    loadAndUnload(argv[1], argv[2]);
+    expectNoMoreThreadsThan(before);
     std::cout << "ended as it should" << std::endl;
     return 0;
 }
