@@ -12,6 +12,7 @@
 
 #include "Await.h"
 #include "Broker.h"
+#include "Certificates.h"
 #include "RawHttp.h"
 #include "Sandbox.h"
 
@@ -83,7 +84,9 @@ public:
         return RawClient(webPort()).send(request(line, body, headers)).read();
     }
 
-    void writeConfig(const std::string& text) const { _home.write(kConfigFile, text); }
+    void writeConfig(const std::string& text, const std::string& file = kConfigFile) const {
+        _home.write(file, text);
+    }
     std::string config() const { return contentOf(_home.path / kConfigFile); }
     std::string home() const { return _home.path; }
 
@@ -114,6 +117,7 @@ TEST(EdgeHost, EndsWithOneLineWhereItCannotUseWhatItIsGivenAndLeavesItsFileAlone
         {{}, R"([1])", 78, "/kelhost/edge_host.json"},
         {{}, R"({"http": {"port": )" + taken + "}}", 78, "no web API at 127.0.0.1, port " + taken},
         {{}, R"({"http": {"address": "0.0.0.0"}})", 78, "set http.openToNetwork to true"},
+        {{}, R"({"openSSL": {"server": {"certificateFile": "/dev/null"}}})", 78, "http.sslport"},
         {{},
          R"({"http": {"address": "0.0.0.0", "openToNetwork": true, "port": )" + taken + "}}",
          78,
@@ -220,7 +224,7 @@ TEST(EdgeHost, ShowsItsStateButNoSecretsOverItsWebApi) {
         {"GET /index/api/log?lines=200", "200", "requst url '"},
         {"GET /index/api/log?lines=0", "200", R"("lines":[])"},
         {"GET /index/api/messages?limit=-1", "200", R"("messages":[)"},
-        {"GET /index/api/settings", "200", R"("password":"***","username":"edge")"},
+        {"GET /index/api/settings", "200", R"("password":"***")"},
         {"GET /index/api/settings", "200",
          R"("on_server_started":"http://***@127.0.0.1:1/hook?***")"},
         {"GET /metrics", "200", "\nedge_host_connected 1\n"},
@@ -260,9 +264,17 @@ TEST(EdgeHost, CountsForPrometheus) {
             EXPECT_EQ(typed, parts[3]);
         }
     }
-    for (const char* name : {"edge_host_published_total", "edge_host_readings_total",
-                             "kelcommon_http_requests_total", "process_start_time_seconds"})
+    for (const char* name :
+         {"edge_host_published_total", "edge_host_readings_total", "kelcommon_http_requests_total",
+          "kelcommon_mqtt_received_total", "kelcommon_log_lines_total",
+          "kelcommon_pool_threads_used", "process_start_time_seconds"})
         EXPECT_EQ(1u, names.count(name)) << name << " in " << reply;
+
+    // Prometheus' own check, where there is one (Debian's package "prometheus").
+    if (std::system("command -v promtool >/dev/null") != 0) GTEST_SKIP() << "no promtool";
+    const TempFolder folder;
+    const std::string text = folder.write("metrics", body.str());
+    EXPECT_EQ(0, std::system(("promtool check metrics <" + text).c_str()));
 }
 
 TEST(EdgeHost, AnswersOnlyWhoKnowsTheKeyAndIsNoOtherSitesPage) {
@@ -335,6 +347,54 @@ TEST(EdgeHost, AnswersOnlyWhoKnowsTheKeyAndIsNoOtherSitesPage) {
     EXPECT_NE(std::string::npos, messages.find("wanted"));
     EXPECT_EQ(std::string::npos, messages.find("forged")) << messages;
 }
+
+#ifdef KEL_WITH_TLS
+// The two files are those that the defaults of every first start name; what is unsafe among these
+// defaults is used, and named.
+TEST(EdgeHost, SpeaksTlsToAllWhereItHasACertificate) {
+    const Certificates files;
+    const Broker broker(Broker::Login::kAnonymous,
+                        "require_certificate true\ncafile " + files["root.pem"] + "\ncertfile " +
+                            files["good.pem"] + "\nkeyfile " + files["good.key"] + "\n");
+    EdgeHost host;
+    host.writeConfig(contentOf(files["shipped.key"]) + contentOf(files["good.pem"]),
+                     "kelhost/any.pem");
+    host.writeConfig(contentOf(files["root.pem"]), "kelhost/rootcert.pem");
+    const std::string port = std::to_string(freePort()), address = "https://localhost:" + port;
+    const std::string hook = "/index/api/on_server_started?secret=" + kHookSecret;
+    host.start({"--default=mqtt.address=mqtts://localhost:" + std::to_string(broker.port()),
+                "--default=mqtt.authorities=" + files["root.pem"],
+                "--default=mqtt.certificate=" + files["good.pem"],
+                "--default=mqtt.privateKey=" + files["good.key"],
+                "--default=openSSL.client.caConfig=" + files["root.pem"],
+                "--default=http.address=0.0.0.0", "--default=http.hostNames=localhost",
+                "--default=http.sslport=" + port, "--default=hook.enable=true",
+                "--default=hook.on_server_started=" + address + hook});
+    EXPECT_TRUE(host.awaitLog("status page: " + address + "/status"));
+    EXPECT_TRUE(host.awaitLog("connected to mqtts://localhost:"));
+    EXPECT_TRUE(host.awaitLog("report 1 of a server at 127.0.0.1"));
+    const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
+        {"https", address, R"("connected":true)"},
+        {"https", "http://localhost:" + port, "pages of other sites"},
+        {"http", address, "curl: ("},
+    };
+    for (const auto& [scheme, origin, says] : cases) {
+        const std::string reply =
+            shell("curl -sS --max-time 20 --cacert " + files["root.pem"] +
+                  " -H 'Authorization: Bearer " + kKey + "' -H 'Origin: " + origin + "' " + scheme +
+                  "://localhost:" + port + "/index/api/state || true");
+        EXPECT_NE(std::string::npos, reply.find(says)) << scheme << " " << origin << "\n" << reply;
+    }
+    host.signal(SIGTERM);
+    EXPECT_EQ(0, host.exitCode());
+    for (const char* unsafe :
+         {"verificationMode: ", "cipherList: ", "invalidCertificateHandler.name: ",
+          "privateKeyPassphraseHandler.options.password: "}) {
+        EXPECT_TRUE(host.awaitLog(std::string("openSSL.server.") + unsafe));
+    }
+    EXPECT_EQ(std::string::npos, host.output().find("vellum"));
+}
+#endif
 
 TEST(EdgeHost, AnswersAtOnceWhileTheBrokerAcknowledgesNothing) {
     Broker broker;

@@ -21,12 +21,23 @@ void tell(bool up, const std::string& detail) {
     kel::NotificationCenter::defaultCenter().postNotification(new LinkNotification(up, detail));
 }
 
+kel::MqttOptions optionsOf(const Settings& settings) {
+    kel::MqttOptions options;
+    options.authorities = settings.authorities;
+    options.certificate = settings.certificate;
+    options.privateKey = settings.privateKey;
+    options.privateKeyPassphrase = settings.privateKeyPassphrase;
+    options.checkServerName = settings.checkServerName;
+    return options;
+}
+
 }  // namespace
 
 Link::Link(const Settings& settings)
     : _address(status_page::Disclosure::withoutCredentials(settings.address)),
       _client(kel::MqttClient::createInstance(settings.address, settings.clientId,
-                                              settings.username, settings.password)) {}
+                                              settings.username, settings.password,
+                                              optionsOf(settings))) {}
 
 void Link::onJson(const std::string& topic, int qos, kel::MqttClient::JsonMessageHandler handler) {
     auto noting = [weak = weak_from_this(), handler](const Poco::JSON::Object& message,

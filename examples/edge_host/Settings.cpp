@@ -71,6 +71,11 @@ void Settings::visit(Self& self, Visitor&& visitor) {
     visitor("mqtt.clientId", self.clientId);
     visitor("mqtt.username", self.username);
     visitor("mqtt.password", self.password);
+    visitor("mqtt.authorities", self.authorities);
+    visitor("mqtt.certificate", self.certificate);
+    visitor("mqtt.privateKey", self.privateKey);
+    visitor("mqtt.privateKeyPassphrase", self.privateKeyPassphrase);
+    visitor("mqtt.checkServerName", self.checkServerName);
     visitor("topics.telemetry", self.telemetryTopic);
     visitor("topics.alarms", self.alarmTopic);
     visitor("topics.bus", self.busTopic);
@@ -78,11 +83,13 @@ void Settings::visit(Self& self, Visitor&& visitor) {
     visitor("bus.askEveryMs", self.askEvery);
     visitor("http.address", self.page.address);
     visitor(kel::http::kPort.c_str(), self.page.port);
+    visitor(kel::http::kSslPort.c_str(), self.page.tlsPort);
     visitor("http.openToNetwork", self.page.openToNetwork);
     visitor("http.hostNames", self.page.hostNames);
     visitor("http.scheme", self.page.scheme);
     visitor("http.key", self.page.key);
     visitor("http.hookSecret", self.page.hookSecret);
+    visitor("openSSL.client.caConfig", self.hookAuthorities);
 }
 
 std::vector<std::string> Settings::shownKeys() {
@@ -90,6 +97,10 @@ std::vector<std::string> Settings::shownKeys() {
             "mqtt.address",
             "mqtt.clientId",
             "mqtt.username",
+            "mqtt.authorities",
+            "mqtt.certificate",
+            "mqtt.privateKey",
+            "mqtt.checkServerName",
             "topics.telemetry",
             "topics.alarms",
             "topics.bus",
@@ -111,6 +122,10 @@ std::vector<std::string> Settings::shownKeys() {
             "hook.retry_delay",
             "hook.on_server_started",
             "hook.on_server_keepalive",
+            "openSSL.client.caConfig",
+            "openSSL.server.privateKeyFile",
+            "openSSL.server.certificateFile",
+            "openSSL.server.caConfig",
             "openSSL.server.verificationMode",
             "openSSL.server.verificationDepth",
             "openSSL.server.loadDefaultCAFile",

@@ -16,6 +16,15 @@ struct Settings {
     std::string username;
     std::string password;
 
+    // With an address "ssl://" or "mqtts://": PEM files; an empty one is not used.
+    std::string authorities;  // who may vouch for the broker; empty: the system's
+    std::string certificate;  // this host's own
+    std::string privateKey;   // empty: in the certificate's file
+    std::string privateKeyPassphrase;
+    bool checkServerName = true;
+
+    std::string hookAuthorities;  // for https URLs of the web hook; empty: the system's
+
     // A filter is found anywhere in a topic up to its first "/#": choose stems that occur nowhere
     // else. Bus topics begin with "/kelbus" and are logged message by message.
     std::string telemetryTopic = "/plant1/sensors/#";

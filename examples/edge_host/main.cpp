@@ -116,7 +116,10 @@ Settings EdgeHost::defaults() const {
     Settings settings;
     if (!_role.empty()) settings.role = _role;
     settings.clientId = "edge-" + settings.role;
-    if (settings.role != "server") ++settings.page.port;  // both roles on one machine
+    if (settings.role != "server") {  // both roles on one machine
+        ++settings.page.port;
+        ++settings.page.tlsPort;
+    }
     kel::initHttpOption();
     kel::initRpcOption();
     kel::initSSLOption();

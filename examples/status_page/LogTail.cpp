@@ -16,7 +16,7 @@ namespace status_page {
 
 namespace {
 
-constexpr std::streamoff kTailBytes = 64 * 1024;
+constexpr std::streamoff kTailBytes = std::streamoff{64} << 10;
 
 // Log files are called "<executable>-<date>.log", so the last by name is the newest.
 std::string newestLog() {

@@ -1,9 +1,9 @@
 #include "Metrics.h"
 
 #include <Poco/String.h>
-#include <common/ThreadPool.h>
-#include <common/WebApiBasic.h>
+#include <common/Statistics.h>
 
+#include <cstdint>
 #include <limits>
 #include <sstream>
 
@@ -17,6 +17,8 @@ std::string escaped(std::string text) {
     return text;
 }
 
+}  // namespace
+
 std::string labelsText(const Metric::Labels& labels) {
     std::string text;
     for (const auto& [name, value] : labels) {
@@ -25,8 +27,6 @@ std::string labelsText(const Metric::Labels& labels) {
     }
     return text.empty() ? text : text + "}";
 }
-
-}  // namespace
 
 std::string prometheusText(const std::vector<Metric>& metrics) {
     std::ostringstream text;
@@ -43,34 +43,108 @@ std::string prometheusText(const std::vector<Metric>& metrics) {
     return text.str();
 }
 
+// --- The library's -----------------------------------------------------------------------------
+
+namespace {
+
+// One metric for each value of a label.
+template <typename Count>
+using Labelled = std::vector<std::pair<std::string, Count>>;
+
+class Metrics {
+public:
+    void counter(const std::string& name, const std::string& help, std::uint64_t value) {
+        add(name, help, Metric::kCounter, value, {});
+    }
+
+    void gauge(const std::string& name, const std::string& help, std::uint64_t value) {
+        add(name, help, Metric::kGauge, value, {});
+    }
+
+    void counters(const std::string& name, const std::string& help, const std::string& label,
+                  const Labelled<std::uint64_t>& values) {
+        for (const auto& [text, value] : values) {
+            add(name, help, Metric::kCounter, value, {{label, text}});
+        }
+    }
+
+    void pools(const Labelled<kel::PoolStatistics>& pools) {
+        for (const auto& [name, pool] : pools) {
+            add("pool_threads", "Threads.", Metric::kGauge, pool.threads, {{"pool", name}});
+        }
+        for (const auto& [name, pool] : pools) {
+            add("pool_threads_used", "Threads that run something.", Metric::kGauge, pool.used,
+                {{"pool", name}});
+        }
+        for (const auto& [name, pool] : pools) {
+            add("pool_threads_limit", "Most threads that there may be.", Metric::kGauge, pool.limit,
+                {{"pool", name}});
+        }
+    }
+
+    std::vector<Metric> all;
+
+private:
+    void add(const std::string& name, const std::string& help, Metric::Type type,
+             std::uint64_t value, Metric::Labels labels) {
+        all.push_back(
+            {"kelcommon_" + name, help, type, static_cast<double>(value), std::move(labels)});
+    }
+};
+
+Labelled<std::uint64_t> byQos(const kel::MqttStatistics::ByQos& counts) {
+    return {{"0", counts[0]}, {"1", counts[1]}, {"2", counts[2]}};
+}
+
+void addMqtt(Metrics& to, const kel::MqttStatistics& mqtt) {
+    to.counters("mqtt_received_total", "Messages received.", "qos", byQos(mqtt.received));
+    to.counters("mqtt_published_total", "Messages accepted for publishing.", "qos",
+                byQos(mqtt.published));
+    to.counter("mqtt_confirmed_total", "Deliveries confirmed by the broker.", mqtt.confirmed);
+    to.counter("mqtt_refused_total", "Publishes that were not accepted.", mqtt.refused);
+    to.counter("mqtt_handled_inline_total", "Messages that found the handlers' pool full.",
+               mqtt.handledInline);
+    to.counter("mqtt_reconnections_total", "Sessions that followed a lost one.",
+               mqtt.reconnections);
+    to.gauge("mqtt_queue_depth", "Messages that wait to be handed out.", mqtt.queue.depth);
+    to.gauge("mqtt_queue_high_water", "The most there have been.", mqtt.queue.highWater);
+}
+
+void addHttp(Metrics& to, const kel::HttpStatistics& http) {
+    to.gauge("http_connections", "Connections to the web API that are served.", http.connections);
+    to.gauge("http_queue_depth", "Connections that wait for a thread.", http.queued);
+    to.gauge("http_queue_high_water", "The most that waited while no thread was free.",
+             http.mostQueued);
+    to.counter("http_refused_total", "Connections refused as being in excess.", http.refused);
+    to.counter("http_requests_total", "Requests to the web API.", http.requests);
+    to.counters("http_replies_total", "Replies of the web API by class of their status.", "status",
+                {{"2xx", http.status2xx},
+                 {"3xx", http.status3xx},
+                 {"4xx", http.status4xx},
+                 {"5xx", http.status5xx}});
+}
+
+void addLog(Metrics& to, const kel::LogStatistics& log) {
+    to.counter("log_lines_total", "Lines logged.", log.lines);
+    to.counter("log_written_total", "Lines written to the file.", log.written);
+    to.counters("log_dropped_total", "Lines that an output lost.", "output",
+                {{"file", log.droppedByFile}, {"console", log.droppedByConsole}});
+    to.gauge("log_queue_bytes", "Lines that wait to be formatted.", log.queueBytes.depth);
+    to.gauge("log_queue_high_water_bytes", "The most there have been.", log.queueBytes.highWater);
+}
+
+}  // namespace
+
 std::vector<Metric> libraryMetrics() {
-    kel::ThreadPool& pool = kel::ThreadPool::defaultPool();
-    const kel::HttpStatistics http = kel::WebApiBasic::instance()->statistics();
-    const auto gauge = Metric::kGauge, counter = Metric::kCounter;
-    const auto number = [](auto count) { return static_cast<double>(count); };
-    const std::string replies = "kelcommon_http_replies_total";
-    const std::string repliesHelp = "Replies of the web API by class of their status.";
-    return {
-        {"kelcommon_http_connections", "Connections to the web API that are served.", gauge,
-         number(http.connections)},
-        {"kelcommon_http_queued", "Connections that wait for a thread.", gauge,
-         number(http.queued)},
-        {"kelcommon_http_refused_total", "Connections refused as being in excess.", counter,
-         number(http.refused)},
-        {"kelcommon_http_requests_total", "Requests to the web API.", counter,
-         number(http.requests)},
-        {replies, repliesHelp, counter, number(http.status2xx), {{"status", "2xx"}}},
-        {replies, repliesHelp, counter, number(http.status3xx), {{"status", "3xx"}}},
-        {replies, repliesHelp, counter, number(http.status4xx), {{"status", "4xx"}}},
-        {replies, repliesHelp, counter, number(http.status5xx), {{"status", "5xx"}}},
-        {"kelcommon_pool_tasks", "Tasks that wait or run in the default pool.", gauge,
-         number(pool.pendingTasks())},
-        {"kelcommon_pool_threads", "Threads of the default pool.", gauge, number(pool.allocated())},
-        {"kelcommon_pool_threads_used", "Threads of the default pool that run a task.", gauge,
-         number(pool.used())},
-        {"kelcommon_pool_threads_limit", "Most threads that the default pool may have.", gauge,
-         number(pool.capacity())},
-    };
+    const kel::Statistics library = kel::statistics();
+    Metrics metrics;
+    addMqtt(metrics, library.mqtt);
+    addHttp(metrics, library.http);
+    addLog(metrics, library.log);
+    metrics.pools({{"default", library.pool},
+                   {"handlers", library.mqtt.handlers},
+                   {"background", library.mqtt.background}});
+    return std::move(metrics.all);
 }
 
 }  // namespace status_page

@@ -21,6 +21,9 @@ struct Metric {
 /// The metrics in Prometheus' text format (version 0.0.4).
 std::string prometheusText(const std::vector<Metric>& metrics);
 
+/// `{name="value",...}`; "" without labels.
+std::string labelsText(const Metric::Labels& labels);
+
 /// What the library counts in this process. The only place to add to.
 std::vector<Metric> libraryMetrics();
 

@@ -7,11 +7,11 @@
 
 #include "StatusPage.h"
 
+#include <Poco/File.h>
 #include <Poco/Format.h>
 #include <Poco/Logger.h>
 #include <Poco/Net/IPAddress.h>
 #include <Poco/Net/MediaType.h>
-#include <Poco/Net/NetException.h>
 #include <Poco/NumberParser.h>
 #include <Poco/StreamCopier.h>
 #include <Poco/String.h>
@@ -19,6 +19,7 @@
 #include <common/HttpServer.h>
 #include <common/Logger.h>
 #include <common/ThreadPool.h>
+#include <common/Tls.h>
 #include <common/Utils.h>
 
 #include <algorithm>
@@ -44,6 +45,24 @@ const std::string kApi = "/index/api/";
 constexpr std::size_t kReports = 10;
 constexpr std::size_t kLineLimit = 1000;  // bytes shown of a line
 constexpr std::streamsize kLongestBody = 256 * 1024;
+
+// --- Listening ---------------------------------------------------------------------------------
+
+// Whoever listens in on a network would learn the key.
+void expectPrivate(const SocketAddress& address, bool openToNetwork) {
+    if (address.host().isLoopback() || openToNetwork) return;
+    throw Poco::InvalidAccessException(
+        Poco::format("the web API would be open to the network without TLS at %s (setting "
+                     "http.address): set http.openToNetwork to true if that is wanted, or provide "
+                     "the certificate %s",
+                     address.host().toString(), kel::serverCertificateFile()));
+}
+
+// The library's defaults name a certificate that most machines do not have.
+bool hasCertificate() {
+    const std::string file = kel::serverCertificateFile();
+    return !file.empty() && Poco::File(file).exists();
+}
 
 // --- Replies -----------------------------------------------------------------------------------
 
@@ -152,6 +171,18 @@ Object::Ptr serverState(const kel::HttpStatistics& server) {
     return state;
 }
 
+// The same as "/metrics" has of the library, for the page.
+Poco::JSON::Array::Ptr libraryState() {
+    Poco::JSON::Array::Ptr state(new Poco::JSON::Array);
+    for (const Metric& metric : libraryMetrics()) {
+        Object::Ptr number(new Object);
+        number->set("name", metric.name + labelsText(metric.labels));
+        number->set("value", metric.value);
+        state->add(number);
+    }
+    return state;
+}
+
 std::vector<std::string> namesIn(const std::string& list) {
     using Poco::StringTokenizer;
     const StringTokenizer names(Poco::toLower(list), ",",
@@ -168,21 +199,20 @@ const char* typeOf(const std::string& file) {
 }  // namespace
 
 ServerSocket StatusPage::listen(const PageSettings& settings) {
+    const bool overTls = hasCertificate();
+    const Poco::UInt16 port = overTls ? settings.tlsPort : settings.port;
     try {
-        const SocketAddress address(settings.address, settings.port);
-        if (!address.host().isLoopback() && !settings.openToNetwork) {
-            throw Poco::InvalidAccessException(
-                Poco::format("the web API would be open to the network without TLS at %s (setting "
-                             "http.address): set http.openToNetwork to true if that is wanted",
-                             settings.address));
-        }
+        const SocketAddress address(settings.address, port);
+        if (overTls) return kel::secureServerSocket(address);
+        expectPrivate(address, settings.openToNetwork);
         return kel::serverSocket(address);
     } catch (const Poco::InvalidAccessException&) {
         throw;
     } catch (const Poco::Exception& exc) {
-        throw Poco::IOException(
-            Poco::format("no web API at %s, port %hu (settings http.address, http.port): %s",
-                         settings.address, settings.port, exc.displayText()));
+        throw Poco::IOException(Poco::format(
+            "no web API at %s, port %hu (settings http.address, %s): %s", settings.address, port,
+            std::string(overTls ? "http.sslport, openSSL.server.*" : "http.port"),
+            exc.displayText()));
     }
 }
 
@@ -190,7 +220,8 @@ StatusPage::StatusPage(const PageSettings& settings, const ServerSocket& socket)
     : _settings(settings),
       _socket(socket),
       _scheme(socket.secure() ? "https" : settings.scheme),
-      _access(settings.key, namesIn(settings.hostNames), _scheme),
+      _hostNames(namesIn(settings.hostNames)),
+      _access(settings.key, _hostNames, _scheme),
       _disclosure(settings.shownSettings) {}
 
 void StatusPage::start(const std::shared_ptr<Host>& host) {
@@ -212,8 +243,12 @@ void StatusPage::stop() {
 
 std::string StatusPage::address() const {
     SocketAddress at = _socket.address();
-    if (at.host().isWildcard()) at = SocketAddress("127.0.0.1", at.port());
-    return _scheme + "://" + at.toString() + "/status";
+    const bool everywhere = at.host().isWildcard();
+    if (everywhere) at = SocketAddress("127.0.0.1", at.port());
+    const bool byName = everywhere && _socket.secure() && !_hostNames.empty();
+    const std::string authority =
+        byName ? _hostNames.front() + ":" + std::to_string(at.port()) : at.toString();
+    return _scheme + "://" + authority + "/status";
 }
 
 // --- Routes ------------------------------------------------------------------------------------
@@ -355,6 +390,7 @@ void StatusPage::state(const Exchange&, Object& result) {
     result.set("queue", queueState());
     result.set("pool", poolState());
     result.set("server", serverState(_api->statistics()));
+    result.set("library", libraryState());
     result.set("reports", reports());
 }
 

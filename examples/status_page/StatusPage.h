@@ -25,10 +25,11 @@ namespace status_page {
 /// are JSON objects with a "code", 0 or -1, and with "msg" where that is -1.
 class StatusPage : public std::enable_shared_from_this<StatusPage> {
 public:
-    /// A socket that listens where the settings say.
-    /// @throws Poco::InvalidAccessException  the address is no loopback address and may not be
-    ///         served without TLS.
-    /// @throws Poco::IOException  the port cannot be had. Both name the settings.
+    /// A socket that listens where the settings say; it speaks TLS where there is a certificate.
+    /// @throws Poco::InvalidAccessException  the address is no loopback address, there is no
+    ///         certificate, and without TLS it may not be served.
+    /// @throws Poco::IOException  the port or the certificate cannot be had. Both name the settings
+    ///         or the file.
     static Poco::Net::ServerSocket listen(const PageSettings& settings);
 
     /// Takes a copy of the configuration for show.
@@ -42,7 +43,9 @@ public:
     /// the page is destroyed: its destructor waits for a publish in progress.
     void stop();
 
-    /// The page's address, without and with the key. The second one is a secret.
+    /// The page's address, without and with the key. The second one is a secret. Where it is served
+    /// at every address of the machine: by the first of the host names if over TLS, since
+    /// certificates are for names, else by the loopback address.
     std::string address() const;
     std::string link() const { return address() + "#key=" + _settings.key; }
 
@@ -85,6 +88,7 @@ private:
     const PageSettings _settings;
     const Poco::Net::ServerSocket _socket;
     const std::string _scheme;
+    const std::vector<std::string> _hostNames;
     const Access _access;
     const Disclosure _disclosure;
     const Poco::Timestamp _started;

@@ -15,6 +15,7 @@
 #include <mutex>
 #include <utility>
 
+#include "internal/http/AllServers.h"
 #include "internal/http/ConnectionServer.h"
 #include "internal/platform/Platform.h"
 #include "internal/process/LibraryStop.h"
@@ -40,19 +41,20 @@ Servers& servers() {
     return *instance;
 }
 
-std::list<std::shared_ptr<ConnectionServer>> takeServers() {
-    std::list<std::shared_ptr<ConnectionServer>> taken;
+// To be let go without the lock.
+std::list<std::shared_ptr<ConnectionServer>> startedServers(bool take = false) {
+    std::list<std::shared_ptr<ConnectionServer>> started;
     const std::lock_guard<std::mutex> lock(servers().mutex);
     for (const auto& held : servers().all) {
-        if (auto server = held.lock()) taken.push_back(std::move(server));
+        if (auto server = held.lock()) started.push_back(std::move(server));
     }
-    servers().all.clear();
-    return taken;
+    if (take) servers().all.clear();
+    return started;
 }
 
 // A callback that never returns holds this up once: the servers are taken off the list.
 void stopAll() {
-    const auto all = takeServers();
+    const auto all = startedServers(true);
     for (const auto& server : all) server->stop();
     const auto end = Clock::now() + kRequestGrace;
     for (const auto& server : all) server->awaitRequestsInProgress(end);
@@ -78,6 +80,16 @@ void registerForStop(const std::shared_ptr<ConnectionServer>& server) {
 }
 
 }  // namespace
+
+HttpStatistics httpStatisticsOfAllServers() {
+    HttpStatistics numbers = HttpCounters::ofProcess().snapshot();
+    for (const auto& server : startedServers()) {
+        const HttpStatistics its = server->statistics();
+        numbers.connections += its.connections;
+        numbers.queued += its.queued;
+    }
+    return numbers;
+}
 
 struct HttpServer::Inside {
     Poco::Net::ServerSocket socket;

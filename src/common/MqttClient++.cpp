@@ -17,6 +17,7 @@
 #include <Poco/Exception.h>
 #include <Poco/Format.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <deque>
@@ -48,6 +49,7 @@ constexpr UnitLog log("src/common/MqttClient++");
 constexpr auto kPauseBeforeCreate = 1000ms;
 constexpr auto kPauseBeforeRetry = 3000ms;
 constexpr auto kPauseBetweenPings = 2000ms;
+constexpr auto kLongest = 24h;  // a wait that is longer could exceed the clock's range
 
 // Of one packet that subscribes; brokers take more, but answer later.
 constexpr std::size_t kMostFilters = 1000;
@@ -111,6 +113,8 @@ struct MqttClient::Impl : ConnectionEvents, std::enable_shared_from_this<MqttCli
                          std::vector<int> qos);
     void unsubscribe(const std::string& topic);
     bool unsubscribeAtBroker(const std::string& topic);
+
+    bool publish(const std::string& topic, int qos, const std::function<int(Connection&)>& call);
 
     // Told by the connection
     void messageArrived(Message message, bool mayWait) override;
@@ -547,17 +551,37 @@ bool MqttClient::Impl::unsubscribeAtBroker(const std::string& topic) {
 
 bool MqttClient::PublishMessage(std::string payload, std::string topic, int qos, int retained,
                                 int /*token*/) {
-    // Threads of the host may go on publishing; the logger is about to go.
-    if (processIsEnding()) return false;
+    return _impl->publish(
+        topic, qos, [&](Connection& to) { return to.publish(payload, topic, qos, retained); });
+}
+
+bool MqttClient::PublishAndWait(std::string payload, std::string topic, int qos, int retained,
+                                std::chrono::milliseconds deadline) {
+    using Fate = Receipt::Fate;
+    const auto end =
+        Receipt::Clock::now() + std::min<std::chrono::milliseconds>(deadline, kLongest);
+    Fate fate = Fate::kOpen;
+    const bool accepted = _impl->publish(topic, qos, [&](Connection& to) {
+        return to.publishAndWait(payload, topic, qos, retained, end, fate);
+    });
+    if (!accepted || fate == Fate::kConfirmed) return accepted;
+    log.error(format(fate == Fate::kOpen ? "no confirmation in time for topic %s"
+                                         : "connection lost before the confirmation for topic %s",
+                     topic));
+    return false;
+}
+
+bool MqttClient::Impl::publish(const std::string& topic, int qos,
+                               const std::function<int(Connection&)>& call) {
     try {
-        const std::shared_ptr<Connection> to = _impl->connection();
+        const std::shared_ptr<Connection> to = connection();
         if (!to) {
             log.error(format("Failed to publish message for topic=%s, mqtt client is null", topic));
-        } else if (!_impl->_connected) {
+        } else if (!_connected) {
             log.error(
                 format("Failed to publish message for topic=%s, mqtt is not connected", topic));
         } else {
-            const int rc = to->publish(payload, topic, qos, retained);
+            const int rc = call(*to);
             if (rc == 0) {
                 ++messagingCounters().published[static_cast<std::size_t>(qos)];
                 return true;

@@ -3,6 +3,7 @@
 #include <MQTTClient.h>
 #include <Poco/JSON/Object.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -119,6 +120,17 @@ public:
     ///         the library's code for too many messages in flight) in a delivery callback, and in
     ///         an inline handler that would have to wait while its queue is full twice over.
     bool PublishMessage(std::string payload, std::string topic, int qos, int retained, int token);
+
+    /// As PublishMessage(), and waits until the broker has confirmed the message.
+    /// @param deadline  longest wait, for a place among the ten unacknowledged ones and for the
+    ///        confirmation together; the first may overrun it by 100 ms.
+    /// @return whether it has been confirmed; at QoS 0, which knows no confirmation, whether it has
+    ///         been accepted. False at once where PublishMessage() is refused; also when the
+    ///         connection goes, and when `deadline` passes: the message may still arrive then.
+    /// May be called wherever PublishMessage() may, from handlers too. The delivery callback is
+    /// told as well.
+    bool PublishAndWait(std::string payload, std::string topic, int qos, int retained,
+                        std::chrono::milliseconds deadline);
 
     /// The client id; "" (and an error line) if it is empty.
     std::string getstation();

@@ -4,6 +4,8 @@
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
 
+#include <string>
+
 #include "Export.h"
 
 namespace Poco::Net {
@@ -32,5 +34,12 @@ KEL_API Poco::Net::ServerSocket secureServerSocket(const Poco::Net::SocketAddres
 /// filled in where the host has not set these keys. A default that initSSLOption() writes and that
 /// is not safe is used, and named in a warning. Errors as secureServerSocket(). Threads: any.
 KEL_API Poco::AutoPtr<Poco::Net::Context> makeServerContext();
+
+/// The certificate file that "openSSL.server.*" names, with references filled in; empty if none. As
+/// every configuration file names one from its first start on, whether it exists tells whether
+/// HTTPS is wanted. Also in a library without TLS.
+/// @throws Poco::InvalidArgumentException  the setting cannot be read; the text names the key.
+/// Threads: any.
+KEL_API std::string serverCertificateFile();
 
 }  // namespace kel

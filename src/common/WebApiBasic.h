@@ -7,12 +7,12 @@
 
 #include <chrono>
 #include <functional>
-#include <initializer_list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "Export.h"
 #include "HttpStatistics.h"
@@ -24,13 +24,22 @@ class HttpServer;
 /// The process's web API: handlers by URL path, behind one HTTP server.
 /// @code
 ///   auto api = kel::WebApiBasic::instance();
-///   api->apiRegist("/index/api/add", [](auto&, auto&, const auto& params, auto& result) {
-///       result.set("sum", std::stoi(params.at("a")) + std::stoi(params.at("b")));
+///   api->apiRegist("/index/api/half", {"GET"},
+///                  [](auto&, auto& response, const auto& params, auto& result) {
+///       const auto n = params.find("n");
+///       int number = 0;
+///       if (n == params.end() || !Poco::NumberParser::tryParse(n->second, number)) {
+///           response.setStatus(Poco::Net::HTTPResponse::HTTP_BAD_REQUEST);
+///           result.set("msg", "n is to be a number");
+///           return;
+///       }
+///       result.set("half", number / 2);
 ///   });
 ///   api->start(kel::serverSocket({"127.0.0.1", 9528}));
 /// @endcode
-/// A path is matched exactly, letter case and a trailing slash included; the method is not looked
-/// at. An unknown path is answered with {"code": -1, "msg": "api not found"} and status 200.
+/// A path is matched exactly, letter case and a trailing slash included; the method is looked at
+/// only where the route names some. An unknown path is answered with {"code": -1, "msg": "api not
+/// found"} and status 200.
 ///
 /// Errors: what a handler throws is logged; after a Poco::Exception the client gets status 500,
 /// after any other its connection is closed without a reply. Nothing a client sends ends the
@@ -78,6 +87,16 @@ public:
     void apiRegist(std::string path, ApiJsonHandler handler);
     void apiRegist(std::string path, ApiJsonBodyHandler handler);
 
+    /// Methods of a route, in capitals: {"GET", "HEAD"}.
+    using Methods = std::vector<std::string>;
+
+    /// As above, for requests with one of these methods. Others are answered with status 405, the
+    /// methods under "Allow" and {"code": -1, "msg": "method not allowed"}; that is not logged.
+    /// @throws Poco::InvalidArgumentException  `methods` is empty.
+    void apiRegist(std::string path, Methods methods, ApiHandler handler);
+    void apiRegist(std::string path, Methods methods, ApiJsonHandler handler);
+    void apiRegist(std::string path, Methods methods, ApiJsonBodyHandler handler);
+
     /// Serves the registered routes on `socket`, and the two built-in ones "/" and
     /// "/index/api/getApiList", which send no reply unless the host registers its own afterwards.
     ///
@@ -106,6 +125,9 @@ private:
     static void apiNotFound(Poco::Net::HTTPServerResponse& response);
     static void apiSuccess(Poco::Net::HTTPServerResponse& response);
     static void bodyNotFound(Poco::Net::HTTPServerResponse& response);
+
+    static ApiHandler plain(ApiJsonHandler handler);
+    static ApiHandler plain(ApiJsonBodyHandler handler);
 
     template <typename Handler, typename... Body>
     static void answerJson(const Handler& handler, Poco::Net::HTTPServerRequest& request,

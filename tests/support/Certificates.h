@@ -1,6 +1,5 @@
 #pragma once
 
-#include <filesystem>
 #include <string>
 
 #include "Command.h"
@@ -50,12 +49,6 @@ chmod a+r *)");
     }
 
     std::string operator[](const std::string& name) const { return _folder.path / name; }
-
-    /// Puts `from` in the place of `to`.
-    void replace(const std::string& to, const std::string& from) const {
-        std::filesystem::copy_file((*this)[from], (*this)[to],
-                                   std::filesystem::copy_options::overwrite_existing);
-    }
 
 private:
     const TempFolder _folder;

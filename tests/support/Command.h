@@ -1,9 +1,6 @@
 #pragma once
 
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <stdexcept>
@@ -23,23 +20,12 @@ inline std::string shell(const std::string& line) {
 /// A process of the test's own, started by a shell line and ended by the destructor.
 class Background {
 public:
-    explicit Background(const std::string& line) {
-        int ends[2];
-        if (::pipe(ends) != 0) throw std::runtime_error("no pipe");
-        _output = ::fdopen(ends[0], "r");
-        _process = ::fork();
-        if (_process == 0) {
-            ::dup2(ends[1], STDOUT_FILENO);
-            ::close(ends[0]);
-            ::execl("/bin/sh", "sh", "-c", ("exec " + line).c_str(), nullptr);
-            ::_exit(127);
-        }
-        ::close(ends[1]);
-    }
+    explicit Background(const std::string& line)
+        : _output(::popen(("echo pid $$; exec " + line).c_str(), "r")),
+          _process(std::stoi(lineAfter("pid "))) {}
     ~Background() {
         ::kill(_process, SIGKILL);
-        ::waitpid(_process, nullptr, 0);
-        std::fclose(_output);
+        ::pclose(_output);
     }
     Background(const Background&) = delete;
     Background& operator=(const Background&) = delete;
@@ -49,14 +35,13 @@ public:
         char line[512];
         while (std::fgets(line, sizeof line, _output)) {
             const std::string text(line);
-            if (text.compare(0, word.size(), word) == 0) {
-                return text.substr(word.size(), text.find_last_not_of("\r\n") + 1 - word.size());
-            }
+            if (text.starts_with(word))
+                return text.substr(word.size(), text.size() - word.size() - 1);
         }
         throw std::runtime_error("ended before it wrote " + word);
     }
 
 private:
-    FILE* _output = nullptr;
-    pid_t _process = -1;
+    FILE* const _output;
+    const pid_t _process;
 };

@@ -145,7 +145,7 @@ function duration(seconds) {
     return seconds + ' s';
 }
 
-function showState({host, connection, traffic, counters, queue, pool, server, reports}) {
+function showState({host, connection, traffic, counters, queue, pool, server, library, reports}) {
     document.title = host.role + ' – ' + host.name;
     say('name', host.name);
     say('about', `${host.version} · ${host.role} · ${host.clientId} · up ${duration(host.upSeconds)}`);
@@ -163,6 +163,7 @@ function showState({host, connection, traffic, counters, queue, pool, server, re
     say('pool', `Library's pool: ${pool.pendingTasks} tasks, ${pool.threads} of ${pool.capacity} threads.`);
     say('server', `Web server: ${server.connections} connections, ${server.queued} waiting, ${server.refused} refused; `
         + `${server.requests} requests, answered 2xx ${server.status2xx}, 3xx ${server.status3xx}, 4xx ${server.status4xx}, 5xx ${server.status5xx}.`);
+    say('library', library.map(({name, value}) => `${name} ${value}`).join('\n'));
     say('queue', `Waiting to be published: ${queue.depth} of ${queue.places}; ${queue.refused} refused.`);
     showRates(traffic.receivedPerSecond, traffic.sentPerSecond);
 }

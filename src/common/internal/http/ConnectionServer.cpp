@@ -66,11 +66,12 @@ StoppableThreads& ConnectionServer::threads() {
 
 ConnectionServer::ConnectionServer(const ServerSocket& socket,
                                    Poco::AutoPtr<HTTPServerParams> params,
-                                   std::shared_ptr<const HttpConnection::Callback> callback)
+                                   std::shared_ptr<const HttpConnection::Callback> callback,
+                                   const ServerTimes& times)
     : _socket(socket),
       _params(params),
       _callback(std::move(callback)),
-      _state(std::make_shared<ServerState>()),
+      _state(std::make_shared<ServerState>(times)),
       _process(platform::currentProcessId()),
       _maxThreads(threadsOf(*params)),
       _maxQueued(static_cast<std::size_t>(std::max(0, params->getMaxQueued()))) {}
@@ -123,13 +124,7 @@ void ConnectionServer::abortConnections() {
 }
 
 HttpStatistics ConnectionServer::statistics() const {
-    HttpStatistics numbers;
-    numbers.refused = _state->refused;
-    numbers.requests = _state->requests;
-    numbers.status2xx = _state->replies[2];
-    numbers.status3xx = _state->replies[3];
-    numbers.status4xx = _state->replies[4];
-    numbers.status5xx = _state->replies[5];
+    HttpStatistics numbers = _state->counters.snapshot();
     const std::lock_guard<std::mutex> lock(_mutex);
     numbers.connections = _open.size();
     numbers.queued = _queue.size();
@@ -167,7 +162,7 @@ void ConnectionServer::admit(const StreamSocket& accepted) {
 
 // Without waiting, which TLS would have to do; its client sees the connection closed.
 void ConnectionServer::refuse(const StreamSocket& accepted) {
-    ++_state->refused;
+    _state->countRefusal();
     if (accepted.secure()) return;
     StreamSocket socket(accepted);
     socket.sendBytes(kRefusal.data(), static_cast<int>(kRefusal.size()));
@@ -203,6 +198,7 @@ void ConnectionServer::provideThreads() {
 // The caller holds the mutex.
 void ConnectionServer::noteCrowd() {
     _state->crowded = _queue.size() > _idleThreads;
+    if (_state->crowded) _state->noteWaiting(_queue.size() - _idleThreads);
 }
 
 void ConnectionServer::work() {

@@ -28,7 +28,8 @@ public:
 
     ConnectionServer(const Poco::Net::ServerSocket& socket,
                      Poco::AutoPtr<Poco::Net::HTTPServerParams> params,
-                     std::shared_ptr<const HttpConnection::Callback> callback);
+                     std::shared_ptr<const HttpConnection::Callback> callback,
+                     const ServerTimes& times = {});
 
     /// Accepts connections until stop(). Once only.
     void start();

@@ -36,11 +36,6 @@ constexpr std::size_t kMaxLingerBytes = 1 << 20;
     throw Poco::Net::MessageException(why, status);
 }
 
-// The time for `bytes` at the slowest rate that is put up with.
-GuardedSocket::Clock::duration slowestTime(std::int64_t bytes) {
-    return HttpLimits::kGraceTime + milliseconds(bytes * 1000 / HttpLimits::kMinimumRate);
-}
-
 }  // namespace
 
 GuardedSocket::GuardedSocket(const Poco::Net::StreamSocket& accepted,
@@ -48,7 +43,7 @@ GuardedSocket::GuardedSocket(const Poco::Net::StreamSocket& accepted,
     : _inner(accepted), _state(std::move(state)) {
     reset(inner().sockfd());
     inner().setReceiveTimeout(kSlice);
-    inner().setSendTimeout(Poco::Timespan(HttpLimits::kGraceTime.count(), 0));
+    inner().setSendTimeout(Poco::Timespan(_state->times.grace.count() * 1000));
 }
 
 // The descriptor is the accepted socket's to close.
@@ -58,7 +53,7 @@ GuardedSocket::~GuardedSocket() {
 
 bool GuardedSocket::awaitHead(milliseconds idle) {
     forgetRequest();
-    const Patience patience{Clock::now(), idle, HttpLimits::kCrowdedIdleTime};
+    const Patience patience{Clock::now(), idle, _state->times.crowdedIdle};
     // Line ends between requests are put up with, as HTTP asks for.
     while (_buffer.empty()) {
         if (!fillBuffer(patience)) return false;
@@ -81,7 +76,7 @@ void GuardedSocket::forgetRequest() {
 
 void GuardedSocket::readHead() {
     if (!beginsRequest(_buffer.front())) refuse("no HTTP", HTTPResponse::HTTP_BAD_REQUEST);
-    const Patience patience{Clock::now(), HttpLimits::kHeadTime, HttpLimits::kCrowdedHeadTime};
+    const Patience patience{Clock::now(), _state->times.head, _state->times.crowdedHead};
     for (std::size_t searched = 0; !findHeadEnd(searched);) {
         if (!fillBuffer(patience)) {
             const bool late = over(patience);
@@ -194,6 +189,11 @@ int GuardedSocket::receiveBlock(char* buffer, int length, const Patience& patien
         if (received >= 0) return received;
     }
     return 0;
+}
+
+// The time for `bytes` at the slowest rate that is put up with.
+GuardedSocket::Clock::duration GuardedSocket::slowestTime(std::int64_t bytes) const noexcept {
+    return _state->times.grace + milliseconds(bytes * 1000 / HttpLimits::kMinimumRate);
 }
 
 bool GuardedSocket::over(const Patience& patience) const noexcept {

@@ -95,6 +95,7 @@ private:
     int awaitBody(char* buffer, int length);
     int receiveBlock(char* buffer, int length, const Patience& patience);
     void sendBlock(const char* bytes, int length);
+    Clock::duration slowestTime(std::int64_t bytes) const noexcept;
     bool over(const Patience& patience) const noexcept;
     Poco::Net::SocketImpl& inner() const { return *_inner.impl(); }
 

@@ -58,7 +58,7 @@ bool HttpConnection::answer() {
         return false;
     }
     ++_requests;
-    ++_state->requests;
+    _state->countRequest();
     prepare(reply, *request);
     call(reply, *request);
     return conclude(reply);
@@ -78,7 +78,7 @@ bool HttpConnection::conclude(Reply& reply) {
 
 void HttpConnection::refuse(int status) {
     if (_state->stopping) return;
-    ++_state->requests;
+    _state->countRequest();
     sendError(status);
 }
 

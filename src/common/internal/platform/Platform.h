@@ -135,6 +135,10 @@ void sendAtOnceTo(std::uint16_t port);
 /// its port at once. Not on Windows, where that would let two processes share a port.
 bool reusesListeningAddress() noexcept;
 
+/// Whether a library that waits for a non-blocking connect to become writable learns of a refusal
+/// only by its time-out, as on Windows, where select() reports a refusal as an exception.
+extern const bool kRefusedConnectIsSlow;
+
 /// Whether a static destructor may join threads. Not on Windows, where it runs under the loader
 /// lock, which an ending thread needs.
 bool canJoinAtExit() noexcept;

@@ -275,7 +275,9 @@ public:
         const ssize_t size = ::recv(_fd, packet.data(), packet.size(), MSG_DONTWAIT);
         packet.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
         const std::size_t header = _raw && !packet.empty() ? 4u * (packet[0] & 0x0F) : 0;
-        packet.erase(packet.begin(), packet.begin() + std::min(header, packet.size()));
+        const auto body =
+            packet.begin() + static_cast<std::ptrdiff_t>(std::min(header, packet.size()));
+        packet.erase(packet.begin(), body);
         return packet;
     }
 
@@ -505,6 +507,8 @@ void sendAtOnceTo(std::uint16_t port) {
 bool reusesListeningAddress() noexcept {
     return true;
 }
+
+const bool kRefusedConnectIsSlow = false;
 
 bool canJoinAtExit() noexcept {
     return true;

@@ -436,6 +436,8 @@ bool reusesListeningAddress() noexcept {
     return false;
 }
 
+const bool kRefusedConnectIsSlow = true;
+
 bool canJoinAtExit() noexcept {
     return false;
 }

@@ -11,8 +11,9 @@
 
 namespace kel {
 
-/// Threads that may outlive what they work for, kept so that a stop can join them before the
-/// library is unloaded. Held in a NeverDestroyed. Threads: any.
+/// Threads of one long job each, which may outlive what they work for, kept so that a stop can join
+/// them before the library is unloaded. (Short tasks share threads in TaskThreads.) Held in a
+/// NeverDestroyed. Threads: any.
 class StoppableThreads {
 public:
     /// Runs `work`, which must throw nothing, on a thread of its own.

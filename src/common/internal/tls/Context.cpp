@@ -115,7 +115,7 @@ int givePassphrase(char* buffer, int size, int, void* context) {
     auto& passphrase = *static_cast<Passphrase*>(context);
     passphrase.asked = true;
     if (passphrase.text.size() > static_cast<std::size_t>(size)) return -1;
-    std::memcpy(buffer, passphrase.text.data(), passphrase.text.size());
+    passphrase.text.copy(buffer, passphrase.text.size());
     return static_cast<int>(passphrase.text.size());
 }
 
@@ -205,7 +205,7 @@ public:
         const std::lock_guard<std::mutex> lock(_mutex);
         const auto known = _stores.find(key);
         if (known != _stores.end()) return known->second;
-        const auto store = readStore(settings);
+        auto store = readStore(settings);
         if (_stores.size() == kMost) _stores.clear();
         _stores.emplace(key, store);
         return store;
@@ -219,7 +219,7 @@ private:
     }
 
     static std::shared_ptr<X509_STORE> readStore(const Settings& settings) {
-        const std::shared_ptr<X509_STORE> store(X509_STORE_new(), X509_STORE_free);
+        std::shared_ptr<X509_STORE> store(X509_STORE_new(), X509_STORE_free);
         if (!store) throw std::bad_alloc();
         addAuthorities(store.get(), settings);
         addRevocations(store.get(), settings);
@@ -305,14 +305,17 @@ void useSessions(Context& context, const Settings& settings) {
         context.setSessionCacheSize(static_cast<std::size_t>(*settings.sessionCacheSize));
     }
     if (settings.sessionTimeout) context.setSessionTimeout(*settings.sessionTimeout);
-        // Clients that just close an idle connection are the rule.
 #ifdef SSL_OP_IGNORE_UNEXPECTED_EOF
+    // Most clients close an idle connection without a last record.
     SSL_CTX_set_options(context.sslContext(), SSL_OP_IGNORE_UNEXPECTED_EOF);
 #endif
 }
 
+constexpr const char* kClosed = "the connection was closed in the handshake";
+
 // The words for a peer that speaks something else, where OpenSSL's own do not help.
 std::string plainWords(const std::string& reason) {
+    if (reason == "unexpected eof while reading") return kClosed;
     if (reason == "http request") return "plain HTTP instead of TLS";
     if (reason == "wrong version number") return "no TLS, or none that is spoken here";
     return reason;
@@ -350,7 +353,7 @@ std::string failureReason(const Poco::Exception& exc) {
     if (dynamic_cast<const Poco::TimeoutException*>(&exc))
         return "the peer stopped in the handshake";
     if (dynamic_cast<const Poco::Net::SSLConnectionUnexpectedlyClosedException*>(&exc)) {
-        return "the peer closed the connection in the handshake";
+        return kClosed;
     }
     // POCO's text is OpenSSL's: "error:<number>:<library>::<reason>".
     const std::string text = exc.message();

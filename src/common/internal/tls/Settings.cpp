@@ -3,18 +3,15 @@
 #include <Poco/Exception.h>
 #include <Poco/Format.h>
 #include <Poco/Net/Utility.h>
-#include <Poco/Path.h>
-#include <Poco/String.h>
 #include <Poco/StringTokenizer.h>
 
 #include "../../Config.h"
 #include "../log/UnitLog.h"
-#include "../platform/Paths.h"
+#include "ServerFiles.h"
 #include "ShippedDefaults.h"
 
 namespace kel::tls {
 
-using Poco::format;
 using Poco::Net::Context;
 
 namespace {
@@ -32,26 +29,13 @@ class Reader {
         }
     }
 
-    // The two references that the defaults contain have a meaning also where the host gives none.
-    static std::string expanded(std::string value) {
-        const auto fillIn = [&value](const std::string& key, const std::string& meaning) {
-            if (!configInstance().has(key)) Poco::replaceInPlace(value, "${" + key + "}", meaning);
-        };
-        fillIn("application.configDir",
-               paths::applicationDirectory(Poco::Path::configHome()).toString());
-        fillIn("application.name", paths::executable().getBaseName());
-        return configInstance().expand(value);
-    }
-
 public:
     explicit Reader(std::string prefix) : _prefix(std::move(prefix)) {}
 
     bool has(const std::string& name) const { return configInstance().has(_prefix + name); }
 
     std::string text(const std::string& name, const std::string& otherwise = "") const {
-        return naming(name, [&] {
-            return expanded(configInstance().getRawString(_prefix + name, otherwise));
-        });
+        return expandedSetting(_prefix + name, otherwise);
     }
 
     int number(const std::string& name, int otherwise) const {
@@ -88,7 +72,7 @@ Context::VerificationMode verificationMode(const Reader& read, const std::string
 
 // A service has nobody at its console who could be asked.
 std::string handler(const Reader& read, const std::string& key, const std::string& otherwise) {
-    const std::string name = read.text(key, otherwise);
+    std::string name = read.text(key, otherwise);
     if (name == "KeyConsoleHandler" || name == "ConsoleCertificateHandler") {
         read.refuse(key, name + " asks a person at a console; a service has none");
     }
@@ -109,7 +93,8 @@ Settings commonSettings(const Reader& read, bool server) {
     settings.server = server;
     settings.origin = read.prefix();
     settings.keyFile = read.text("privateKeyFile");
-    settings.certificateFile = read.text("certificateFile", settings.keyFile);
+    settings.certificateFile = read.text("certificateFile");
+    if (settings.certificateFile.empty()) settings.certificateFile = settings.keyFile;
     settings.passphraseHandler =
         handler(read, "privateKeyPassphraseHandler.name", "KeyFileHandler");
     settings.passphrase = read.text("privateKeyPassphraseHandler.options.password");

@@ -14,7 +14,6 @@ namespace kel::tls {
 using Poco::Timespan;
 using Poco::Net::Context;
 using Poco::Net::SecureStreamSocket;
-using Poco::Net::SecureStreamSocketImpl;
 using Poco::Net::Socket;
 using Poco::Net::SocketAddress;
 using Poco::Net::SSLException;
@@ -33,8 +32,10 @@ Timespan timeUntil(Clock::time_point deadline) {
 
 }  // namespace
 
-Connection::Connection(Plain plain, Context::Ptr context)
-    : SecureStreamSocketImpl(plain.get(), std::move(context)), _plain(std::move(plain)) {}
+Connection::Connection(Plain plain, Context::Ptr context, std::string peer)
+    : SecureStreamSocketImpl(plain.get(), std::move(context)),
+      _plain(std::move(plain)),
+      _peer(std::move(peer)) {}
 
 // Closing says good-bye to the peer. It must not wait for one that takes nothing.
 Connection::~Connection() {
@@ -56,14 +57,30 @@ auto Connection::shutdown() -> decltype(std::declval<StreamSocketImpl&>().shutdo
     return _plain->shutdown();
 }
 
-void Connection::shakeHands(const std::string& peer) {
+int Connection::receiveBytes(void* buffer, int length, int flags) {
+    shakeHandsOnce();
+    return SecureStreamSocketImpl::receiveBytes(buffer, length, flags);
+}
+
+int Connection::sendBytes(const void* buffer, int length, int flags) {
+    shakeHandsOnce();
+    return SecureStreamSocketImpl::sendBytes(buffer, length, flags);
+}
+
+void Connection::shakeHandsOnce() {
     beginTls();
+    if (_ready) return;
+    shakeHands();
+    _ready = true;
+}
+
+void Connection::shakeHands() {
     try {
         _plain->setBlocking(false);
-        shakeHandsUntil(Clock::now() + kHandshakeTime);
+        shakeHandsUntil(Clock::now() + handshakeTime().load());
         _plain->setBlocking(true);
     } catch (const Poco::Exception& exc) {
-        throw SSLException("TLS handshake with " + peer, failureReason(exc));
+        throw SSLException("TLS handshake with " + _peer, failureReason(exc));
     }
 }
 
@@ -78,31 +95,16 @@ void Connection::shakeHandsUntil(Clock::time_point deadline) {
 }
 
 ClientConnection::ClientConnection(Context::Ptr context, const std::string& host)
-    : Connection(Plain(new StreamSocketImpl), std::move(context)), _host(host) {
+    : Connection(Plain(new StreamSocketImpl), std::move(context), host) {
     setLazyHandshake(true);
     // The server is told the name that it is meant by; an address is none.
     Poco::Net::IPAddress address;
     if (!Poco::Net::IPAddress::tryParse(host, address)) setPeerHostName(host);
 }
 
-void ClientConnection::connect(const SocketAddress& address) {
-    connectWith([&] { SecureStreamSocketImpl::connect(address); });
-}
-
-void ClientConnection::connect(const SocketAddress& address, const Timespan& timeout) {
-    connectWith([&] { SecureStreamSocketImpl::connect(address, timeout); });
-}
-
-template <typename Connect>
-void ClientConnection::connectWith(Connect&& connect) {
-    beginTls();
-    connect();
-    shakeHands(_host);
-}
-
 // POCO up to 1.14 waits for twice the time-out.
 int ClientConnection::receiveBytes(void* buffer, int length, int flags) {
-    beginTls();
+    shakeHandsOnce();
     const Timespan timeout = getReceiveTimeout();
     if (timeout.totalMicroseconds() > 0 && !poll(timeout, Socket::SELECT_READ)) {
         throw Poco::TimeoutException();
@@ -111,40 +113,26 @@ int ClientConnection::receiveBytes(void* buffer, int length, int flags) {
 }
 
 ServedConnection::ServedConnection(Plain plain, Context::Ptr context, std::string peer)
-    : Connection(std::move(plain), std::move(context)), _peer(std::move(peer)) {
+    : Connection(std::move(plain), std::move(context), std::move(peer)) {
     acceptSSL();
 }
 
-int ServedConnection::receiveBytes(void* buffer, int length, int flags) {
-    shakeHandsOnce();
-    return Connection::receiveBytes(buffer, length, flags);
-}
-
-int ServedConnection::sendBytes(const void* buffer, int length, int flags) {
-    shakeHandsOnce();
-    return Connection::sendBytes(buffer, length, flags);
-}
-
-void ServedConnection::shakeHandsOnce() {
-    beginTls();
-    if (_ready) return;
+void ServedConnection::shakeHands() {
     try {
-        shakeHands(_peer);
+        Connection::shakeHands();
         if (context()->extendedCertificateVerificationEnabled()) verifyPeerCertificate();
     } catch (const Poco::Exception& exc) {
         log.warning(exceptionText(exc));
         throw;
     }
-    _ready = true;
 }
 
 SecureServerSocketImpl::SecureServerSocketImpl(std::shared_ptr<RenewedContext> context)
     : _context(std::move(context)) {}
 
 Poco::Net::SocketImpl* SecureServerSocketImpl::acceptConnection(SocketAddress& peer) {
-    Poco::AutoPtr<SocketImpl> accepted(ServerSocketImpl::acceptConnection(peer));
-    const Poco::AutoPtr<StreamSocketImpl> plain(static_cast<StreamSocketImpl*>(accepted.get()),
-                                                true);
+    const Poco::AutoPtr<StreamSocketImpl> plain(
+        static_cast<StreamSocketImpl*>(ServerSocketImpl::acceptConnection(peer)));
     return new ServedConnection(plain, _context->current(), peer.toString());
 }
 

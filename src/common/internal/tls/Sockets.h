@@ -12,11 +12,9 @@
 
 namespace kel::tls {
 
-/// The longest that a handshake may take, however slowly the peer sends.
-inline constexpr std::chrono::seconds kHandshakeTime(10);
-
-/// One end of a TLS connection: POCO's, but for what it gets wrong in the releases in use. Used by
-/// one thread at a time; shutdown() by any.
+/// One end of a TLS connection: POCO's, but for what it gets wrong in the releases in use. The
+/// first read or write makes the handshake. Used by one thread at a time; shutdown() by any once it
+/// is connected.
 class Connection : public Poco::Net::SecureStreamSocketImpl {
 public:
     /// Also when the last record held more than was asked for, which the system knows nothing of.
@@ -28,56 +26,46 @@ public:
     auto shutdown() -> decltype(std::declval<Poco::Net::StreamSocketImpl&>().shutdown()) override;
 
     void close() override;
+    int receiveBytes(void* buffer, int length, int flags = 0) override;
+    int sendBytes(const void* buffer, int length, int flags = 0) override;
+
+    /// Completes the handshake within handshakeTime(), unless that is done.
+    /// @throws Poco::Net::SSLException  the reason in words. Not a time-out, which callers that
+    ///         wait in slices would take for the end of one.
+    void shakeHandsOnce();
 
 protected:
     using Plain = Poco::AutoPtr<Poco::Net::StreamSocketImpl>;
 
-    Connection(Plain plain, Poco::Net::Context::Ptr context);
+    /// @param peer  its name, for messages.
+    Connection(Plain plain, Poco::Net::Context::Ptr context, std::string peer);
     ~Connection() override;
 
-    /// Completes the handshake within kHandshakeTime.
-    /// @throws Poco::Net::SSLException  the reason in words. Not a time-out, which callers that
-    /// wait
-    ///         in slices would take for the end of one.
-    void shakeHands(const std::string& peer);
-
-    Poco::Net::StreamSocketImpl& plain() { return *_plain; }
+    virtual void shakeHands();
 
 private:
     void shakeHandsUntil(std::chrono::steady_clock::time_point deadline);
 
     Plain _plain;
+    const std::string _peer;
+    bool _ready = false;
 };
 
-/// A client's. connect() returns after the handshake.
+/// A client's.
 class ClientConnection : public Connection {
 public:
     ClientConnection(Poco::Net::Context::Ptr context, const std::string& host);
 
-    void connect(const Poco::Net::SocketAddress& address) override;
-    void connect(const Poco::Net::SocketAddress& address, const Poco::Timespan& timeout) override;
     int receiveBytes(void* buffer, int length, int flags = 0) override;
-
-private:
-    template <typename Connect>
-    void connectWith(Connect&& connect);
-
-    const std::string _host;
 };
 
-/// A server's. The first read or write makes the handshake.
+/// A server's.
 class ServedConnection : public Connection {
 public:
     ServedConnection(Plain plain, Poco::Net::Context::Ptr context, std::string peer);
 
-    int receiveBytes(void* buffer, int length, int flags = 0) override;
-    int sendBytes(const void* buffer, int length, int flags = 0) override;
-
-private:
-    void shakeHandsOnce();
-
-    const std::string _peer;
-    bool _ready = false;
+protected:
+    void shakeHands() override;
 };
 
 /// Listens; accepts without waiting for the handshake.

@@ -2,6 +2,8 @@
 
 #include <Poco/Net/StreamSocket.h>
 
+#include <atomic>
+#include <chrono>
 #include <string>
 
 // The library's door to TLS, beside the public one (../../Tls.h). Tls_openssl.cpp implements both,
@@ -15,13 +17,20 @@ bool available() noexcept;
 /// library included. Repeatable. Without TLS it does nothing.
 void prepare();
 
-/// A socket for one HTTPS connection to `host`, not connected yet. Its connect() returns after the
-/// handshake, for which the peer has 10 s, and only if the certificate fits: issued by an authority
-/// that "openSSL.client.*" names, in its time, for `host`, not revoked.
+/// The longest that a handshake may take, however slowly the peer sends: 10 s, which tests shorten.
+std::atomic<std::chrono::milliseconds>& handshakeTime();
+
+/// A socket for one HTTPS connection to `host`, not connected yet. Its first read or write, or
+/// shakeHands(), makes the handshake, which succeeds only if the certificate fits: issued by an
+/// authority that "openSSL.client.*" names, in its time, for `host`, not revoked. Once connected it
+/// can be cut off by shutdown() from any thread, in the handshake too.
 /// @throws Poco::Net::SSLException  a file named there is missing or unusable; the text names it.
-/// connect() throws Poco::Net::SSLException with the reason in words.
 /// Without TLS: @throws Poco::UnknownURISchemeException.
 Poco::Net::StreamSocket clientSocket(const std::string& host);
+
+/// Makes the handshake of such a socket, once it is connected. Does nothing to any other socket.
+/// @throws Poco::Net::SSLException  with the reason in words.
+void shakeHands(const Poco::Net::StreamSocket& socket);
 
 /// How an MQTT connection is protected. Empty strings stand for "none".
 struct MqttSecurity {

@@ -39,6 +39,8 @@ Poco::Net::StreamSocket clientSocket(const std::string&) {
     throw Poco::UnknownURISchemeException("https is not supported");
 }
 
+void shakeHands(const Poco::Net::StreamSocket&) {}
+
 std::string explainFailure(const MqttSecurity&, const std::string&, unsigned short) {
     return kWithout;
 }

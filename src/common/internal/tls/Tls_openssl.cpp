@@ -58,6 +58,7 @@ Poco::Net::StreamSocket connectedTo(const Poco::Net::Context::Ptr& context, cons
         try {
             Poco::Net::StreamSocket socket(new ClientConnection(context, host));
             socket.connect({addresses.at(i), port}, Poco::Timespan(2, 0));
+            shakeHands(socket);
             return socket;
         } catch (const Poco::Net::SSLException&) {
             throw;
@@ -88,6 +89,17 @@ void prepare() {
 Poco::Net::StreamSocket clientSocket(const std::string& host) {
     prepare();
     return Poco::Net::StreamSocket(new ClientConnection(makeContext(clientSettings(), host), host));
+}
+
+void shakeHands(const Poco::Net::StreamSocket& socket) {
+    if (auto* const connection = dynamic_cast<Connection*>(socket.impl())) {
+        connection->shakeHandsOnce();
+    }
+}
+
+std::atomic<std::chrono::milliseconds>& handshakeTime() {
+    static std::atomic<std::chrono::milliseconds> time{std::chrono::seconds(10)};
+    return time;
 }
 
 std::string explainFailure(const MqttSecurity& security, const std::string& host,
