@@ -11,7 +11,6 @@
 
 TEST(Plugin, StartsStopsAndUnloadsWithClientsConnectedAndLoadsAgain) {
     Broker broker;
-    broker.start();
     Poco::Pipe out;
     const auto host = Poco::Process::launch(
         KEL_UNLOAD_HOST, {KEL_UNLOADED_PLUGIN, broker.address()}, nullptr, &out, &out);
