@@ -56,8 +56,8 @@ std::string numbered(int thread, int line) {
     return "thread " + std::to_string(thread) + " line " + std::to_string(line);
 }
 
-void logNumbered(int thread, int count) {
-    for (int i = 0; i < count; ++i) hostLogger().information(numbered(thread, i));
+void logNumbered(int thread, int count, Poco::Logger& logger = hostLogger()) {
+    for (int i = 0; i < count; ++i) logger.information(numbered(thread, i));
 }
 
 // All files of the log.
@@ -146,17 +146,18 @@ struct Pipeline : ::testing::Test {
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not inline, since GCC would take std::free() for a mistake where it sees both.
+[[gnu::noinline]] void* operator new(std::size_t size) {
     const bool refused = noMemory && !mayAllocate;
     if (refused) ++refusals;
     void* const memory = refused ? nullptr : std::malloc(size);
     if (!memory) throw std::bad_alloc();
     return memory;
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
     std::free(memory);
 }
 
@@ -166,7 +167,7 @@ TEST(Logger, WritesADatedFileInThePublishedFormatAndTakesLateCalls) {
     const std::string here = std::to_string(__LINE__ + 1);
     kel::logLine(Poco::Message::PRIO_DEBUG, "a line\nof two");
     for (int twice = 0; twice < 2; ++twice) kel::deleteLogger();
-    std::thread(logNumbered, 0, 3).join();
+    std::thread([] { logNumbered(0, 3); }).join();
     kel::loadLogging();
     const std::string time = R"(\d{4}-\d\d-\d\d-\d\d:\d\d:\d\d\.\d{1,2})";
     const std::string lines[] = {
@@ -369,20 +370,21 @@ TEST(Logger, StartsAnewAfterTheLibrarysStop) {
 }
 
 TEST(Logger, AForkedChildWritesItsLinesItself) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "a child may find the sanitizer's allocator locked for ever";
+#endif
     kel::loadLogging();
+    Poco::Logger& logger = hostLogger();  // a child may find POCO's look-up locked for ever
     std::latch going(2);
     std::jthread busy([&](const std::stop_token& stop) {
-        for (going.count_down(); !stop.stop_requested();) logNumbered(1, 1);
+        for (going.count_down(); !stop.stop_requested();) logNumbered(1, 1, logger);
     });
     going.arrive_and_wait();
     const ::pid_t child = ::fork();
     if (child == 0) {
         ::alarm(20);
-        logNumbered(2, 100);
+        logNumbered(2, 100, logger);
         kel::deleteLogger();
-#if defined(__SANITIZE_ADDRESS__)
-        ::_exit(0);  // the search for leaks sees false ones where threads are missing
-#endif
         std::exit(0);
     }
     int status = -1;

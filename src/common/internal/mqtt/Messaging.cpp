@@ -19,6 +19,7 @@
 #include "../process/LibraryStop.h"
 #include "../process/NeverDestroyed.h"
 #include "Connection.h"
+#include "ReceiveThread.h"
 
 namespace kel {
 
@@ -89,6 +90,7 @@ void Messaging::stopRunning() {
     if (!last) return;
     Connection::silenceAll();
     last->stop();
+    ReceiveThread::stop();
 }
 
 // The dispatcher hands out what it has, for which it needs the handlers.

@@ -139,6 +139,10 @@ bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& r
 /// library that gives no access to its socket. Does nothing on Windows; failures are ignored.
 void sendAtOnceTo(std::uint16_t port);
 
+/// Whether a listening socket has to reuse its address, so that a host which is started again finds
+/// its port at once. Not on Windows, where that would let two processes share a port.
+bool reusesListeningAddress() noexcept;
+
 /// Whether a library that waits for a non-blocking connect to become writable learns of a refusal
 /// only by its time-out, as on Windows, where select() reports a refusal as an exception.
 extern const bool kRefusedConnectIsSlow;

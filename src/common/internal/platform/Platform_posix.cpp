@@ -517,6 +517,10 @@ void sendAtOnceTo(std::uint16_t port) {
     }
 }
 
+bool reusesListeningAddress() noexcept {
+    return true;
+}
+
 const bool kRefusedConnectIsSlow = false;
 
 bool canJoinAtExit() noexcept {

@@ -19,6 +19,7 @@
 #include <icmpapi.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <future>
@@ -188,8 +189,14 @@ bool renameOver(const std::wstring& from, const std::wstring& to) {
     });
 }
 
+// By the name that Poco::Process::requestTermination() sets: the one request for a process without
+// a console.
 HANDLE terminationRequest() {
-    static const HANDLE event = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    static const HANDLE event = [] {
+        std::array<wchar_t, 16> name{};
+        ::swprintf_s(name.data(), name.size(), L"POCOTRM%08lX", ::GetCurrentProcessId());
+        return ::CreateEventW(nullptr, FALSE, FALSE, name.data());
+    }();
     return event;
 }
 
@@ -435,6 +442,10 @@ bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& r
 }
 
 void sendAtOnceTo(std::uint16_t) {}
+
+bool reusesListeningAddress() noexcept {
+    return false;
+}
 
 const bool kRefusedConnectIsSlow = true;
 
