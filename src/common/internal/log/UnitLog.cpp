@@ -65,8 +65,8 @@ std::string escapeOf(unsigned char c) {
 
 // Where the pipeline is at the logger, a line reaches it without a message: POCO asks the system
 // for the process's id to make one, which takes longer than everything else.
-void writeTo(Poco::Logger& logger, const char* file, int line, Poco::Message::Priority priority,
-             const std::string& text) {
+void writeTo(Poco::Logger& logger, Poco::Message::Priority priority, const std::string& text,
+             const char* file, int line) {
     Poco::AutoPtr<Poco::Channel> channel = logger.getChannel();
     if (auto* const pipeline = dynamic_cast<PipelineChannel*>(channel.get())) {
         if (pipeline->tryLog(recordOfNow(logger.name(), text, priority, file, line))) return;
@@ -76,22 +76,27 @@ void writeTo(Poco::Logger& logger, const char* file, int line, Poco::Message::Pr
 
 void write(const char* file, int line, Poco::Message::Priority priority,
            const std::string& text) noexcept {
+    if (!hasControls(text)) return logAsIs(priority, text, file, line);
+    try {
+        logAsIs(priority, withoutControls(text), file, line);
+    } catch (const std::exception&) {
+        // There is no memory for the text, so the line is lost.
+    }
+}
+
+}  // namespace
+
+void logAsIs(int priority, const std::string& text, const char* sourceFile, int line) noexcept {
     const LineInProgress inProgress;
     if (stopped) return;
     try {
         Poco::Logger& logger = Poco::Logger::get(loggerName());
         if (logger.getLevel() < priority) return;
-        if (hasControls(text)) {
-            writeTo(logger, file, line, priority, withoutControls(text));
-        } else {
-            writeTo(logger, file, line, priority, text);
-        }
+        writeTo(logger, static_cast<Poco::Message::Priority>(priority), text, sourceFile, line);
     } catch (...) {
-        // There is nobody left to tell.
+        // The logger itself has failed, so the line is lost.
     }
 }
-
-}  // namespace
 
 void UnitLog::error(const std::string& text, int line) const noexcept {
     write(_sourceFile, line, Poco::Message::PRIO_ERROR, text);

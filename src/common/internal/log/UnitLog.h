@@ -26,6 +26,11 @@ private:
     const char* _sourceFile;
 };
 
+/// One line as UnitLog logs it, with `text` as it is.
+/// @param priority    as POCO numbers them.
+/// @param sourceFile  a string literal.
+void logAsIs(int priority, const std::string& text, const char* sourceFile, int line) noexcept;
+
 /// Name of the library's POCO logger; "" before the first setLoggerName(). Never waits.
 const std::string& loggerName() noexcept;
 void setLoggerName(const std::string& name);
