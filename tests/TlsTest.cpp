@@ -85,6 +85,31 @@ TEST_F(Tls, ClientTakesOnlyACertificateThatFits) {
     }
 }
 
+// What cannot be used is found before anything is sent.
+TEST_F(Tls, ClientNamesTheFileThatCannotBeUsed) {
+    const std::string url = "https://127.0.0.1:1/", missing = files["missing.pem"];
+    const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
+        {"caConfig", missing, missing + ": No such file"},
+        {"caConfig", files["good.key"], files["good.key"] + ": "},
+        {"crlFile", files["good.pem"], files["good.pem"] + ": "},
+        {"certificateFile", files["cut.pem"], files["cut.pem"] + ": "},
+        {"privateKeyFile", files["other.key"], files["other.key"] + ": does not fit"},
+        {"privateKeyFile", files["locked.key"], files["locked.key"] + ": the passphrase"},
+    };
+    for (const auto& [name, value, reason] : cases) {
+        SCOPED_TRACE(name + " " + value);
+        configInstance().remove("openSSL.client");
+        set("client", "privateKeyPassphraseHandler.options.password", "wrong-guess");
+        set("client", "certificateFile", files["good.pem"]);
+        set("client", "privateKeyFile", files["good.key"]);
+        set("client", name, value);
+        EXPECT_EQ("400", get(url));
+        EXPECT_EQ(1u, log.count(reason));
+    }
+    EXPECT_EQ(cases.size(), log.count("requst url '" + url + "' exception: "));
+    EXPECT_EQ(0u, log.count("wrong-guess"));
+}
+
 // OpenSSL's own clean-up at exit would come before the end of these requests. The processes that
 // end run this test from its beginning, but ask the server of the first.
 TEST_F(Tls, AProcessEndsCleanlyAmidHandshakes) {
@@ -220,6 +245,7 @@ TEST_F(TlsServer, LetsInOnlyTheClientsThatItAsksFor) {
         {"good", ""},
         {"expired", "certificate has expired"},
         {"stranger", "unable to get local issuer certificate"},
+        {"truncated", "unable to get local issuer certificate"},
         {"revoked", "certificate revoked"},
     };
     for (const auto& [name, reason] : cases) {

@@ -1,6 +1,6 @@
 // StatusPage.cpp - requests run on threads of the web server, several at a time, and may go on
-// after stop(): every handler holds the page weakly and sends nothing once it has gone. No handler
-// waits for the broker: what is to be published is put into a queue.
+// after stop(): every handler holds the page weakly and sends nothing once it is destroyed. No
+// handler waits for the broker: what is to be published is put into a queue.
 //
 // What a request has to show stands in one place, whyRefused(). It is asked before the body is
 // read, so that whoever has no key cannot have one parsed.

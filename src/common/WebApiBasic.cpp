@@ -71,7 +71,7 @@ void prepareJsonReply(HTTPServerResponse& response) {
 }
 
 // POCO up to 1.14 takes a body without a length to end with the connection, which would hold the
-// thread until the client goes.
+// thread for as long as the client likes.
 bool hasBody(const HTTPServerRequest& request) {
     return request.getChunkedTransferEncoding() || request.hasContentLength();
 }
