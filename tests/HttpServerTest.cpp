@@ -343,6 +343,9 @@ TEST_F(WebApi, LetsGoWhatCallbacksCapturedAtOnceAndWithNoLockHeld) {
 }
 
 TEST(WebModule, CanBeUnloadedWhileClientsKeepTheirConnections) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "this sanitizer calls what a library gave to atexit() after it was unloaded";
+#endif
     for (int load = 0; load < 2; ++load) {
         void* const module = ::dlopen(KEL_WEB_MODULE, RTLD_NOW | RTLD_LOCAL);
         ASSERT_NE(nullptr, module) << ::dlerror();
