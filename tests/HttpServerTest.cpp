@@ -1,5 +1,4 @@
 #include <Poco/Net/HTTPServerParams.h>
-#include <Poco/Net/NetException.h>
 #include <Poco/Net/WebSocket.h>
 #include <Poco/NumberFormatter.h>
 #include <Poco/StreamCopier.h>
@@ -7,7 +6,6 @@
 #include <common/Library.h>
 #include <common/WebApiBasic.h>
 #include <common/internal/http/ConnectionServer.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include "Await.h"
@@ -42,15 +40,6 @@ std::string repeated(const std::string& text, int times) {
 std::string standardReply(const std::string& body) {
     return "HTTP/1.1 200 OK\r\nDate\r\nConnection: Keep-Alive\r\nContent-Length: " +
            std::to_string(body.size()) + "\r\n\r\n" + body;
-}
-
-// Also where bytes of the client had not been read.
-bool isClosed(RawClient& client) {
-    try {
-        return client.read().empty();
-    } catch (const Poco::Net::ConnectionResetException&) {
-        return true;
-    }
 }
 
 // The process's web API with a route of each shape.
@@ -340,26 +329,6 @@ TEST_F(WebApi, LetsGoWhatCallbacksCapturedAtOnceAndWithNoLockHeld) {
     auto inner = kel::HttpServer::createInstance(socket, params, nullptr);
     kel::HttpServer::createInstance(socket, params, whenGone([&] { inner.reset(); }));
     EXPECT_EQ(nullptr, inner);
-}
-
-TEST(WebModule, CanBeUnloadedWhileClientsKeepTheirConnections) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "this sanitizer calls what a library gave to atexit() after it was unloaded";
-#endif
-    for (int load = 0; load < 2; ++load) {
-        void* const module = ::dlopen(KEL_WEB_MODULE, RTLD_NOW | RTLD_LOCAL);
-        ASSERT_NE(nullptr, module) << ::dlerror();
-        const auto serve = reinterpret_cast<Poco::UInt16 (*)()>(::dlsym(module, "serve"));
-        const Poco::UInt16 port = serve();
-        std::vector<RawClient> kept;
-        for (int i = 0; i < 16; ++i) kept.emplace_back(port).send(request("GET /plain")).read();
-        kept.emplace_back(port);  // waits for a thread
-        kept.front().send("GET /pl");
-        reinterpret_cast<void (*)()>(::dlsym(module, "stop"))();
-        ::dlclose(module);
-        EXPECT_EQ(nullptr, ::dlopen(KEL_LIBRARY, RTLD_NOW | RTLD_NOLOAD)) << "is still loaded";
-        for (RawClient& client : kept) EXPECT_TRUE(isClosed(client));
-    }
 }
 
 TEST_F(BoundedServer, RefusesARequestThatTwoReadersCouldTakeForTwo) {
