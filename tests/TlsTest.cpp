@@ -85,31 +85,6 @@ TEST_F(Tls, ClientTakesOnlyACertificateThatFits) {
     }
 }
 
-// What cannot be used is found before anything is sent.
-TEST_F(Tls, ClientNamesTheFileThatCannotBeUsed) {
-    const std::string url = "https://127.0.0.1:1/", missing = files["missing.pem"];
-    const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
-        {"caConfig", missing, missing + ": No such file"},
-        {"caConfig", files["good.key"], files["good.key"] + ": "},
-        {"crlFile", files["good.pem"], files["good.pem"] + ": "},
-        {"certificateFile", files["cut.pem"], files["cut.pem"] + ": "},
-        {"privateKeyFile", files["other.key"], files["other.key"] + ": does not fit"},
-        {"privateKeyFile", files["locked.key"], files["locked.key"] + ": the passphrase"},
-    };
-    for (const auto& [name, value, reason] : cases) {
-        SCOPED_TRACE(name + " " + value);
-        configInstance().remove("openSSL.client");
-        set("client", "privateKeyPassphraseHandler.options.password", "wrong-guess");
-        set("client", "certificateFile", files["good.pem"]);
-        set("client", "privateKeyFile", files["good.key"]);
-        set("client", name, value);
-        EXPECT_EQ("400", get(url));
-        EXPECT_EQ(1u, log.count(reason));
-    }
-    EXPECT_EQ(cases.size(), log.count("requst url '" + url + "' exception: "));
-    EXPECT_EQ(0u, log.count("wrong-guess"));
-}
-
 // OpenSSL's own clean-up at exit would come before the end of these requests. The processes that
 // end run this test from its beginning, but ask the server of the first.
 TEST_F(Tls, AProcessEndsCleanlyAmidHandshakes) {
@@ -175,39 +150,53 @@ protected:
     Poco::UInt16 port = 0;
 };
 
-TEST_F(TlsServer, NamesTheFileOrTheKeyThatCannotBeUsed) {
-    const std::string missing = files["missing.pem"];
-    const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
-        {"privateKeyFile", "", "openSSL.server.privateKeyFile"},
-        {"privateKeyFile", missing, missing + ": No such file"},
-        {"privateKeyFile", files["other.key"], files["other.key"] + ": does not fit"},
-        {"privateKeyFile", files["root.pem"], files["root.pem"] + ": holds no key"},
-        {"privateKeyFile", files["locked.key"], files["locked.key"] + ": the passphrase"},
-        {"certificateFile", missing, missing + ": No such file"},
-        {"certificateFile", files["cut.pem"], files["cut.pem"] + ": "},
-        {"caConfig", missing, missing + ": No such file"},
-        {"caConfig", files["good.key"], files["good.key"] + ": "},
-        {"crlFile", files["good.pem"], files["good.pem"] + ": "},
-        {"cipherList", "no-such-cipher", "openSSL.server.cipherList: no cipher match"},
-        {"verificationMode", "lazy", "openSSL.server.verificationMode: "},
-        {"sessionCacheSize", "many", "openSSL.server.sessionCacheSize: "},
-        {"privateKeyPassphraseHandler.name", "KeyConsoleHandler", "PassphraseHandler.name: "},
-        {"invalidCertificateHandler.name", "Nobody", "CertificateHandler.name: "},
+TEST_F(TlsServer, AndClientNameTheFileOrTheKeyThatCannotBeUsed) {
+    const std::string missing = files["missing.pem"], handler = "privateKeyPassphraseHandler.";
+    const std::vector<std::tuple<std::string, std::string, std::string, std::string>> cases = {
+        {"server", "privateKeyFile", "", "openSSL.server.privateKeyFile"},
+        {"client", "privateKeyFile", "", files["good.pem"] + ": holds no key"},
+        {"server", "sessionCacheSize", "many", "openSSL.server.sessionCacheSize: "},
+        {"both", "privateKeyFile", missing, missing + ": No such file"},
+        {"both", "privateKeyFile", files["other.key"], files["other.key"] + ": does not fit"},
+        {"both", "privateKeyFile", files["root.pem"], files["root.pem"] + ": holds no key"},
+        {"both", "privateKeyFile", files["locked.key"], files["locked.key"] + ": the passphrase"},
+        {"both", "certificateFile", missing, missing + ": No such file"},
+        {"both", "certificateFile", files["cut.pem"], files["cut.pem"] + ": "},
+        {"both", "caConfig", missing, missing + ": No such file"},
+        {"both", "caConfig", files["good.key"], files["good.key"] + ": "},
+        {"both", "crlFile", files["good.pem"], files["good.pem"] + ": "},
+        {"both", "cipherList", "no-such-cipher", "cipherList: no cipher match"},
+        {"both", "verificationMode", "lazy", "verificationMode: "},
+        {"both", handler + "name", "KeyConsoleHandler", "PassphraseHandler.name: "},
+        {"both", "invalidCertificateHandler.name", "Nobody", "CertificateHandler.name: "},
     };
-    for (const auto& [name, value, reason] : cases) {
-        SCOPED_TRACE(name + " " + value);
-        const std::string usable = configInstance().getRawString("openSSL.server." + name, "");
-        set("server", name, value);
-        std::string said;
+    int uses = 0;
+    const auto useOf = [&](const std::string& side) -> std::string {
+        const std::string url = "https://127.0.0.1:1/" + std::to_string(++uses);
+        if (side == "client") {
+            EXPECT_EQ("400", get(url));
+            return log.find("requst url '" + url).getText();
+        }
         try {
             kel::secureServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0));
         } catch (const Poco::Exception& exc) {
-            said = exc.displayText();
+            return exc.displayText();
         }
-        EXPECT_TRUE(contains(said, reason)) << said;
-        EXPECT_FALSE(contains(said, "vellum"));
-        set("server", name, usable);
-        if (usable.empty()) configInstance().remove("openSSL.server." + name);
+        return "";
+    };
+    for (const auto& [sides, name, value, reason] : cases) {
+        for (const std::string side : {"server", "client"}) {
+            if (sides != "both" && sides != side) continue;
+            SCOPED_TRACE(side + " " + name + " " + value);
+            configInstance().remove("openSSL." + side);
+            set(side, "privateKeyFile", files["good.key"]);
+            set(side, "certificateFile", files["good.pem"]);
+            set(side, handler + "options.password", "wrong-guess");
+            set(side, name, value);
+            const std::string said = useOf(side);
+            EXPECT_TRUE(contains(said, reason)) << said;
+            EXPECT_FALSE(contains(said, "wrong-guess"));
+        }
     }
 }
 
