@@ -36,6 +36,12 @@ protected:
         configInstance().setString("openSSL." + side + "." + name, value);
     }
 
+    // A shell line that runs openssl's own server; "ACCEPT " and its address are what it prints.
+    std::string serverWith(const std::string& certificate) const {
+        return "openssl s_server -accept 127.0.0.1:0 -www -cert " + files[certificate + ".pem"] +
+               " -key " + files["good.key"];
+    }
+
     // What the callback of a GET is called with, as "<status> <whether the server's page came>".
     static std::string get(const std::string& url) {
         std::string calls;
@@ -74,8 +80,7 @@ TEST_F(Tls, ClientTakesOnlyACertificateThatFits) {
     };
     for (const auto& [name, host, reason] : cases) {
         SCOPED_TRACE(name + " as " + host);
-        Background server("openssl s_server -accept 127.0.0.1:0 -www -cert " +
-                          files[name + ".pem"] + " -key " + files["good.key"]);
+        Background server(serverWith(name));
         const std::string address = server.lineAfter("ACCEPT ");
         const std::string url = "https://" + host + address.substr(address.find(':')) + "/";
         const std::string line = "requst url '" + url + "' exception: ";
@@ -85,14 +90,30 @@ TEST_F(Tls, ClientTakesOnlyACertificateThatFits) {
     }
 }
 
+TEST_F(Tls, ClientTakesWhatItIsToldToTakeAndWarnsOnce) {
+    set("client", "caConfig", files["root.pem"]);
+    Background server(serverWith("elsewhere"));
+    const std::string url = "https://" + server.lineAfter("ACCEPT ") + "/";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"extendedVerification", "false"},  // any name
+        {"verificationMode", "none"},       // any authority
+    };
+    for (const auto& [name, value] : cases) {
+        EXPECT_EQ("400", get(url)) << name;
+        set("client", name, value);
+        for (int i = 0; i < 2; ++i) EXPECT_EQ("200 page", get(url)) << name;
+        EXPECT_EQ(1u, log.count("openSSL.client." + name + ": ")) << name;
+        configInstance().remove("openSSL.client.caConfig");
+    }
+}
+
 // OpenSSL's own clean-up at exit would come before the end of these requests. The processes that
 // end run this test from its beginning, but ask the server of the first.
 TEST_F(Tls, AProcessEndsCleanlyAmidHandshakes) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     std::unique_ptr<Background> server;
     if (!::getenv("KEL_TEST_URL")) {
-        server = std::make_unique<Background>("openssl s_server -accept 127.0.0.1:0 -www -cert " +
-                                              files["good.pem"] + " -key " + files["good.key"]);
+        server = std::make_unique<Background>(serverWith("good"));
         ::setenv("KEL_TEST_URL", ("https://" + server->lineAfter("ACCEPT ")).c_str(), 1);
         ::setenv("KEL_TEST_ROOT", files["root.pem"].c_str(), 1);
     }
