@@ -170,8 +170,8 @@ void keepKeys(const StatusPage& page) {
 
 void EdgeHost::serve(const Settings& settings) {
     // First of all: with its port taken everything else is in vain.
-    const auto socket = StatusPage::listen(settings.page);
-    const auto web = std::make_shared<StatusPage>(settings.page, socket);
+    const auto sockets = StatusPage::listen(settings.page);
+    const auto web = std::make_shared<StatusPage>(settings.page, sockets);
     const Outages outages;
     const std::shared_ptr<Node> node = makeNode(settings);
     node->start();
