@@ -67,6 +67,14 @@ private:
     std::intptr_t _handle;
 };
 
+/// Memory in pages of its own, which the system has back as soon as they are freed. What comes and
+/// goes in large blocks would otherwise leave the process's heap larger for good.
+/// @throws std::bad_alloc  there is none.
+void* allocatePages(std::size_t bytes);
+
+/// @param bytes  as they were asked for.
+void freePages(void* pages, std::size_t bytes) noexcept;
+
 /// What ends a line in a text file.
 std::string_view lineEnd() noexcept;
 

@@ -25,6 +25,7 @@
 #include <future>
 #include <iostream>
 #include <memory>
+#include <new>
 #include <system_error>
 #include <thread>
 
@@ -360,6 +361,16 @@ std::size_t AppendedFile::write(std::string_view data, std::error_code& failed) 
 bool AppendedFile::empty() const noexcept {
     LARGE_INTEGER size{};
     return ::GetFileSizeEx(asHandle(_handle), &size) && size.QuadPart == 0;
+}
+
+void* allocatePages(std::size_t bytes) {
+    void* const pages = ::VirtualAlloc(nullptr, bytes, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+    if (!pages) throw std::bad_alloc();
+    return pages;
+}
+
+void freePages(void* pages, std::size_t) noexcept {
+    ::VirtualFree(pages, 0, MEM_RELEASE);
 }
 
 std::string_view lineEnd() noexcept {

@@ -10,7 +10,7 @@
 #include <mutex>
 
 #include "../../Tls.h"
-#include "../mqtt/ServerUri.h"
+#include "../net/ServerUri.h"
 #include "../platform/Platform.h"
 #include "Context.h"
 #include "Settings.h"
