@@ -62,8 +62,10 @@ void switchesTheModeOfAConsole() {
     DWORD plain = 0, switched = 0;
     ::GetConsoleMode(console, &plain);
     ::SetConsoleMode(console, plain & ~DWORD{ENABLE_VIRTUAL_TERMINAL_PROCESSING});
+    ::SetConsoleOutputCP(437);
     platform::prepareConsole();
     ::GetConsoleMode(console, &switched);
+    expect(::GetConsoleOutputCP() == CP_UTF8, "takes UTF-8");
     expect(switched == (plain | ENABLE_VIRTUAL_TERMINAL_PROCESSING), "adds the colour flag");
 }
 
@@ -72,10 +74,6 @@ bool setsTheNamedEvent(const PROCESS_INFORMATION& host) {
     std::snprintf(name.data(), name.size(), "POCOTRM%08lX", host.dwProcessId);
     const HANDLE event = ::OpenEventA(EVENT_MODIFY_STATE, FALSE, name.data());
     return event && ::SetEvent(event) && ::CloseHandle(event);
-}
-
-bool sendsCtrlBreak(const PROCESS_INFORMATION& host) {
-    return ::GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, host.dwProcessId);
 }
 
 // As the system does it: by a thread that it starts in the process, in a routine that stands at the
@@ -103,14 +101,13 @@ bool endsTheSession(const PROCESS_INFORMATION& host) {
 }
 
 // The other is this executable again; it waits for a request to end.
-void keepsARequestToEnd(const std::string& what, bool (*ask)(const PROCESS_INFORMATION&),
-                        DWORD creation = 0) {
+void keepsARequestToEnd(const std::string& what, bool (*ask)(const PROCESS_INFORMATION&)) {
     const HANDLE ready = ::CreateEventA(nullptr, FALSE, FALSE, "kel-test-ready");
     STARTUPINFOA startup{};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION child{};
     std::string command = "\"" + platform::executablePath() + "\" --await-end";
-    ::CreateProcessA(nullptr, command.data(), nullptr, nullptr, FALSE, creation, nullptr, nullptr,
+    ::CreateProcessA(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
                      &startup, &child);
     ::WaitForSingleObject(ready, 60000);
     DWORD code = 1;
@@ -122,6 +119,7 @@ void keepsARequestToEnd(const std::string& what, bool (*ask)(const PROCESS_INFOR
 
 void keepsRequestsToEndTheProcess() {
     keepsARequestToEnd("the named event", setsTheNamedEvent);
+    keepsARequestToEnd("Ctrl-Break", sendsConsoleEvent<CTRL_BREAK_EVENT>);
     keepsARequestToEnd("closing the console", sendsConsoleEvent<CTRL_CLOSE_EVENT>);
     keepsARequestToEnd("logging off", sendsConsoleEvent<CTRL_LOGOFF_EVENT>);
     keepsARequestToEnd("shutting down", sendsConsoleEvent<CTRL_SHUTDOWN_EVENT>);
@@ -203,7 +201,6 @@ int main(int argc, char** argv) {
     if (argument == "--await-end") awaitEnd();
     if (argument == "--on-a-console") {
         switchesTheModeOfAConsole();
-        keepsARequestToEnd("Ctrl-Break", sendsCtrlBreak, CREATE_NEW_PROCESS_GROUP);
     }
     if (!argument.empty()) return failures;
     findsProcessesByExactNameAndKillsByTheCommand();
