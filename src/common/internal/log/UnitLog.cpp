@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <thread>
 
 #include "../process/NeverDestroyed.h"
 #include "../process/PublishedText.h"
@@ -16,6 +17,16 @@ namespace kel {
 namespace {
 
 std::atomic<bool> stopped{false};
+std::atomic<int> linesInProgress{0};
+
+// POCO's loggers are destroyed at the process's end, while threads of the host may still log.
+class LineInProgress {
+public:
+    LineInProgress() { ++linesInProgress; }
+    ~LineInProgress() { --linesInProgress; }
+    LineInProgress(const LineInProgress&) = delete;
+    LineInProgress& operator=(const LineInProgress&) = delete;
+};
 
 PublishedText& publishedName() {
     static NeverDestroyed<PublishedText> name;
@@ -65,6 +76,7 @@ void writeTo(Poco::Logger& logger, const char* file, int line, Poco::Message::Pr
 
 void write(const char* file, int line, Poco::Message::Priority priority,
            const std::string& text) noexcept {
+    const LineInProgress inProgress;
     if (stopped) return;
     try {
         Poco::Logger& logger = Poco::Logger::get(loggerName());
@@ -102,6 +114,7 @@ void UnitLog::information(const std::string& text, int line) const noexcept {
 }
 
 bool UnitLog::informationEnabled() const noexcept {
+    const LineInProgress inProgress;
     if (stopped) return false;
     try {
         return Poco::Logger::get(loggerName()).information();
@@ -134,8 +147,12 @@ std::string withoutControls(const std::string& text) {
     return escaped;
 }
 
-void stopLogging() noexcept {
+void stopLogging(std::chrono::milliseconds patience) noexcept {
     stopped = true;
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (linesInProgress > 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 std::string exceptionText(const std::exception& exc) {

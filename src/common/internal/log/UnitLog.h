@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <exception>
 #include <string>
 
@@ -34,8 +35,10 @@ void setLoggerName(const std::string& name);
 std::string withoutControls(const std::string& text);
 
 /// From this call on nothing is logged, because POCO's own static objects are about to be destroyed
-/// while threads of the host may still be running and logging.
-void stopLogging() noexcept;
+/// while threads of the host may still be running and logging. Waits for the lines that they are
+/// just writing, `patience` at the longest; in a forked child, which has none of these threads, it
+/// must be 0.
+void stopLogging(std::chrono::milliseconds patience) noexcept;
 
 /// displayText() of a POCO exception, what() of any other.
 std::string exceptionText(const std::exception& exc);
