@@ -477,6 +477,8 @@ bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& r
     fail("send an echo request to", addresses.empty() ? "nobody" : addresses.back());
 }
 
+// Sockets can be told from other handles only by calls that wait where a handle is that of a pipe
+// from which another thread is reading.
 void sendAtOnceTo(std::uint16_t) {}
 
 bool reusesListeningAddress() noexcept {
