@@ -228,7 +228,11 @@ std::shared_ptr<HttpClient> HttpClient::defaultHttpClient() {
     return *instance;
 }
 
-HttpClient::HttpClient() : _thread_pool(new ThreadPool(1, 32, 60, 0)) {}
+// POCO gives a pool its first thread at once, which would outlive the library in a client that is
+// never destroyed.
+HttpClient::HttpClient() : _thread_pool(new ThreadPool(1, 32, 60, 0)) {
+    _thread_pool->stop();
+}
 
 HttpClient::~HttpClient() = default;
 
