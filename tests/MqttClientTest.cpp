@@ -9,6 +9,9 @@
 #include <thread>
 
 #include "MqttFixture.h"
+#include "ScriptedBroker.h"
+#include "common/Library.h"
+#include "common/internal/mqtt/Messaging.h"
 #include "common/internal/mqtt/Topics.h"
 
 using kel::MqttClient;
@@ -17,7 +20,7 @@ namespace {
 
 class MqttClientTest : public MqttFixture {
 protected:
-    // Occupies all threads that handlers run on, so that further ones run on the library's thread.
+    // Occupies all threads that handlers run on, so that further ones run on the dispatching one.
     void fillPool(const ClientPtr& client) {
         const auto occupy = [this](MQTTClient_message*, std::string) {
             ++_begun;
@@ -25,7 +28,7 @@ protected:
             ++_ended;
         };
         subscribe(client, occupy, "block/all");
-        // One by one: a message too many would block the library's thread instead.
+        // One by one: a message too many would block the dispatching thread instead.
         for (int occupied = 1; occupied <= 32; ++occupied) {
             _broker.publish("block/all", "{}");
             ASSERT_TRUE(await([&] { return _begun == occupied; }));
@@ -131,6 +134,7 @@ TEST_F(MqttClientTest, PublishesAndReportsDeliveries) {
     const ClientPtr client = connected("edge-1");
     std::atomic<int> deliveries{0};
     client->SetDeliveryCompleteCallback([&](int) {
+        EXPECT_FALSE(client->PublishMessage("{}", "out", 0, 0, 0));
         if (++deliveries == 1) throw std::runtime_error("from the host");
     });
     subscribe(client, _inbox.handler(), "out");
@@ -173,18 +177,91 @@ TEST_F(MqttClientTest, AFullPoolRunsHandlersInlineAndBlocksNobody) {
     ASSERT_NO_FATAL_FAILURE(fillPool(client));
     std::promise<bool> published;
     const auto runInline = [&](MQTTClient_message*, std::string) {
+        bool all = true;
         client->Subscribe(_inbox.handler(), "inline/made", 0);
         client->Unsubscribe("inline/none");
-        published.set_value(client->PublishMessage("{}", "out", 1, 0, 0));
+        for (int i = 0; i < 60; ++i) all &= client->PublishMessage("{}", "out", i % 3, 0, 0);
+        published.set_value(all);
     };
     subscribe(client, runInline, "inline/now");
+    const auto before = kel::messagingStatistics();
     _broker.publish("inline/now", "{}");
-    EXPECT_FALSE(published.get_future().get());
-    EXPECT_TRUE(_log.await("Failed to publish message for topic out, return code -4"));
+    EXPECT_TRUE(published.get_future().get());
+    EXPECT_TRUE(_log.await("Success to unsubscribe topic inline/none"));
     ASSERT_TRUE(_log.await("Success to subscribe topic inline/made"));
     _broker.publish("inline/made", "{}");
     EXPECT_TRUE(_inbox.await("inline/made"));
+    const auto after = kel::messagingStatistics();
+    EXPECT_EQ(2u, after.handledInline - before.handledInline);
+    EXPECT_EQ(32u, after.handling);
+    EXPECT_EQ(before.refusedPublishes, after.refusedPublishes);
     EXPECT_TRUE(connected("edge-2")->PublishMessage("{}", "out", 1, 0, 0));
+}
+
+TEST_F(MqttClientTest, ClientsOfAMuteBrokerTakeNothingFromTheOthers) {
+    const ScriptedBroker mute(ScriptedBroker::Manner::kMute);
+    const ClientPtr client = connected("edge-1");
+    std::vector<std::future<ClientPtr>> making;
+    for (int i = 0; i < 34; ++i) {  // more than there are threads for handlers
+        making.push_back(std::async(std::launch::async, [&, i] {
+            auto made = MqttClient::createInstance(mute.address(), std::to_string(i), "", "");
+            made->Connect(kAlways, kAlways);
+            return made;
+        }));
+    }
+    std::vector<ClientPtr> others;
+    for (auto& made : making) others.push_back(made.get());
+    const auto answer = [&](MQTTClient_message*, std::string) {
+        if (client->PublishMessage("{}", "answer", 1, 0, 0)) _inbox.add("answered", "");
+    };
+    subscribe(client, answer, "ask");
+    for (int i = 0; i < 20; ++i) client->PublishMessage("{}", "ask", 1, 0, 0);
+    EXPECT_TRUE(_inbox.await("answered", 20));
+    EXPECT_EQ(0u, kel::messagingStatistics().handledInline);
+    client->Disconnect();
+    EXPECT_EQ(1u, _log.count("Success to disconnect, return code 0"));
+}
+
+// What is restored goes out together, at QoS 0; what the connect callback makes stays as it is.
+TEST_F(MqttClientTest, RestoresAtQos0InOnePacketAndLeavesTheCallbacksAlone) {
+    ScriptedBroker broker;
+    _address = broker.address();
+    const ClientPtr client = newClient("edge-1");
+    const std::map<std::string, int> made = {{"at/0", 0}, {"at/1", 1}, {"at/2", 2}, {"remade", 0}};
+    for (const auto& [topic, qos] : made) client->Subscribe(kIgnore, topic, qos);
+    ASSERT_TRUE(_log.await("_mqtt_client is not connected", made.size()));
+    bool published = false;
+    const auto connectedNow = [&](int rc) {
+        published = rc == 0 && client->PublishMessage("{}", "first", 0, 0, 0);
+        client->Subscribe(kIgnore, "remade", 2);
+        return true;
+    };
+    client->Connect(connectedNow, {});
+    for (const auto& [topic, qos] : made) {
+        ASSERT_TRUE(_log.await("Success to subscribe topic " + topic + ", return code 0"));
+    }
+    EXPECT_TRUE(published);
+    const auto packets = broker.received(8);
+    ASSERT_EQ(2u, packets.size());
+    EXPECT_EQ(std::string("\0\6remade\2", 9), packets[0].body.substr(2));
+    EXPECT_EQ(2u + 3 * 7, packets[1].body.size());
+    for (const std::string topic : {"at/0", "at/1", "at/2"}) {
+        EXPECT_NE(std::string::npos, packets[1].body.find(topic + '\0')) << topic;
+    }
+    EXPECT_EQ(1u, _log.count("Success to subscribe topic remade"));
+}
+
+TEST_F(MqttClientTest, StartsAnewAfterTheLibrarysStop) {
+    const ClientPtr client = connected("edge-1");
+    subscribe(client, _inbox.handler(), "in");
+    for (std::size_t round = 1; round <= 2; ++round) {
+        kel::stopLibrary();
+        EXPECT_FALSE(client->PublishMessage("{}", "in", 1, 0, 0));
+        client->Connect({}, {});
+        ASSERT_TRUE(_log.await("Success to subscribe topic in", round + 1));
+        EXPECT_TRUE(client->PublishMessage("{}", "in", 1, 0, 0));
+        EXPECT_TRUE(_inbox.await("in", round));
+    }
 }
 
 TEST_F(MqttClientTest, MayBeReleasedInTheMiddleOfTraffic) {
@@ -236,9 +313,14 @@ TEST_F(MqttClientTest, MayBeReleasedFromTheLibrarysThread) {
 }
 
 TEST_F(MqttClientTest, DisconnectsAndConnectsAgainWithItsSubscriptions) {
-    const ClientPtr client = connected("edge-1");
-    subscribe(client, _inbox.handler(), "kept", 2);
-    subscribe(client, _inbox.handler(), "dropped", 1);
+    // Its owner may be of any kind.
+    const auto client = std::make_unique<MqttClient>(_address, "edge-1", "", "");
+    client->Connect({}, {});
+    ASSERT_TRUE(await([&] { return client->PublishMessage("{}", "probe", 0, 0, 0); }));
+
+    client->Subscribe(_inbox.handler(), "kept", 2);
+    client->Subscribe(_inbox.handler(), "dropped", 1);
+    ASSERT_TRUE(_log.await("Success to subscribe topic ", 2));
     client->Disconnect();
     EXPECT_FALSE(client->PublishMessage("{}", "kept", 1, 0, 0));
     EXPECT_EQ(1u, _log.count("Failed to publish message for topic kept, return code -3"));
@@ -282,7 +364,9 @@ TEST_F(MqttClientTest, RetriesAsLongAsTheHostWants) {
 
 TEST_F(MqttClientTest, AnAddressTheLibraryRefusesIsReportedByEveryOperation) {
     const auto client = MqttClient::createInstance("carrier://pigeon", "", "", "");
-    client->Connect([&](int) { return ADD_FAILURE(), true; }, {});
+    std::promise<int> result;
+    client->Connect([&](int rc) { return result.set_value(rc), false; }, {});
+    EXPECT_EQ(MQTTCLIENT_BAD_PROTOCOL, result.get_future().get());
     client->Disconnect();
     client->Unsubscribe("a");
     client->Subscribe(kIgnore, "a", 0);
@@ -290,6 +374,8 @@ TEST_F(MqttClientTest, AnAddressTheLibraryRefusesIsReportedByEveryOperation) {
     EXPECT_EQ("", client->getstation());
     for (const char* line :
          {"Failed to create mqtt client, return code", "Failed to disconnect, _mqtt_client is null",
+          "Failed to connect, return code -14",
+          "no connection to carrier://pigeon: the scheme of the address is not known",
           "Failed to unsubscribe topic=a, mqtt client is null",
           "Failed to subscribe topic a, _mqtt_client is null",
           "Failed to publish message for topic=a, mqtt client is null", "_client_id is empty"}) {

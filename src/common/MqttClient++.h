@@ -3,30 +3,26 @@
 #include <MQTTClient.h>
 #include <Poco/JSON/Object.h>
 
-#include <atomic>
 #include <functional>
-#include <list>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
-#include <unordered_map>
 
 #include "Export.h"
 
 namespace kel {
-
-class InFlightWindow;
 
 /// One connection to an MQTT 3.1.1 broker (clean session, keep-alive 60 s), its subscriptions with
 /// a handler each, and its reconnection. Make it with createInstance() and keep the shared_ptr.
 ///
 /// Errors: nothing is thrown to the caller; every failure is a line in the log.
 /// Threads: all operations may be called from any thread, from every callback and from every
-/// handler. Handlers and the connect callback run on a pool of 32 threads that all clients of the
-/// process share; when it is full a handler runs on the MQTT library's receive thread, where
-/// PublishMessage() is refused. Handlers of one topic may run at the same time and out of order.
-/// The callback setters are to be called before Connect().
+/// handler, with one exception: in the delivery callback, which runs on the MQTT library's receive
+/// thread, PublishMessage() is refused. Handlers run on a pool of 32 threads that all clients of
+/// the process share; when it is full they run one at a time on a dispatching thread of this
+/// library. Handlers of one topic may run at the same time and out of order. The callback setters
+/// are to be called before Connect().
+/// Memory: messages that wait for the dispatching thread are bounded to 4096 and 32 MiB in the
+/// process (twice that while an inline handler waits for its broker); then no more are received.
 ///
 /// Releasing the last reference disconnects (it waits up to 2 s for unacknowledged messages). It
 /// may be done at any moment, from a callback too. A handler that has begun, or has been handed to
@@ -49,7 +45,7 @@ public:
     static std::shared_ptr<MqttClient> createInstance(std::string address, std::string clientId,
                                                       std::string username, std::string password);
 
-    /// For createInstance(): an object without a shared owner never connects.
+    /// As createInstance(), for an owner of another kind.
     MqttClient(std::string address, std::string clientId, std::string username,
                std::string password);
 
@@ -61,19 +57,22 @@ public:
     /// Connects in the background; returns at once. After success every subscription is made
     /// again at the broker, at QoS 0. A client that is connected already ends that session first.
     /// @param onConnectResult   called with the library's return code after each attempt (0:
-    ///        connected). Returning true after a failure asks for another attempt 4 s later,
-    ///        without limit; after success the result is ignored. May be empty: no retry.
+    ///        connected, and messages can be published). Returning true after a failure asks for
+    ///        another attempt 4 s later, without limit; after success the result is ignored. May be
+    ///        empty: no retry. An attempt takes up to 30 s where a broker accepts and stays mute;
+    ///        the MQTT library makes one at a time in a process, clients whose last attempts have
+    ///        failed after the others. A subscription made in the callback is left as it is made.
     /// @param onConnectionLost  called with the cause ("" if unknown) when an established
-    ///        connection is lost. Returning true waits until the broker's host answers a ping, or
-    ///        its port accepts or refuses a TCP connection (tried every 2 s, without limit), and
-    ///        connects anew. May be empty: stay disconnected.
-    ///        It may block; it runs on a thread of the library's own.
+    ///        connection is lost. Returning true waits until the broker's host answers (a ping, or
+    ///        the broker's port; tried every 2 s, without limit) and connects anew. May be empty:
+    ///        stay disconnected.
+    /// Both may block; they run on threads of the library's own.
     void Connect(std::function<bool(int)> onConnectResult,
                  std::function<bool(std::string)> onConnectionLost);
 
     /// Ends the session at the broker; waits up to 2 s for unacknowledged messages. The
-    /// subscriptions are kept for a later Connect(). From a handler that runs on the library's
-    /// receive thread it takes effect shortly after its return.
+    /// subscriptions are kept for a later Connect(), and what has arrived is still handed on. From
+    /// the delivery callback it takes effect shortly after its return.
     void Disconnect();
 
     /// Has `handler` called for each message on `topic`, replacing an earlier handler of exactly
@@ -93,8 +92,7 @@ public:
                    int qos);
 
     /// Unsubscribes `topic` at the broker, waiting for its answer, and forgets the handler in any
-    /// case. From a handler that runs on the library's receive thread it takes effect shortly
-    /// after its return.
+    /// case. From the delivery callback it takes effect shortly after its return.
     void Unsubscribe(std::string topic);
 
     /// Sends one message; does not wait until it has been delivered. At QoS 1 and 2 it waits
@@ -104,8 +102,8 @@ public:
     /// @param token     ignored.
     /// @return whether the library accepted it. At QoS 1 and 2 the delivery callback tells when it
     ///         has been delivered; if the connection goes first, it may be lost. Always false (with
-    ///         the library's code for too many messages in flight) on the library's own receive
-    ///         thread, which must not wait for itself.
+    ///         the library's code for too many messages in flight) in a delivery callback, and in
+    ///         an inline handler that would have to wait while its queue is full twice over.
     bool PublishMessage(std::string payload, std::string topic, int qos, int retained, int token);
 
     /// The client id; "" (and an error line) if it is empty.
@@ -125,75 +123,10 @@ public:
     void setMessagePushSpliceCallback(std::function<void(std::string&)> callback);
 
 private:
-    using SubscribeMap = std::unordered_map<std::string, std::list<MessageHandler>>;
+    struct Impl;
 
-    void Create_l();
-    void Connect_l();
-    void Disconnect_l();
-    void Subscribe_l(const MessageHandler& handler, const std::string& topic, int qos);
-    void Unsubscribe_l(const std::string& topic);
-
-    void createHandle();
-    void closeHandle();
-    std::optional<int> connectOnce(SubscribeMap& restored);
-    void endSession(MQTTClient handle);
-    bool askAfterConnect(int rc);
-    void beginSession(const SubscribeMap& restored);
-    void sessionLost(void* ticket, const std::string& cause);
-    void messageDelivered(int token);
-    void offLibraryThread(std::function<void(MqttClient&)> call);
-    bool unsubscribeAtBroker(const std::string& topic);
-    int publishInSession(const std::string& payload, const std::string& topic, int qos,
-                         int retained);
-    int publishOnce(const std::string& payload, const std::string& topic, int qos, int retained);
-    void dispatch(const std::string& payload, const std::string& topic);
-    std::list<MessageHandler> handlersFor(const std::string& topic);
-
-    template <typename Callback>
-    Callback callbackCopy(const Callback& member);
-
-    // Background work, which holds the client only weakly between its steps.
-    static void runConnectTask(const std::weak_ptr<MqttClient>& weak);
-    static void reconnect(const std::weak_ptr<MqttClient>& weak, unsigned loss,
-                          const std::string& cause);
-    static bool askAfterLoss(const std::weak_ptr<MqttClient>& weak, const std::string& cause);
-    static bool awaitBrokerHost(const std::weak_ptr<MqttClient>& weak, unsigned loss);
-    static void rebuild(const std::weak_ptr<MqttClient>& weak);
-
-    // Called by the MQTT library. `context` is a ticket of the callback gate, never a pointer.
-    static void connlost(void* context, char* cause);
-    static int msgarrvd(void* context, char* topicName, int topicLen, MQTTClient_message* message);
-    static void delivered(void* context, MQTTClient_deliveryToken token);
-
-    // Set at construction.
-    std::string _address;
-    std::string _client_id;
-    std::string _username;
-    std::string _password;
-
-    // Where both are held, _client_mutex is taken first. Nothing the MQTT library calls back takes
-    // it: a connect holds it for up to 30 s.
-    std::mutex _subscribe_mutex;
-    std::mutex _client_mutex;
-
-    SubscribeMap _subscribe_map;  // guarded by _subscribe_mutex
-
-    std::atomic<MQTTClient> _mqtt_client{nullptr};  // changed under _client_mutex
-    std::atomic<void*> _ticket{nullptr};            // of the handle; changed under _client_mutex
-
-    std::mutex _callback_mutex;
-    // Guarded by _callback_mutex; copied out before they are called.
-    std::function<bool(int)> _connect_callback;
-    std::function<bool(std::string)> _connection_lost_callback;
-    std::function<void(int)> _delivery_complete_callback;
-    std::function<void(Poco::JSON::Object::Ptr)> _message_receive_tailor_callback;
-    std::function<void(std::string&)> _message_push_splice_callback;
-
-    // Own locking.
-    std::atomic<bool> _vehicle_conn{false};
-    std::atomic<bool> _connected{false};
-    std::atomic<unsigned> _losses{0};
-    std::unique_ptr<InFlightWindow> _in_flight;
+    // Shared with background work, which holds it weakly between its steps.
+    const std::shared_ptr<Impl> _impl;
 };
 
 }  // namespace kel

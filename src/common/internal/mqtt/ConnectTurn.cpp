@@ -1,36 +1,64 @@
 #include "ConnectTurn.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <set>
+
+#include "../process/NeverDestroyed.h"
 
 namespace kel {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kUntilVisible = std::chrono::seconds(1);
+constexpr auto kAskAgain = std::chrono::milliseconds(100);
+
 struct State {
     std::mutex mutex;
     std::condition_variable freed;
-    bool taken = false;  // guarded by mutex
+    // Guarded by mutex.
+    bool taken = false;
+    Clock::time_point since;
+    std::multiset<unsigned> waiting;  // the ranks
 };
 
 State& state() {
-    static auto* instance = new State;
+    static NeverDestroyed<State> instance;
     return *instance;
 }
 
 }  // namespace
 
-ConnectTurn::ConnectTurn(std::chrono::milliseconds patience) {
-    std::unique_lock<std::mutex> lock(state().mutex);
-    _mine = state().freed.wait_for(lock, patience, [] { return !state().taken; });
-    if (_mine) state().taken = true;
+ConnectTurn::ConnectTurn(unsigned rank, const GiveUp& giveUp) {
+    State& turn = state();
+    std::unique_lock<std::mutex> lock(turn.mutex);
+    const auto place = turn.waiting.insert(rank);
+    const auto isNext = [&] { return !turn.taken && *turn.waiting.begin() == rank; };
+    _mine = isNext();
+    while (!_mine && !giveUp()) _mine = turn.freed.wait_for(lock, kAskAgain, isNext);
+    turn.waiting.erase(place);
+    if (_mine) {
+        turn.taken = true;
+        turn.since = Clock::now();
+    } else {
+        turn.freed.notify_all();  // another may be next now
+    }
 }
 
 ConnectTurn::~ConnectTurn() {
     if (!_mine) return;
     const std::lock_guard<std::mutex> lock(state().mutex);
     state().taken = false;
-    state().freed.notify_one();
+    state().freed.notify_all();
+}
+
+void ConnectTurn::awaitVisible() {
+    State& turn = state();
+    std::unique_lock<std::mutex> lock(turn.mutex);
+    turn.freed.wait_until(lock, turn.since + kUntilVisible, [&] { return !turn.taken; });
 }
 
 }  // namespace kel

@@ -1,45 +1,93 @@
 #include "InFlightWindow.h"
 
+#include <algorithm>
+
 namespace kel {
+
+namespace {
+
+constexpr int kMostAtQos0 = 2;
+constexpr auto kPacePatience = std::chrono::milliseconds(10);
+constexpr auto kAskAgain = std::chrono::milliseconds(100);
+
+}  // namespace
 
 void InFlightWindow::open() {
     const std::lock_guard<std::mutex> lock(_mutex);
     ++_session;
     _open = true;
     _taken = 0;
+    _sent = 0;
+    _changed.notify_all();
 }
 
 void InFlightWindow::close() {
     const std::lock_guard<std::mutex> lock(_mutex);
     _open = false;
     _changed.notify_all();
+    acknowledged();
 }
 
-std::optional<InFlightWindow::Session> InFlightWindow::take() {
+std::optional<InFlightWindow::Session> InFlightWindow::take(const GiveUp& giveUp) {
     std::unique_lock<std::mutex> lock(_mutex);
     const Session session = _session;
     const auto ended = [&] { return !_open || _session != session; };
-    _changed.wait(lock, [&] { return ended() || _taken < kPlaces; });
+    const auto settled = [&] { return ended() || used() < kPlaces; };
+    if (giveUp) {
+        while (!_changed.wait_for(lock, kAskAgain, settled)) {
+            if (giveUp()) return {};
+        }
+    } else {
+        _changed.wait(lock, settled);
+    }
     if (ended()) return {};
     ++_taken;
     return session;
 }
 
+void InFlightWindow::sent(Session session, int token) {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    if (session == _session && _taken > 0) --_taken;
+    if (_sent < static_cast<int>(_tokens.size()))
+        _tokens[static_cast<std::size_t>(_sent++)] = token;
+}
+
 void InFlightWindow::giveBack(Session session) {
     const std::lock_guard<std::mutex> lock(_mutex);
-    if (session == _session) release();
-}
-
-void InFlightWindow::delivered() {
-    const std::lock_guard<std::mutex> lock(_mutex);
-    release();
-}
-
-// A broker may acknowledge what was never sent.
-void InFlightWindow::release() {
-    if (_taken == 0) return;
+    if (session != _session || _taken == 0) return;
     --_taken;
     _changed.notify_one();
+}
+
+bool InFlightWindow::delivered(int token) {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    const auto end = _tokens.begin() + _sent;
+    const auto found = std::find(_tokens.begin(), end, token);
+    if (found == end) return false;
+    *found = *(end - 1);
+    --_sent;
+    _changed.notify_one();
+    acknowledged();
+    return true;
+}
+
+void InFlightWindow::acknowledged() {
+    _atQos0 = 0;
+    if (_paced > 0) _paceChanged.notify_all();
+}
+
+void InFlightWindow::pace() {
+    std::unique_lock<std::mutex> lock(_mutex);
+    const auto mayGo = [this] { return _sent == 0 || _atQos0 < kMostAtQos0 || !_open; };
+    ++_paced;
+    if (!mayGo()) _paceChanged.wait_for(lock, kPacePatience, mayGo);
+    --_paced;
+    ++_atQos0;
+}
+
+bool InFlightWindow::isOpen() const {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    return _open;
 }
 
 }  // namespace kel

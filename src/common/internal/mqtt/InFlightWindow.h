@@ -1,45 +1,72 @@
 #pragma once
 
+#include <array>
+#include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <optional>
 
 namespace kel {
 
-/// Places for the messages of one MQTT session that the broker has not acknowledged yet. The
-/// library has a wait of its own when they run out, but it polls ten times a second; publishers
-/// wait here instead and go on as soon as an acknowledgement comes. Threads: any.
+/// Places for the messages of one MQTT session that the broker has not acknowledged yet. Publishers
+/// wait here and go on as soon as an acknowledgement comes; the MQTT library has a wait of its own,
+/// which polls ten times a second and is never reached. Threads: any.
 class InFlightWindow {
 public:
-    static constexpr int kPlaces = 10;  // the library's limit for "maximum in-flight -1"
+    static constexpr int kPlaces = 10;
 
     /// Identifies the session that a place belongs to.
     using Session = unsigned;
 
+    /// Asked while a publisher waits; true ends its wait without a place.
+    using GiveUp = std::function<bool()>;
+
     /// A session begins, with all places free.
     void open();
 
-    /// The session has ended; waiting publishers return.
+    /// The session admits no further message; waiting publishers return. What is in flight can
+    /// still be acknowledged.
     void close();
 
-    /// Waits for a free place and takes it. Empty if there is no session or it ends meanwhile.
-    std::optional<Session> take();
+    /// Waits for a free place and takes it. Empty if there is no session, it ends meanwhile, or
+    /// `giveUp`, which is asked ten times a second, says so.
+    std::optional<Session> take(const GiveUp& giveUp = {});
+
+    /// The message of a place that was taken in `session` goes out as `token`. It counts for the
+    /// session that it goes out in, which may be a later one by now.
+    void sent(Session session, int token);
+
+    /// For a message at QoS 0, which takes no place: between two acknowledgements a few of them go
+    /// out at once, a further one waits for the next acknowledgement, 10 ms at the longest.
+    /// Otherwise they fill the way to the broker, and each acknowledgement comes behind all of
+    /// them.
+    void pace();
 
     /// Gives back a place whose message was not sent; of an earlier session it counts for nothing.
     void giveBack(Session session);
 
-    /// A message of the current session has been acknowledged.
-    void delivered();
+    /// @return whether `token` was in flight. It is not where a broker acknowledges twice, after
+    ///         the library's retry, or what was never sent.
+    bool delivered(int token);
+
+    bool isOpen() const;
 
 private:
-    void release();
+    int used() const { return _taken + _sent; }
+    void acknowledged();
 
-    std::mutex _mutex;
+    mutable std::mutex _mutex;
     std::condition_variable _changed;
+    std::condition_variable _paceChanged;
     // Guarded by _mutex.
     Session _session = 0;
     bool _open = false;
-    int _taken = 0;
+    int _taken = 0;                        // places whose message has not gone out yet
+    int _sent = 0;                         // places whose message has
+    int _atQos0 = 0;                       // messages since the last acknowledgement
+    int _paced = 0;                        // publishers that wait in pace()
+    std::array<int, 2 * kPlaces> _tokens;  // of the messages that have gone out
 };
 
 }  // namespace kel

@@ -35,11 +35,10 @@ bool marksDroppedKind(const std::string& text) {
     return contains(text, "heartBeat") || contains(text, "pushTelemetry");
 }
 
-bool filterCovers(const std::string& filter, const std::string& topic) {
+std::string stem(const std::string& filter) {
     std::size_t end = filter.find("/#");
     if (end == std::string::npos) end = filter.find("/+");
-    if (end == std::string::npos || end == 0) return false;
-    return contains(topic, filter.substr(0, end));
+    return end == std::string::npos ? std::string() : filter.substr(0, end);
 }
 
 bool isValidTopic(const std::string& topic) {

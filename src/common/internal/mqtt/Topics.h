@@ -10,9 +10,9 @@ bool isBus(const std::string& topic);
 /// Whether `text`, a topic or an "api" member, marks a kind that is never handed on.
 bool marksDroppedKind(const std::string& text);
 
-/// Whether the wildcard `filter` receives `topic`: the part before its first "/#", or else its
-/// first "/+", is not empty and occurs anywhere in the topic. Never for a filter without either.
-bool filterCovers(const std::string& filter, const std::string& topic);
+/// What a topic has to contain, anywhere, to be received by the wildcard `filter`: the part before
+/// its first "/#", or else its first "/+". Empty for a filter that receives nothing in that way.
+std::string stem(const std::string& filter);
 
 /// Whether a broker accepts a message on `topic`: not empty, no wildcard, no NUL. A broker ends
 /// the connection otherwise.

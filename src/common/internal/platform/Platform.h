@@ -126,6 +126,11 @@ struct EchoRequest {
 /// @throws std::system_error  nothing could be sent, for want of the right to or of a route.
 bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& request);
 
+/// Turns Nagle's algorithm off for this process's TCP connections to `port`, so that a small packet
+/// is sent at once and not behind the peer's delayed acknowledgement, some 40 ms later. For a
+/// library that gives no access to its socket. Does nothing on Windows; failures are ignored.
+void sendAtOnceTo(std::uint16_t port);
+
 /// Whether a static destructor may join threads. Not on Windows, where it runs under the loader
 /// lock, which an ending thread needs.
 bool canJoinAtExit() noexcept;

@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <netinet/ip.h>
 #include <netinet/ip_icmp.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -298,6 +299,16 @@ bool isAnswerTo(const Bytes& request, const Bytes& packet) {
                       request.begin() + sizeof(icmphdr));
 }
 
+// 0 where `descriptor` is no connection of the internet's families.
+std::uint16_t peerPort(int descriptor) {
+    sockaddr_storage peer{};
+    socklen_t length = sizeof peer;
+    if (::getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length) != 0) return 0;
+    if (peer.ss_family == AF_INET) return ntohs(reinterpret_cast<sockaddr_in&>(peer).sin_port);
+    if (peer.ss_family == AF_INET6) return ntohs(reinterpret_cast<sockaddr_in6&>(peer).sin6_port);
+    return 0;
+}
+
 }  // namespace
 
 std::string executablePath() {
@@ -463,6 +474,17 @@ bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& r
         if (isAnswerTo(packet, socket.receive(left))) return true;
     }
     return false;
+}
+
+void sendAtOnceTo(std::uint16_t port) {
+    std::error_code unreadable;
+    for (fs::directory_iterator entry("/dev/fd", unreadable), end; !unreadable && entry != end;
+         entry.increment(unreadable)) {
+        const int descriptor = std::atoi(entry->path().filename().c_str());
+        if (peerPort(descriptor) != port) continue;
+        const int on = 1;
+        ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    }
 }
 
 bool canJoinAtExit() noexcept {

@@ -410,6 +410,8 @@ bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& r
     fail("send an echo request to", addresses.empty() ? "nobody" : addresses.back());
 }
 
+void sendAtOnceTo(std::uint16_t) {}
+
 bool canJoinAtExit() noexcept {
     return false;
 }

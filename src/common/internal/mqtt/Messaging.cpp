@@ -1,0 +1,134 @@
+// Messaging.cpp - what all MQTT clients of the process share.
+//
+//   threads         run                                                 may wait
+//   handlers        message handlers                                    yes; 32 that do hold up the
+//   rest background      connects, their pauses, reconnections, subscribes   yes dispatcher
+//   parsing, filters, inline handlers (one background   only in an inline handler
+//                   thread for good)
+//
+// There is one Messaging from a start to the next stop. Stopped ones are kept, since their last
+// threads may still be on their way out.
+
+#include "Messaging.h"
+
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "../log/UnitLog.h"
+#include "../process/LibraryStop.h"
+#include "../process/NeverDestroyed.h"
+#include "Connection.h"
+
+namespace kel {
+
+namespace {
+
+constexpr UnitLog log("src/common/MqttClient++");
+
+constexpr auto kPatienceWithPool = std::chrono::milliseconds(5);
+
+struct State {
+    std::mutex mutex;
+    std::vector<std::unique_ptr<Messaging>> all;  // guarded by mutex
+    std::atomic<Messaging*> running{nullptr};     // changed under mutex
+};
+
+State& state() {
+    static NeverDestroyed<State> instance;
+    return *instance;
+}
+
+}  // namespace
+
+Messaging& Messaging::instance() {
+    State& shared = state();
+    if (Messaging* running = shared.running) return *running;
+    const std::lock_guard<std::mutex> lock(shared.mutex);
+    if (Messaging* running = shared.running) return *running;
+    const bool ending = processIsEnding();
+    if (!ending || shared.all.empty()) shared.all.push_back(std::make_unique<Messaging>());
+    Messaging& last = *shared.all.back();
+    if (ending) return last;
+    shared.running = &last;
+    onLibraryStop(StopStage::kMessaging, stopRunning);
+    return last;
+}
+
+Messaging* Messaging::running() {
+    return state().running;
+}
+
+Messaging::Messaging() {
+    if (processIsEnding()) {
+        stop();
+        return;
+    }
+    _handlers = std::make_unique<ThreadPool>(1, 32, 60, 0);
+    _background = std::make_unique<ThreadPool>("mqttBackground", 1, 1024, 60, 0);
+    inBackground([this] { _dispatcher.run(); });
+}
+
+bool Messaging::inBackground(std::function<void()> task) {
+    if (!_background || stopped()) return false;
+    try {
+        _background->start([task = std::move(task)] { logExceptions(log, task); },
+                           "mqttBackground");
+        return true;
+    } catch (const std::exception&) {
+        return false;  // logged by the pool
+    }
+}
+
+void Messaging::stopRunning() {
+    Messaging* last = nullptr;
+    {
+        const std::lock_guard<std::mutex> lock(state().mutex);
+        last = state().running.exchange(nullptr);
+    }
+    if (!last) return;
+    Connection::silenceAll();
+    last->stop();
+}
+
+// The dispatcher hands out what it has, for which it needs the handlers.
+void Messaging::stop() {
+    _stop.set();
+    _dispatcher.stop();
+    if (_background) _background->stop();
+    if (_handlers) _handlers->stop();
+}
+
+bool Messaging::handle(std::function<void()>& task) {
+    using std::chrono::milliseconds;
+    const milliseconds patience = _exhausted ? milliseconds::zero() : kPatienceWithPool;
+    const bool taken = _handlers->tryStart(std::move(task), patience);
+    _exhausted = !taken;
+    return taken;
+}
+
+MessagingCounters& messagingCounters() {
+    static NeverDestroyed<MessagingCounters> instance;
+    return *instance;
+}
+
+MessagingStatistics messagingStatistics() {
+    const MessagingCounters& counters = messagingCounters();
+    MessagingStatistics snapshot;
+    for (std::size_t qos = 0; qos < snapshot.received.size(); ++qos) {
+        snapshot.received[qos] = counters.received[qos];
+        snapshot.published[qos] = counters.published[qos];
+    }
+    snapshot.confirmed = counters.confirmed;
+    snapshot.refusedPublishes = counters.refusedPublishes;
+    snapshot.handledInline = counters.handledInline;
+    snapshot.reconnections = counters.reconnections;
+    if (Messaging* running = Messaging::running()) {
+        snapshot.queued = running->dispatcher().depth();
+        snapshot.queuedHighWater = running->dispatcher().highWater();
+        snapshot.handling = running->handlers().pendingTasks();
+    }
+    return snapshot;
+}
+
+}  // namespace kel

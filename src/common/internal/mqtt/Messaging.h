@@ -1,0 +1,92 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "../../ThreadPool.h"
+#include "../process/StopSignal.h"
+#include "Dispatcher.h"
+
+namespace kel {
+
+/// What all clients of the process share: the pool of the handlers, the threads that may wait for a
+/// broker, the dispatcher, and their stop. Threads: any.
+class Messaging {
+public:
+    /// The one in force. The first use starts it, and so does the first after stopLibrary(); while
+    /// the process ends nothing is started, and this is one that has been stopped. Never destroyed.
+    static Messaging& instance();
+
+    /// The one in force, or null where there has been no use since the last stop.
+    static Messaging* running();
+
+    Messaging();
+
+    /// The documented pool of 1 to 32 threads.
+    ThreadPool& handlers() { return *_handlers; }
+
+    /// Hands `task` to the handlers, waiting a few milliseconds for a place: tiny handlers finish
+    /// in microseconds, yet a burst of messages finds all threads taken. After a wait in vain there
+    /// is none until a place has been found again. For the dispatching thread.
+    /// @return false, with `task` as it was, if there is no place.
+    bool handle(std::function<void()>& task);
+
+    Dispatcher& dispatcher() { return _dispatcher; }
+
+    /// Runs `task` on a thread that may wait as long as it likes. What it throws is logged.
+    /// @return false, with the task not run, after the stop.
+    bool inBackground(std::function<void()> task);
+
+    /// @return false if the stop came first; ends every such pause at once.
+    bool pause(std::chrono::milliseconds duration) { return _stop.sleepFor(duration); }
+    bool stopped() { return !pause(std::chrono::milliseconds(0)); }
+
+private:
+    static void stopRunning();
+
+    void stop();
+
+    // Set at construction, own locking. Null while the process ends.
+    std::unique_ptr<ThreadPool> _handlers;
+    std::unique_ptr<ThreadPool> _background;
+    Dispatcher _dispatcher;
+    StopSignal _stop;
+
+    bool _exhausted = false;  // the dispatching thread's
+};
+
+/// Figures since the start of the process; of all clients together.
+struct MessagingCounters {
+    using Count = std::atomic<std::uint64_t>;
+
+    std::array<Count, 3> received{};   // by QoS
+    std::array<Count, 3> published{};  // accepted by the library, by QoS
+    Count confirmed{0};                // deliveries at QoS 1 and 2
+    Count refusedPublishes{0};
+    Count handledInline{0};  // because the pool was full
+    Count reconnections{0};  // sessions that followed a lost one
+};
+
+MessagingCounters& messagingCounters();
+
+/// A snapshot of those figures and of the queues.
+struct MessagingStatistics {
+    std::array<std::uint64_t, 3> received{};
+    std::array<std::uint64_t, 3> published{};
+    std::uint64_t confirmed = 0;
+    std::uint64_t refusedPublishes = 0;
+    std::uint64_t handledInline = 0;
+    std::uint64_t reconnections = 0;
+    std::size_t queued = 0;           // messages in the dispatcher's queue
+    std::size_t queuedHighWater = 0;  // the most there have been since the last start
+    std::size_t handling = 0;         // tasks on the handlers' pool
+};
+
+MessagingStatistics messagingStatistics();
+
+}  // namespace kel

@@ -1,0 +1,195 @@
+// What the broker connection is made of, each alone: the owner of the library's handle against a
+// broker that acknowledges as a test says, the window, the turn, the dispatcher.
+
+#include <array>
+#include <atomic>
+#include <latch>
+#include <thread>
+
+#include "MqttFixture.h"
+#include "ScriptedBroker.h"
+#include "common/internal/mqtt/ConnectTurn.h"
+#include "common/internal/mqtt/Connection.h"
+#include "common/internal/mqtt/Dispatcher.h"
+#include "common/internal/mqtt/Messaging.h"
+
+using kel::Connection;
+using kel::ConnectTurn;
+using kel::Dispatcher;
+using kel::InFlightWindow;
+
+namespace {
+
+constexpr int kPublish = 3;
+constexpr auto kAtOnce = [] { return true; };
+
+struct Told : kel::ConnectionEvents {
+    void messageArrived(kel::Message, bool) override {}
+    void messageDelivered(int token) override { delivered.add(std::to_string(token), ""); }
+    void sessionLost(const std::string&) override { ++lost; }
+
+    Inbox delivered;
+    std::atomic<int> lost{0};
+};
+
+class ConnectionTest : public ::testing::Test {
+protected:
+    ConnectionTest() {
+        kel::Messaging::instance();
+        int rc = -1;
+        _options.address = _broker.address();
+        _options.clientId = "edge-1";
+        _connection = Connection::create(_options, rc);
+        EXPECT_EQ(0, rc);
+        connect();
+    }
+    ~ConnectionTest() override { _connection->close(); }
+
+    void connect() { ASSERT_EQ(0, _connection->connect(_options, _told)); }
+
+    // One after the other; counts those that are accepted.
+    std::jthread publishing(int messages, std::atomic<int>& accepted) {
+        return std::jthread([this, messages, &accepted] {
+            for (int i = 0; i < messages; ++i) {
+                accepted += _connection->publish("{}", "a", 1, 0) == 0;
+            }
+        });
+    }
+
+    CapturedLog _log;
+    ScriptedBroker _broker;
+    kel::ConnectOptions _options;
+    const std::shared_ptr<Told> _told = std::make_shared<Told>();
+    std::shared_ptr<Connection> _connection;
+};
+
+struct BlockingItem : Dispatcher::Item {
+    void handOut() override { handle(); }
+    bool tryHandOut() override { return false; }
+    std::size_t bytes() const override { return size; }
+
+    std::function<void()> handle = [] {};
+    std::size_t size = 0;
+};
+
+std::shared_ptr<BlockingItem> item(
+    std::size_t size, std::function<void()> handle = [] {}) {
+    auto made = std::make_shared<BlockingItem>();
+    made->size = size;
+    made->handle = std::move(handle);
+    return made;
+}
+
+}  // namespace
+
+TEST_F(ConnectionTest, AnAcknowledgementCountsOnceAndOnlyForWhatWasSent) {
+    std::atomic<int> accepted{0};
+    const std::jthread publisher = publishing(30, accepted);
+    ASSERT_TRUE(await([&] { return _broker.count(kPublish) == 10; }));
+    for (const int token : {999, 1, 1, 1, 65535, 1, 2}) _broker.acknowledge(token);
+    ASSERT_TRUE(_told->delivered.await("", 2));
+    EXPECT_TRUE(await([&] { return _broker.count(kPublish) == 12; }));
+    for (int token = 3; token <= 30; ++token) {
+        const auto next = static_cast<std::size_t>(token);
+        ASSERT_TRUE(await([&] { return _broker.count(kPublish) >= next; }));
+        EXPECT_LE(_broker.count(kPublish), next + 9);  // never more than ten in flight
+        _broker.acknowledge(token);
+        ASSERT_TRUE(_told->delivered.await("", next));
+    }
+    EXPECT_EQ(30u, _told->delivered.count(""));
+    EXPECT_TRUE(await([&] { return accepted == 30; }));
+}
+
+TEST_F(ConnectionTest, WaitersOfALostSessionReturnAndKeepNoPlaceInTheNext) {
+    std::atomic<int> accepted{0}, later{0};
+    {
+        std::vector<std::jthread> waiting;
+        for (int i = 0; i < 16; ++i) waiting.push_back(publishing(1, accepted));
+        ASSERT_TRUE(await([&] { return accepted == 10; }));
+        _broker.drop();  // without any acknowledgement
+    }
+    EXPECT_EQ(10, accepted);
+    ASSERT_TRUE(await([&] { return _told->lost == 1; }));
+    EXPECT_FALSE(_connection->isUp());
+    EXPECT_NE(0, _connection->publish("{}", "a", 1, 0));
+    connect();
+    const std::jthread publisher = publishing(11, later);
+    EXPECT_TRUE(await([&] { return _broker.count(kPublish, 2) == 10; }));
+    _connection->close();
+    EXPECT_EQ(0u, _told->delivered.count(""));
+    EXPECT_EQ(1, _told->lost);
+}
+
+TEST(InFlightWindow, APlaceBelongsToItsSession) {
+    InFlightWindow window;
+    EXPECT_FALSE(window.take());
+    window.open();
+    const auto earlier = window.take();
+    ASSERT_TRUE(earlier);
+    window.close();
+    window.open();
+    std::vector<InFlightWindow::Session> taken;
+    while (const auto session = window.take(kAtOnce)) taken.push_back(*session);
+    ASSERT_EQ(10u, taken.size());
+    window.giveBack(*earlier);
+    EXPECT_FALSE(window.take(kAtOnce));
+    window.sent(*earlier, 7);  // sent late, so in this session
+    window.giveBack(taken.front());
+    EXPECT_FALSE(window.take(kAtOnce));
+    EXPECT_TRUE(window.delivered(7));
+    EXPECT_FALSE(window.delivered(7));
+    EXPECT_TRUE(window.take(kAtOnce));
+}
+
+TEST(ConnectTurn, GoesToTheClientThatHasFailedLeast) {
+    auto first = std::make_unique<ConnectTurn>(0, kAtOnce);
+    ASSERT_TRUE(*first);
+    EXPECT_FALSE(ConnectTurn(0, kAtOnce));
+    std::mutex mutex;
+    std::vector<unsigned> order;
+    std::atomic<int> asked{0};
+    std::vector<std::jthread> waiting;
+    for (const unsigned rank : {7U, 0U, 3U}) {
+        waiting.emplace_back([&, rank] {
+            const ConnectTurn turn(rank, [&] { return ++asked < 0; });
+            const std::lock_guard<std::mutex> lock(mutex);
+            order.push_back(rank);
+        });
+        const int before = asked;  // it waits by now
+        ASSERT_TRUE(await([&] { return asked > before + 3; }));
+    }
+    first.reset();
+    waiting.clear();
+    EXPECT_EQ((std::vector<unsigned>{0, 3, 7}), order);
+}
+
+TEST(Dispatcher, HoldsTheReceiverBackAtItsBoundButNotForAWaitThatNeedsIt) {
+    // By number, and by bytes.
+    for (const std::size_t size : {std::size_t{1}, std::size_t{1} << 20}) {
+        const std::size_t bound = size == 1 ? Dispatcher::kMostMessages : 32;
+        Dispatcher dispatcher;
+        std::latch fill{1}, waitForBroker{1};
+        std::atomic<bool> waits{false}, gaveUp{false};
+        dispatcher.push(item(0, [&] {
+            waitForBroker.wait();
+            const Dispatcher::WaitsForBroker wait;
+            waits = true;
+            while (!wait.giveUp()()) std::this_thread::yield();
+            gaveUp = true;
+        }));
+        std::jthread runner([&] { dispatcher.run(); });
+        std::atomic<std::size_t> taken{0}, handled{0};
+        const std::size_t all = 2 * bound + 10;
+        std::jthread receiver([&] {
+            for (; taken < all; ++taken) dispatcher.take(item(size, [&] { ++handled; }));
+        });
+        ASSERT_TRUE(await([&] { return dispatcher.isFull(); }));
+        EXPECT_LE(taken, bound + 1);
+        EXPECT_FALSE(waits);
+        waitForBroker.count_down();
+        EXPECT_TRUE(await([&] { return handled == all; }));
+        EXPECT_TRUE(gaveUp);
+        EXPECT_EQ(2 * bound, dispatcher.highWater());
+        dispatcher.stop();
+    }
+}
