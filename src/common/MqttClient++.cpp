@@ -261,6 +261,8 @@ std::optional<int> MqttClient::Impl::connectOnce(Messaging& messaging, bool agai
         const std::lock_guard<std::mutex> lock(_connectMutex);
         rank = _failures;
     }
+    // Not with the turn, for which the other clients wait.
+    if (const std::shared_ptr<Connection> made = connection()) made->awaitAnswers();
     const ConnectTurn turn(rank, giveUp);
     if (!turn) return {};
     const std::lock_guard<std::mutex> lock(_connectMutex);

@@ -378,6 +378,10 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
     return rc;
 }
 
+void Connection::awaitAnswers() {
+    const std::lock_guard<std::mutex> answer(_answerMutex);
+}
+
 int Connection::endSession() {
     ConnectTurn::awaitVisible();
     return leaveSession();

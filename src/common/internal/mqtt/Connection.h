@@ -52,6 +52,9 @@ public:
     /// ConnectTurn; one call at a time. @return the library's code, 0 for success.
     int connect(const ConnectOptions& options, std::weak_ptr<ConnectionEvents> events);
 
+    /// Waits until no subscribe and unsubscribe is in progress, which connect() would wait for.
+    void awaitAnswers();
+
     /// Ends the session at the broker; waits up to 2 s for unacknowledged messages.
     int disconnect();
 

@@ -45,10 +45,8 @@ Delivery::Delivery(Messaging& messaging, std::shared_ptr<const Subscriptions> su
 
 bool Delivery::tryHandOut() {
     prepare();
-    bool done = true;
-    if (_handler) {
-        logExceptions(log, [&] { done = _messaging.handlers().tryStart(task()); });
-    }
+    bool done = !_handler;
+    if (!done) logExceptions(log, [&] { done = _messaging.handlers().tryStart(task()); });
     return done;
 }
 

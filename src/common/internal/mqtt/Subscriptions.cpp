@@ -6,20 +6,27 @@
 
 namespace kel {
 
+// In the next three a handler that is replaced or removed is destroyed without the lock: what it
+// holds may call back in here.
+
 void Subscriptions::set(const std::string& filter, Handler handler) {
     std::string stem = topics::stem(filter);
     const std::lock_guard<std::mutex> lock(_mutex);
-    _entries.insert_or_assign(filter, Entry{std::move(handler), std::move(stem), ++_last});
+    Entry& entry = _entries[filter];
+    entry.handler.swap(handler);
+    entry.stem = std::move(stem);
+    entry.mark = ++_last;
 }
 
 bool Subscriptions::erase(const std::string& filter) {
+    decltype(_entries)::node_type erased;
     const std::lock_guard<std::mutex> lock(_mutex);
-    return _entries.erase(filter) > 0;
+    erased = _entries.extract(filter);
+    return !erased.empty();
 }
 
-// The handlers are destroyed without the lock: what they hold may call back in here.
 void Subscriptions::clear() {
-    std::unordered_map<std::string, Entry> cleared;
+    decltype(_entries) cleared;
     const std::lock_guard<std::mutex> lock(_mutex);
     cleared.swap(_entries);
 }

@@ -45,7 +45,7 @@ private:
     struct Entry {
         Handler handler;
         std::string stem;
-        Mark mark;
+        Mark mark = 0;
     };
 
     mutable std::mutex _mutex;
