@@ -14,7 +14,15 @@ namespace soak {
 /// A broker that acknowledges what it gets, until it is told to misbehave. One client at a time.
 class SmallBroker {
 public:
-    enum class Manner { kWell, kClosesAtOnce, kGarbage, kHalfPacket, kMute, kNeverAcks, kAcksTwice };
+    enum class Manner {
+        kWell,
+        kClosesAtOnce,
+        kGarbage,
+        kHalfPacket,
+        kMute,
+        kNeverAcks,
+        kAcksTwice
+    };
 
     SmallBroker() : _thread([this](const std::stop_token& stop) { serve(stop); }) {}
 
