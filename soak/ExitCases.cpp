@@ -114,12 +114,12 @@ Result killWhileSaving(double scale) {
 }  // namespace
 
 void saveForEver() {
-    kel::loadConfig();
     for (unsigned generation = std::random_device()();; ++generation) {
         for (int i = 0; i < 200; ++i) {
             kel::configInstance().setString("soak.key" + std::to_string(i),
                                             std::to_string(generation));
         }
+        if (kel::configPath().empty()) kel::loadConfig();  // the first file is complete too
         kel::saveConfig();
     }
 }

@@ -138,6 +138,7 @@ Result diskFullUnderConfig(bool readOnly) {
     if (readOnly) ::mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT, nullptr);
     std::filesystem::remove(folder + "/filler");
     kel::saveConfig();
+    ::umount2(folder.c_str(), MNT_DETACH);
     const bool right = kept && !why.empty() && kel::lastConfigError().empty();
     return {right, errorsIn(log) + (kept ? "; the old file stays" : "; the old file is gone") +
                        (right ? "; the next save succeeds" : "; the next save fails")};
@@ -161,6 +162,7 @@ Result diskFullUnderLog(double) {
         std::istringstream in(content(file.path()));
         for (std::string line; std::getline(in, line);) found += line.find(":full ") != line.npos;
     }
+    ::umount2(folder.c_str(), MNT_DETACH);
     return {found == kLines, std::to_string(kLines - found) + " of " + std::to_string(kLines) +
                                  " lines lost; the file has them once there is room"};
 }
@@ -185,7 +187,7 @@ Result configCut(double) {
                                      " lengths refused; file and store stay; " + errorsIn(log)};
 }
 
-// Descriptors, then threads, run out; afterwards there are some again.
+// A resource runs out while the broker is away; afterwards both are there again.
 Result exhausted(int resource, ::rlim_t few) {
     const CapturedLog log;
     Broker broker;
@@ -195,9 +197,10 @@ Result exhausted(int resource, ::rlim_t few) {
     ::getrlimit(static_cast<__rlimit_resource>(resource), &old);
     const ::rlimit less{few, old.rlim_max};
     ::setrlimit(static_cast<__rlimit_resource>(resource), &less);
-    broker.restart();
+    broker.kill();
     await([&] { return log.count("Failed") > 0; }, std::chrono::seconds(10));
     ::setrlimit(static_cast<__rlimit_resource>(resource), &old);
+    broker.start();
     right = traffic.flows() && right;
     return summary(log, traffic, right);
 }
