@@ -3,15 +3,16 @@
 PRESET ?= debug
 
 help:
-	@echo "make demo          build, show two processes talk; KEEP=1 goes on until Ctrl-C"
-	@echo "make build         build everything; PRESET=debug|release|bench|asan|tsan|clang"
-	@echo "make test          build, run all tests; PRESET=debug|bench|asan|tsan|clang"
+	@echo "make demo          build, show two processes talk; KEEP=1 goes on until Ctrl-C, TLS=1 encrypts"
+	@echo "make demo-bridge   build, show a family on two bridged brokers come back after the bridge was killed"
+	@echo "make build         build everything; PRESET=debug|release|bench|asan|tsan|clang|notls"
+	@echo "make test          build, run all tests; PRESET=debug|bench|asan|tsan|clang|notls"
 	@echo "make test-browser  build, use the status page in a headless Chromium (100 MB to install)"
 	@echo "make test-windows  build and run the Windows platform file under Wine"
-	@echo "make bench         measure beside other libraries; AREA=mqtt|pool, all without"
+	@echo "make bench         measure beside other libraries; AREA=mqtt|pool|logging|tls, all without"
 	@echo "make soak          load, faults and exits, as a table; SHORT=1 for a few minutes"
 	@echo "make fuzz          fuzz what comes from outside, 10 minutes a target; SECONDS=... for less"
-	@echo "make check         everything that has to pass before a change is taken (CI runs this)"
+	@echo "make check         all checks; CI runs the first of them"
 	@echo "make lint          static analysis; FILES=... for these alone"
 	@echo "make format        format the C++ files"
 	@echo "make package       .deb packages and a .tar.gz, to build/packages"
@@ -20,11 +21,15 @@ help:
 	@echo "make clean         remove the build folder"
 
 demo:
+	@scripts/install-deps base $(if $(TLS),tls)
+	@bash -mc 'KEEP=$(KEEP) TLS=$(TLS) scripts/demo; exit $$?' # -m: Ctrl-C reaches the demo and not make
+
+demo-bridge:
 	@scripts/install-deps
-	@KEEP=$(KEEP) scripts/demo
+	@scripts/demo-bridge
 
 test:
-	@scripts/install-deps
+	@scripts/install-deps base tls
 	@scripts/test $(PRESET)
 
 test-browser:
@@ -49,7 +54,7 @@ fuzz:
 	@scripts/fuzz $(SECONDS)
 
 check:
-	@.ci/run
+	@.ci/run all
 
 lint:
 	@scripts/install-deps base ci
@@ -67,9 +72,9 @@ docs:
 	@scripts/docs
 
 deps:
-	@scripts/install-deps --say
+	@scripts/install-deps --say base tls
 
 clean:
 	rm -rf build
 
-.PHONY: help demo test test-browser build test-windows bench soak fuzz check lint format package docs deps clean
+.PHONY: help demo demo-bridge test test-browser build test-windows bench soak fuzz check lint format package docs deps clean

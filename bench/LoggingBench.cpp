@@ -102,7 +102,7 @@ Contender spdlogAsync(const fs::path& folder) {
 struct Result {
     double callerNanoseconds = 0;  // for a line, on each thread
     double linesPerSecond = 0;     // until all are written
-    long residentKilobytes = 0;    // right after the last line was logged
+    long residentKilobytes = 0;    // once all are written
 };
 
 long residentKilobytes() {
@@ -140,8 +140,8 @@ Result measureHere(MakeContender make, int threads, int lines, const fs::path& f
     for (double& seconds : took) workers.emplace_back(work, std::ref(seconds));
     for (auto& worker : workers) worker.join();
     Result result;
-    result.residentKilobytes = residentKilobytes();
     contender.finish();
+    result.residentKilobytes = residentKilobytes();
     result.linesPerSecond = lines / std::chrono::duration<double>(Clock::now() - begin).count();
     for (double seconds : took) result.callerNanoseconds += seconds * 1e9 / lines;
     return result;
@@ -192,7 +192,7 @@ void compare(const bench::Rounds& rounds, int threads) {
 
 void printMemory() {
     for (const int lines : {1000000, 10000000}) {
-        std::cout << "\nResident memory right after " << lines << " lines from 4 threads: "
+        std::cout << "\nResident memory once " << lines << " lines from 4 threads are written: "
                   << measure(library, 4, lines).residentKilobytes / 1024 << " MiB\n";
     }
 }

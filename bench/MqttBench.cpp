@@ -298,7 +298,7 @@ int main(int argc, char** argv) {
     mosquitto_lib_init();
     return run(argc, argv, [](const Rounds& rounds) {
         for (const bool noDelay : {true, false}) {
-            const Broker broker(Broker::Login::kAnonymous, noDelay);
+            const Broker broker(Broker::Login::kAnonymous, "", noDelay);
             rounds.table(std::string("MQTT, broker ") + (noDelay ? "with" : "without") +
                              " `set_tcp_nodelay true`",
                          "JSON of 100 bytes.");

@@ -9,10 +9,7 @@ endif()
 
 function(kel_apply_options target)
     if(MSVC)
-        # An exported class may hold and derive from what its DLL does not export (the standard
-        # library, POCO): both sides use the same compiler and runtime, as documented.
-        target_compile_options(${target} PRIVATE
-            /W4 /wd4251 /wd4275 /utf-8 $<$<BOOL:${KEL_WERROR}>:/WX>)
+        target_compile_options(${target} PRIVATE /W4 /utf-8 $<$<BOOL:${KEL_WERROR}>:/WX>)
     else()
         target_compile_options(${target} PRIVATE
             -Wall -Wextra -Wpedantic $<$<BOOL:${KEL_WERROR}>:-Werror>)

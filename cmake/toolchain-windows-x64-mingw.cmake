@@ -13,3 +13,13 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+# Paho's package names this library in a letter case that only Windows overlooks.
+set(rpcrt4 /usr/x86_64-w64-mingw32/lib/librpcrt4.a)
+set(other_case ${CMAKE_BINARY_DIR}/other-case)
+if(EXISTS ${rpcrt4})
+    file(MAKE_DIRECTORY ${other_case})
+    file(CREATE_LINK ${rpcrt4} ${other_case}/libRpcRT4.a SYMBOLIC)
+    set(CMAKE_EXE_LINKER_FLAGS_INIT -L${other_case})
+    set(CMAKE_SHARED_LINKER_FLAGS_INIT -L${other_case})
+endif()

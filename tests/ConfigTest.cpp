@@ -175,7 +175,7 @@ TEST_F(Config, AFileThatNothingCanBeRenamedOverIsWrittenInPlace) {
     EXPECT_NE(std::string::npos, contentOf(std::ifstream(mounted)).find("\"mounted\""));
 }
 
-TEST_F(Config, AKilledSaveLeavesACompleteFileAndTheNextOneNothingElse) {
+TEST_F(Config, AKilledSaveLeavesACompleteFileAndTheNextOneCleansUp) {
     kel::loadConfig();
     const std::string values[] = {std::string(400'000, 'a'), std::string(100'000, 'b')};
     const std::string versions[] = {saved(values[0]), saved(values[1])};
@@ -187,10 +187,10 @@ TEST_F(Config, AKilledSaveLeavesACompleteFileAndTheNextOneNothingElse) {
     const fs::path neighbour = fs::path(_file) += ".tmp";
     for (int round = 0; round < 5; ++round) {
         const ::pid_t child = ::fork();
-        while (child == 0) {
+        while (child == 0) {  // until it is killed
             for (const std::string& value : values) saved(value);
         }
-        int looks = 0;  // strikes while it writes
+        int looks = 0;  // the child is killed where a file is seen half written
         while (looks < 1'000'000 && isComplete(neighbour) && isComplete(_file)) ++looks;
         ::kill(child, SIGKILL);
         ::waitpid(child, nullptr, 0);
@@ -201,7 +201,7 @@ TEST_F(Config, AKilledSaveLeavesACompleteFileAndTheNextOneNothingElse) {
     }
 }
 
-TEST_F(Config, AFolderThatCannotBeUsedHasOneTextWhicheverItIs) {
+TEST_F(Config, AnUnusableFolderHasTheSameTextWhicheverFolderItIs) {
     for (const fs::path& folder : {_directory, _home.path}) {
         fs::remove_all(folder);
         std::ofstream(folder) << "a file";

@@ -1,6 +1,10 @@
 #include <Poco/Net/HTMLForm.h>
 #include <Poco/StreamCopier.h>
 #include <common/HttpClient.h>
+#include <common/Library.h>
+#include <common/ThreadPool.h>
+#include <common/internal/http/MaskedUrl.h>
+#include <common/internal/log/UnitLog.h>
 #include <gtest/gtest.h>
 
 #include "Await.h"
@@ -72,18 +76,54 @@ TEST(HttpClient, HandsRepliesOnAsTheyCameAndMakesOneLineAndOne400OfEachFailure) 
                                            "http://127.0.0.1:1/refused",
                                            "http://" + full.address().toString(),
                                            silent.url(),
-                                           "https" + live.url().substr(4),
                                            live.url("/a?b\r\nX-Injected: 1")};
     std::vector<std::future<std::string>> replies;
     for (const auto& url : urls)
         replies.push_back(std::async(std::launch::async, [&] { return ask(url, url); }));
     for (auto& reply : replies) EXPECT_EQ("400 ", reply.get());
-    for (const auto& url : urls) EXPECT_EQ(1u, log.count("requst url '" + url + "' exception: "));
+    for (const auto& url : urls) {
+        const std::string shown = kel::withoutControls(url);
+        EXPECT_EQ(1u, log.count("requst url '" + shown + "' exception: ")) << shown;
+    }
     EXPECT_EQ(4 + urls.size(), log.count(""));
     const auto passOn = [](auto, auto&) { throw std::range_error(""); };
     EXPECT_THROW(kel::HttpClient::defaultHttpClient()->doHttpRequestSync(live.url(), "", passOn),
                  std::range_error);
     EXPECT_EQ(1u, live.awaitRequests(1).size()) << "a refused request reached the server";
+}
+
+TEST(HttpClient, ShowsNoSecretsOfAUrlInTheLog) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"http://h/p?a=1&secret=x&b=2#f", "http://h/p?a=1&secret=***&b=2#f"},
+        {"http://u:p@h:1/p@q?x=a@b", "http://***@h:1/p@q?x=a@b"},
+        {"http://u:p@w@h", "http://***@h"},
+        {"u:p@h", "***@h"},  // no URL at all is shown no more openly
+        {"http://h?PassWord=x;accessToken=y&keys", "http://h?PassWord=***;accessToken=***&keys"},
+        {"http://h/?%73ecret=x&%zz=y", "http://h/?%73ecret=***&%zz=***"},
+        {"http://h/#auth=x&secret=", "http://h/#auth=***&secret=***"},
+        {"", ""},
+        {"http://h/a/secret=1?", "http://h/a/secret=1?"},
+    };
+    for (const auto& [url, shown] : cases) EXPECT_EQ(shown, kel::maskedUrl(url));
+    CapturedLog log;
+    for (const std::string url : {"http://us%zzword@127.0.0.1/", "http://127.0.0.1:1/?token=word"})
+        EXPECT_EQ("400 ", ask(url));
+    EXPECT_EQ(2u, log.count("requst url 'http://"));
+    EXPECT_EQ(0u, log.count("word"));
+}
+
+TEST(HttpClient, IsCutOffByAStopOfTheLibraryAndBeginsAnewAfterwards) {
+    ScriptedServer live(kOk);
+    ScriptedServer silent([](RawClient& peer) { peer.read(); });
+    for (int round = 1; round <= 2; ++round) {
+        std::promise<int> status;
+        kel::HttpClient::defaultHttpClient()->doHttpRequest(
+            silent.url(), [&](auto code, auto&) { status.set_value(code); });
+        silent.awaitRequests(static_cast<std::size_t>(round));
+        kel::stopLibrary();
+        EXPECT_EQ(400, status.get_future().get());
+        EXPECT_EQ("200 hi", ask(live.url()));
+    }
 }
 
 TEST(HttpClient, MayGoWhileItsRequestsRunOfWhichThePoolTakesSoMany) {

@@ -156,6 +156,51 @@ TEST_F(MqttClientTest, PublishesAndReportsDeliveries) {
     EXPECT_EQ(0u, _log.count("connection lost"));
 }
 
+TEST_F(MqttClientTest, PublishesAndWaitsForTheConfirmationItsDeadlineOrTheEndOfTheSession) {
+    constexpr auto kLong = std::chrono::minutes(1);
+    const ClientPtr client = connected("edge-1");
+    std::atomic<int> refused{0};
+    client->SetDeliveryCompleteCallback(
+        [&](int) { refused += !client->PublishAndWait("{}", "out", 1, 0, kLong); });
+    for (const int qos : {0, 1, 2}) EXPECT_TRUE(client->PublishAndWait("{}", "out", qos, 0, kLong));
+    EXPECT_TRUE(await([&] { return refused == 2; }));
+    EXPECT_FALSE(client->PublishAndWait("{}", "a/#", 1, 0, kLong));
+
+    // In handlers too, also in one that runs on the dispatching thread.
+    const auto answer = [&](MQTTClient_message*, const std::string& topic) {
+        if (client->PublishAndWait("{}", "out", 1, 0, kLong)) _inbox.add("answered " + topic, "");
+    };
+    subscribe(client, answer, "ask");
+    _broker.publish("ask", "{}");
+    EXPECT_TRUE(_inbox.await("answered"));
+    ASSERT_NO_FATAL_FAILURE(fillPool(client));
+    _broker.publish("ask", "{}");
+    EXPECT_TRUE(_inbox.await("answered", 2));
+
+    ScriptedBroker scripted;  // acknowledges only what the test says
+    const ClientPtr lonely = MqttClient::createInstance(scripted.address(), "edge-2", "", "");
+    lonely->Connect(kAlways, {});
+    ASSERT_TRUE(await([&] { return lonely->PublishMessage("{}", "probe", 0, 0, 0); }));
+    EXPECT_FALSE(lonely->PublishAndWait("{}", "out", 1, 0, std::chrono::milliseconds(1)));
+    EXPECT_TRUE(_log.await("no confirmation in time for topic out"));
+    const auto waiting = [&] { return lonely->PublishAndWait("{}", "out", 1, 0, kLong); };
+    std::vector<std::future<bool>> outcomes;
+    for (int i = 0; i < 9; ++i) outcomes.push_back(std::async(std::launch::async, waiting));
+    ASSERT_TRUE(await([&] { return scripted.count(3) == 11; }));  // PUBLISH, the probe included
+    EXPECT_FALSE(lonely->PublishAndWait("{}", "out", 1, 0, std::chrono::milliseconds(1)));  // full
+    for (int token = 1; token <= 5; ++token) scripted.acknowledge(token);  // the first one's too
+    const auto settled = [](std::future<bool>& outcome) {
+        return outcome.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    };
+    EXPECT_TRUE(
+        await([&] { return std::count_if(outcomes.begin(), outcomes.end(), settled) == 4; }));
+    scripted.drop();
+    std::size_t confirmed = 0;
+    for (auto& outcome : outcomes) confirmed += outcome.get();
+    EXPECT_EQ(4u, confirmed);
+    EXPECT_EQ(5u, _log.count("connection lost before the confirmation for topic out"));
+}
+
 // The library itself polls ten times a second when ten messages are unacknowledged.
 TEST_F(MqttClientTest, PublishersWaitForAcknowledgementsNotForATimer) {
     constexpr int kMessages = 1500;
@@ -184,17 +229,17 @@ TEST_F(MqttClientTest, AFullPoolRunsHandlersInlineAndBlocksNobody) {
         published.set_value(all);
     };
     subscribe(client, runInline, "inline/now");
-    const auto before = kel::messagingStatistics();
+    const auto before = kel::mqttStatistics();
     _broker.publish("inline/now", "{}");
     EXPECT_TRUE(published.get_future().get());
     EXPECT_TRUE(_log.await("Success to unsubscribe topic inline/none"));
     ASSERT_TRUE(_log.await("Success to subscribe topic inline/made"));
     _broker.publish("inline/made", "{}");
     EXPECT_TRUE(_inbox.await("inline/made"));
-    const auto after = kel::messagingStatistics();
+    const auto after = kel::mqttStatistics();
     EXPECT_EQ(2u, after.handledInline - before.handledInline);
-    EXPECT_EQ(32u, after.handling);
-    EXPECT_EQ(before.refusedPublishes, after.refusedPublishes);
+    EXPECT_EQ(32u, after.handlers.used);
+    EXPECT_EQ(before.refused, after.refused);
     EXPECT_TRUE(connected("edge-2")->PublishMessage("{}", "out", 1, 0, 0));
 }
 
@@ -215,9 +260,10 @@ TEST_F(MqttClientTest, ClientsOfAMuteBrokerTakeNothingFromTheOthers) {
         if (client->PublishMessage("{}", "answer", 1, 0, 0)) _inbox.add("answered", "");
     };
     subscribe(client, answer, "ask");
+    const auto before = kel::mqttStatistics();
     for (int i = 0; i < 20; ++i) client->PublishMessage("{}", "ask", 1, 0, 0);
     EXPECT_TRUE(_inbox.await("answered", 20));
-    EXPECT_EQ(0u, kel::messagingStatistics().handledInline);
+    EXPECT_EQ(before.handledInline, kel::mqttStatistics().handledInline);
     client->Disconnect();
     EXPECT_EQ(1u, _log.count("Success to disconnect, return code 0"));
 }
@@ -360,6 +406,14 @@ TEST_F(MqttClientTest, RetriesAsLongAsTheHostWants) {
         guest->Connect([&](int rc) { return answer.set_value(rc), false; }, {});
         EXPECT_EQ(code, answer.get_future().get());
     }
+}
+
+TEST_F(MqttClientTest, ConnectsToABrokerThatKnowsTheOldVersionAlone) {
+    const ScriptedBroker old(ScriptedBroker::Manner::kOld);
+    _address = old.address();
+    connected("edge-1");
+    EXPECT_EQ(1u, old.count(1, 1));
+    EXPECT_EQ(std::string("\0\6MQIsdp", 8), old.received(1, 2).at(0).body.substr(0, 8));
 }
 
 TEST_F(MqttClientTest, AnAddressTheLibraryRefusesIsReportedByEveryOperation) {

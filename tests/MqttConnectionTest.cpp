@@ -190,6 +190,7 @@ TEST(Dispatcher, HoldsTheReceiverBackAtItsBoundButNotForAWaitThatNeedsIt) {
         EXPECT_TRUE(await([&] { return handled == all; }));
         EXPECT_TRUE(gaveUp);
         EXPECT_EQ(2 * bound, dispatcher.highWater());
+        EXPECT_EQ(2 * bound * size, dispatcher.bytesHighWater());
         dispatcher.stop();
     }
 }

@@ -44,7 +44,7 @@ TEST_F(Notifications, ReachEveryObserverAndLeaveNothingBehind) {
     const auto count = [&calls, captured](auto*) { ++calls; };
     for (const char* name : {"a", "b", "b", "c"}) add(name, count);
     add("c", nullptr);
-    EXPECT_EQ(captured->referenceCount(), 4) << "a replaced observer goes";
+    EXPECT_EQ(captured->referenceCount(), 4) << "a replaced observer is released";
     for (int i = 0; i < 100'000; ++i) post();
     Poco::NotificationCenter::defaultCenter().postNotification(new Counted);
     EXPECT_EQ(calls, 200'002);
@@ -74,7 +74,7 @@ TEST_F(Notifications, NothingOfAnObserverIsLeftOnceItIsRemoved) {
         others.count_down();
         _center->removeObserver("a");
         EXPECT_TRUE(ended);
-        EXPECT_TRUE(left.expired()) << "what the callback holds is destroyed later";
+        EXPECT_TRUE(left.expired()) << "what the callback holds is not destroyed yet";
         poster.join();
         EXPECT_EQ(calls, "latter");
         _center->removeObserver("c");

@@ -3,7 +3,9 @@
 #include <Poco/PipeStream.h>
 #include <Poco/Process.h>
 #include <common/Config.h>
+#include <common/ThreadPool.h>
 #include <common/WebHookBasic.h>
+#include <common/internal/http/Keepalive.h>
 #include <gtest/gtest.h>
 
 #include "Await.h"
@@ -51,11 +53,15 @@ TEST(WebHook, ReportsToTheStartedUrlAtOnceAndPeriodically) {
 
 TEST(WebHook, HandsObjectsOnAndTakesAllElseAsEmptyAlsoWhenReleasedMeanwhile) {
     const std::string ok = "HTTP/1.1 200 OK\r\n\r\n";
+    std::string manyValues = "{\"a\":[0";
+    for (int i = 0; i < 100'000; ++i) manyValues += ",0";
+    manyValues += "]}";
     const std::vector<std::pair<std::string, std::string>> cases = {
         {ok + R"({"b":[1],"a":null})", R"(200 {"a":null,"b":[1]})"},
         {"HTTP/1.1 503 Busy\r\n\r\n{\"a\":1}", R"(503 {"a":1}503 {})"},  // its callback throws
         {ok + "[]", "200 {}"},
         {ok + std::string(9 << 20, ' ') + "{\"a\":1}", "200 {}"},
+        {ok + manyValues, "200 {}"},
         {"garbage", "400 {}"},
     };
     for (const auto& [wire, expected] : cases) {
@@ -97,6 +103,7 @@ TEST(WebHook, AndAllElseLetTheProcessEndWithRequestsUnderWay) {
     slow.awaitRequests(2);  // both the hook's and the client's wait for their replies
 
     RawClient idle(port);
+    EXPECT_NE("", idle.send(request("GET /unknown")).read());
     const std::string reply = RawClient(port).send(request("GET /exit")).read();
     EXPECT_NE(std::string::npos, reply.find(R"({"reply":"whole"})")) << reply;
     EXPECT_EQ("", idle.read());
@@ -105,4 +112,29 @@ TEST(WebHook, AndAllElseLetTheProcessEndWithRequestsUnderWay) {
     EXPECT_EQ(3, cutOff);
     EXPECT_EQ(0, host.wait());
     ended = true;
+}
+
+TEST(WebHook, LetsAReportOverlapWithTwoEarlierOnesNotMore) {
+    std::mutex mutex;
+    std::vector<kel::Keepalive::Ticket> underWay;  // guarded by mutex
+    std::atomic<int> reports{0};
+    const auto report = [&](const auto& ticket) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        underWay.push_back(ticket);
+        EXPECT_LE(underWay.size(), 2u);
+        ++reports;
+    };
+    std::atomic<int> ticks{0};
+    const auto endOne = [&] {
+        const std::lock_guard<std::mutex> lock(mutex);
+        underWay.pop_back();
+    };
+    kel::Keepalive keepalive(1, report);
+    kel::Keepalive other(1, [&](const auto&) { ++ticks; });  // none of its reports is under way
+    for (int expected = 2; expected < 5; ++expected) {
+        EXPECT_TRUE(await([&] { return reports == expected; }));
+        EXPECT_TRUE(await([&, enough = ticks + 20] { return ticks >= enough; }));
+        EXPECT_EQ(expected, reports);
+        endOne();
+    }
 }

@@ -5,10 +5,15 @@
 
 #include <Poco/Format.h>
 #include <common/NotificationCenter.h>
+#include <status_page/Disclosure.h>
 
-#include "HostLog.h"
-#include "LinkNotification.h"
-#include "Secrets.h"
+#include "Log.h"
+#include "Outages.h"
+
+namespace edge {
+
+using status_page::Metric;
+using status_page::Traffic;
 
 namespace {
 
@@ -16,12 +21,23 @@ void tell(bool up, const std::string& detail) {
     kel::NotificationCenter::defaultCenter().postNotification(new LinkNotification(up, detail));
 }
 
+kel::MqttOptions optionsOf(const Settings& settings) {
+    kel::MqttOptions options;
+    options.authorities = settings.authorities;
+    options.certificate = settings.certificate;
+    options.privateKey = settings.privateKey;
+    options.privateKeyPassphrase = settings.privateKeyPassphrase;
+    options.checkServerName = settings.checkServerName;
+    return options;
+}
+
 }  // namespace
 
 Link::Link(const Settings& settings)
-    : _address(settings.address),
+    : _address(status_page::Disclosure::withoutCredentials(settings.address)),
       _client(kel::MqttClient::createInstance(settings.address, settings.clientId,
-                                              settings.username, settings.password)) {}
+                                              settings.username, settings.password,
+                                              optionsOf(settings))) {}
 
 void Link::onJson(const std::string& topic, int qos, kel::MqttClient::JsonMessageHandler handler) {
     auto noting = [weak = weak_from_this(), handler](const Poco::JSON::Object& message,
@@ -86,13 +102,33 @@ Poco::JSON::Object::Ptr Link::state() const {
     Poco::JSON::Object::Ptr state(new Poco::JSON::Object);
     Poco::JSON::Array::Ptr accepted(new Poco::JSON::Array);
     for (const auto& count : _accepted) accepted->add(count.load());
-    state->set("address", withoutSecrets(_address));
+    state->set("address", _address);
     state->set("connected", _up.load());
     state->set("losses", _losses.load());
     state->set("accepted", accepted);
     state->set("confirmed", _confirmed.load());
     state->set("refused", _refused.load());
     return state;
+}
+
+std::vector<Metric> Link::metrics() const {
+    std::vector<Metric> all{
+        {"edge_host_connected", "Whether there is a connection to the broker.", Metric::kGauge,
+         _up ? 1.0 : 0.0},
+        {"edge_host_connection_losses_total", "Connections to the broker that were lost.",
+         Metric::kCounter, static_cast<double>(_losses)},
+        {"edge_host_confirmed_total", "Messages of QoS 1 and 2 that the broker has confirmed.",
+         Metric::kCounter, static_cast<double>(_confirmed)},
+        {"edge_host_refused_total", "Messages that could not be published.", Metric::kCounter,
+         static_cast<double>(_refused)}};
+    for (int qos = 0; qos <= 2; ++qos) {
+        all.push_back({"edge_host_published_total",
+                       "Messages accepted for publishing.",
+                       Metric::kCounter,
+                       static_cast<double>(_accepted[qos]),
+                       {{"qos", std::to_string(qos)}}});
+    }
+    return all;
 }
 
 // True asks for another attempt in 4 seconds.
@@ -120,3 +156,5 @@ bool Link::lost(const std::string& cause) {
     tell(false, cause);
     return !_closing;
 }
+
+}  // namespace edge

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <common/MqttClient++.h>
+#include <status_page/Metrics.h>
+#include <status_page/Traffic.h>
 
 #include <atomic>
 #include <functional>
@@ -9,7 +11,8 @@
 #include <vector>
 
 #include "Settings.h"
-#include "Traffic.h"
+
+namespace edge {
 
 /// One broker connection that comes back by itself, with its subscriptions and the count of what
 /// was published and confirmed. Posts a LinkNotification whenever it comes or goes. Threads: any,
@@ -32,27 +35,28 @@ public:
     /// Whether there is a connection, as far as known.
     bool isUp() const { return _up; }
 
+    /// Waits while the broker does not acknowledge, until the connection goes.
     /// @return whether the library accepted the message; a refusal is in the log.
     bool publish(const std::string& payload, const std::string& topic, int qos);
 
     /// One line for the log.
     std::string summary() const;
 
-    /// The same for the web API: "address", "connected", "losses", "accepted" by QoS, "confirmed"
-    /// and "refused".
+    /// The same for the status page and for monitoring.
     Poco::JSON::Object::Ptr state() const;
+    std::vector<status_page::Metric> metrics() const;
 
     /// The messages of the subscriptions and those that were published.
-    const Traffic& traffic() const { return _traffic; }
+    const status_page::Traffic& traffic() const { return _traffic; }
 
 private:
     bool connected(int code);
     bool lost(const std::string& cause);
     void subscribeAll();
 
-    const std::string _address;
+    const std::string _address;  // without user and password: for the log and the page
     const std::shared_ptr<kel::MqttClient> _client;
-    Traffic _traffic;
+    status_page::Traffic _traffic;
     std::vector<std::function<void()>> _subscriptions;  // complete before open()
 
     std::atomic<bool> _closing{false};
@@ -63,3 +67,5 @@ private:
     std::atomic<unsigned> _confirmed{0};
     std::atomic<unsigned> _losses{0};
 };
+
+}  // namespace edge

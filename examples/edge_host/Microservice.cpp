@@ -2,13 +2,15 @@
 
 #include <common/Utils.h>
 
-#include "HostLog.h"
+#include "Log.h"
+
+namespace edge {
 
 void Microservice::subscribe() {
     handle(_settings.alarmTopic, 1, &Microservice::onAlarm);
 }
 
-Poco::JSON::Object::Ptr Microservice::state() const {
+Poco::JSON::Object::Ptr Microservice::counters() const {
     Poco::JSON::Object::Ptr state(new Poco::JSON::Object);
     state->set("alarms", _alarms.load());
     return state;
@@ -18,7 +20,7 @@ void Microservice::sayHello() {
     Poco::JSON::Object::Ptr presence(new Poco::JSON::Object);
     presence->set("api", "presence");
     presence->set("from", _settings.clientId);
-    publish(presence, _settings.busTopic + "/presence", 0);
+    send(presence, _settings.busTopic + "/presence", 0);
 }
 
 // A raw handler gets the bytes as they came, valid during the call only. They are written anew for
@@ -29,3 +31,5 @@ void Microservice::onAlarm(MQTTClient_message* alarm, const std::string&) {
                            static_cast<std::size_t>(alarm->payloadlen));
     poco_warning(hostLog(), "alarm " + kel::jsonToString(kel::stringToJson(text)));
 }
+
+}  // namespace edge

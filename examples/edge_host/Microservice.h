@@ -2,12 +2,14 @@
 
 #include "Node.h"
 
+namespace edge {
+
 /// A microservice: says that it is there, asks the server for its state and takes its alarms.
 class Microservice : public Node {
 public:
     using Node::Node;
 
-    Poco::JSON::Object::Ptr state() const override;
+    Poco::JSON::Object::Ptr counters() const override;
 
 private:
     void sayHello() override;
@@ -17,3 +19,5 @@ private:
 
     std::atomic<unsigned> _alarms{0};
 };
+
+}  // namespace edge

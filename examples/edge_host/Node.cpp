@@ -5,7 +5,9 @@
 #include <Poco/Format.h>
 #include <common/Utils.h>
 
-#include "HostLog.h"
+#include "Log.h"
+
+namespace edge {
 
 namespace {
 
@@ -34,7 +36,7 @@ void Node::stop() {
     poco_notice(hostLog(), _link->summary());
     poco_notice(hostLog(),
                 Poco::format("asked %d times, answered %d times; state %s", _asked.load(),
-                             _answered.load(), kel::jsonToString(state())));
+                             _answered.load(), kel::jsonToString(counters())));
 }
 
 void Node::askPeer() {
@@ -45,11 +47,44 @@ void Node::askPeer() {
     request->set("type", "request");
     request->set("id", _asked + 1);
     request->set("replyTo", _ownTopic + "/answers");
-    if (publish(request, _peerTopic + "/requests", 1)) ++_asked;
+    if (send(request, _peerTopic + "/requests", 1)) ++_asked;
 }
 
-bool Node::publish(const Poco::JSON::Object::Ptr& message, const std::string& topic, int qos) {
+bool Node::send(const Poco::JSON::Object::Ptr& message, const std::string& topic, int qos) {
     return _link->publish(kel::jsonToString(message), topic, qos);
+}
+
+bool Node::publish(const std::string& text, const std::string& topic, int qos) {
+    return _link->publish(text, topic, qos);
+}
+
+Poco::JSON::Object::Ptr Node::description() const {
+    Poco::JSON::Object::Ptr description(new Poco::JSON::Object);
+    description->set("name", "edge_host");
+    description->set("version", EDGE_HOST_VERSION);
+    description->set("role", _settings.role);
+    description->set("clientId", _settings.clientId);
+    description->set("testTopic", testTopic());
+    return description;
+}
+
+Poco::JSON::Object::Ptr Node::connection() const {
+    Poco::JSON::Object::Ptr state = _link->state();
+    state->set("asked", _asked.load());
+    state->set("answered", _answered.load());
+    return state;
+}
+
+std::vector<status_page::Metric> Node::metrics() const {
+    std::vector<status_page::Metric> all = _link->metrics();
+    const Poco::JSON::Object::Ptr counted = counters();
+    for (const auto& [name, count] : *counted) {
+        if (!count.isNumeric()) continue;
+        all.push_back({"edge_host_" + name + "_total",
+                       "Counted by the role " + _settings.role + ".", status_page::Metric::kCounter,
+                       count.convert<double>()});
+    }
+    return all;
 }
 
 // A peer may ask for answers on the bus only.
@@ -69,11 +104,11 @@ void Node::onRequest(const Poco::JSON::Object& request, const std::string&) {
     answer->set("id", request.optValue<Poco::Int64>("id", 0));
     answer->set("from", _settings.clientId);
     if (request.optValue<std::string>("api", "") == "state") {
-        answer->set("state", state());
+        answer->set("state", counters());
     } else {
         answer->set("error", "unknown api");
     }
-    publish(answer, replyTo, 2);
+    send(answer, replyTo, 2);
 }
 
 void Node::onAnswer(const Poco::JSON::Object& answer, const std::string&) {
@@ -82,3 +117,5 @@ void Node::onAnswer(const Poco::JSON::Object& answer, const std::string&) {
                                     " to request " +
                                     std::to_string(answer.optValue<Poco::Int64>("id", 0)));
 }
+
+}  // namespace edge

@@ -1,23 +1,26 @@
 #pragma once
 
 #include <Poco/JSON/Object.h>
+#include <status_page/Host.h>
 
 #include <atomic>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Link.h"
 #include "Settings.h"
+
+namespace edge {
 
 /// One process of the family: its connection, and the bus on which it asks its peer for its state
 /// and answers the same question. The roles derive from it.
 ///
 /// On the bus, requests go to <bus>/<role>/requests and answers to the topic that the request
 /// names. An answer's "type" is "answer": a "response" would not reach a handler.
-class Node : public std::enable_shared_from_this<Node> {
+class Node : public status_page::Host, public std::enable_shared_from_this<Node> {
 public:
     explicit Node(const Settings& settings);
-    virtual ~Node() = default;
 
     /// Subscribes and connects in the background.
     void start();
@@ -28,14 +31,12 @@ public:
     /// Asks the peer for its state; without a connection it does nothing.
     void askPeer();
 
-    /// What the role has counted so far. Threads: any.
-    virtual Poco::JSON::Object::Ptr state() const = 0;
-
-    /// The connection, to publish on and to look at.
-    Link& link() const { return *_link; }
-
-    /// What is published to this topic comes back and does nothing.
-    std::string testTopic() const { return _ownTopic + "/test"; }
+    // For the status page. The roles count: counters() is theirs.
+    Poco::JSON::Object::Ptr description() const override;
+    Poco::JSON::Object::Ptr connection() const override;
+    const status_page::Traffic& traffic() const override { return _link->traffic(); }
+    std::vector<status_page::Metric> metrics() const override;
+    bool publish(const std::string& text, const std::string& topic, int qos) override;
 
 protected:
     /// What the role sends along with each request.
@@ -58,7 +59,7 @@ protected:
         }
     }
 
-    bool publish(const Poco::JSON::Object::Ptr& message, const std::string& topic, int qos);
+    bool send(const Poco::JSON::Object::Ptr& message, const std::string& topic, int qos);
 
     const Settings _settings;
 
@@ -68,9 +69,14 @@ private:
     void onAnswer(const Poco::JSON::Object& answer, const std::string& topic);
     bool isBusTopic(const std::string& topic) const;
 
+    /// What is published to this topic comes back and does nothing.
+    std::string testTopic() const { return _ownTopic + "/test"; }
+
     const std::string _ownTopic;
     const std::string _peerTopic;
     const std::shared_ptr<Link> _link;
     std::atomic<int> _asked{0};
     std::atomic<int> _answered{0};
 };
+
+}  // namespace edge

@@ -3,12 +3,15 @@
 #include <Poco/Format.h>
 #include <common/NotificationCenter.h>
 
-#include "HostLog.h"
-#include "LinkNotification.h"
+#include "Log.h"
+
+namespace edge {
 
 namespace {
+
 const char* const kObserverName = "outages";
-}
+
+}  // namespace
 
 Outages::Outages() {
     kel::NotificationCenter::defaultCenter().addObserver(kel::Observer::createInstance(
@@ -48,3 +51,5 @@ void Outages::noticeLoss(const std::string& cause) {
     poco_warning(hostLog(), Poco::format("outage %d: lost the broker (%s)", ++_count,
                                          cause.empty() ? std::string("no cause given") : cause));
 }
+
+}  // namespace edge

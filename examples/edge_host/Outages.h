@@ -5,6 +5,18 @@
 
 #include <mutex>
 #include <string>
+#include <utility>
+
+namespace edge {
+
+/// Posted to the notification center when the broker connection comes and when it is lost.
+class LinkNotification : public Poco::Notification {
+public:
+    LinkNotification(bool up, std::string detail) : up(up), detail(std::move(detail)) {}
+
+    const bool up;
+    const std::string detail;  ///< the broker's address, or why the connection was lost
+};
 
 /// Watches the broker connection by its notifications, knowing nothing of who posts them, and
 /// logs each loss and recovery.
@@ -26,3 +38,5 @@ private:
     bool _lost = false;
     Poco::Timestamp _since;
 };
+
+}  // namespace edge

@@ -6,7 +6,9 @@
 #include <string>
 #include <utility>
 
-/// A task that calls a function every `interval` milliseconds until it is cancelled.
+namespace edge {
+
+/// Calls a function every `interval` milliseconds until it is cancelled.
 class Periodic : public Poco::Task {
 public:
     Periodic(const std::string& name, long interval, std::function<void()> call)
@@ -20,3 +22,5 @@ private:
     const long _interval;
     const std::function<void()> _call;
 };
+
+}  // namespace edge

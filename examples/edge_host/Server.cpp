@@ -3,9 +3,15 @@
 #include <Poco/Format.h>
 #include <Poco/NumberFormatter.h>
 
-#include "HostLog.h"
+#include "Log.h"
+
+namespace edge {
 
 namespace {
+
+// The plant may send to any number of topics of any length; those counted one by one are bounded.
+constexpr std::size_t kTopics = 100;
+constexpr std::size_t kTopicLength = 200;
 
 bool isNumber(const Poco::Dynamic::Var& value) {
     return !value.isEmpty() && value.isNumeric() && !value.isBoolean();
@@ -26,17 +32,28 @@ void Server::subscribe() {
     handle(_settings.busTopic + "/presence", 0, &Server::onPresence);
 }
 
-Poco::JSON::Object::Ptr Server::state() const {
+Poco::JSON::Object::Ptr Server::counters() const {
     Poco::JSON::Object::Ptr state(new Poco::JSON::Object);
     state->set("readings", _readings.load());
     state->set("odd", _odd.load());
     state->set("alarms", _alarms.load());
     state->set("presences", _presences.load());
+    Poco::JSON::Object::Ptr topics(new Poco::JSON::Object);
+    const std::lock_guard<std::mutex> lock(_mutex);
+    for (const auto& [topic, count] : _byTopic) topics->set(topic, count);
+    state->set("topics", topics);
     return state;
 }
 
+void Server::countTopic(const std::string& topic) {
+    if (topic.size() > kTopicLength) return;
+    const std::lock_guard<std::mutex> lock(_mutex);
+    if (_byTopic.size() < kTopics || _byTopic.count(topic) > 0) ++_byTopic[topic];
+}
+
 // Anything may come from the plant as long as it is a JSON object.
-void Server::onTelemetry(const Poco::JSON::Object& reading, const std::string&) {
+void Server::onTelemetry(const Poco::JSON::Object& reading, const std::string& topic) {
+    countTopic(topic);
     const Poco::Dynamic::Var sensor = reading.get("sensor");
     const Poco::Dynamic::Var value = reading.get("value");
     if (!isName(sensor) || !isNumber(value)) {
@@ -60,7 +77,7 @@ void Server::raiseAlarm(const std::string& sensor, double value) {
     alarm->set("sensor", sensor);
     alarm->set("value", value);
     alarm->set("limit", _settings.alarmLimit);
-    if (!publish(alarm, _settings.alarmTopic, 1)) return;
+    if (!send(alarm, _settings.alarmTopic, 1)) return;
     ++_alarms;
     poco_notice(hostLog(), "raising an alarm for " + quoted(sensor));
 }
@@ -68,3 +85,5 @@ void Server::raiseAlarm(const std::string& sensor, double value) {
 void Server::onPresence(const Poco::JSON::Object&, const std::string&) {
     ++_presences;
 }
+
+}  // namespace edge

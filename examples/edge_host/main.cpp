@@ -4,48 +4,43 @@
 //   loadLogging, the defaults on the empty store, loadConfig, then the services;
 //   web API, tasks, connections, saveConfig where settings changed, stopLibrary, deleteLogger.
 
+#include <Poco/Util/Application.h>
 #include <Poco/Util/HelpFormatter.h>
 #include <Poco/Util/Option.h>
 #include <Poco/Util/OptionSet.h>
 #include <Poco/Util/RegExpValidator.h>
-#include <Poco/Util/ServerApplication.h>
 #include <common/Config.h>
 #include <common/Library.h>
 #include <common/Logger.h>
+#include <common/Termination.h>
 #include <common/ThreadPool.h>
 #include <common/WebHookBasic.h>
+#include <status_page/StatusPage.h>
 
-#include <csignal>
 #include <iostream>
 
-#include "FolderScan.h"
-#include "HostLog.h"
+#include "Log.h"
 #include "Microservice.h"
 #include "Outages.h"
 #include "Periodic.h"
-#include "Progress.h"
 #include "Server.h"
 #include "Settings.h"
-#include "Web.h"
+
+namespace edge {
 
 namespace {
+
+using status_page::StatusPage;
 
 int fail(int exitCode, const std::string& reason) {
     std::cerr << "edge_host: " + reason + " (see --help)\n";  // in one go: the log goes there too
     return exitCode;
 }
 
-class EdgeHost : public Poco::Util::ServerApplication {
+class EdgeHost : public Poco::Util::Application {
 public:
     /// @return the process's exit code.
-    int start(int argc, char** argv) {
-        try {
-            init(argc, argv);
-            return run();
-        } catch (const Poco::Exception& exc) {
-            return fail(EXIT_USAGE, exc.displayText());
-        }
-    }
+    int start(int argc, char** argv);
 
 protected:
     void defineOptions(Poco::Util::OptionSet& options) override;
@@ -55,17 +50,31 @@ protected:
 private:
     int showHelp();
     Settings loadSettings();
-    void writeDefaults(const Settings& settings);
+    Settings defaults() const;
+    void makeKeys(Settings& settings);
     void serve(const Settings& settings);
 
-    bool _help = false;
+    std::string _show;  // "help" or "version", and end
     std::string _role;
     std::vector<std::pair<std::string, std::string>> _defaults;
+    bool _hasNewKeys = false;
 };
+
+// POCO reads "/role=server" on Windows and "--role=server" elsewhere; the latter is right anywhere.
+int EdgeHost::start(int argc, char** argv) {
+    try {
+        if (argc > 1 && argv[1][0] == '-') setUnixOptions(true);
+        init(argc, argv);
+        return run();
+    } catch (const Poco::Exception& exc) {
+        return fail(EXIT_USAGE, exc.displayText());
+    }
+}
 
 void EdgeHost::defineOptions(Poco::Util::OptionSet& options) {
     using Poco::Util::Option;
     options.addOption(Option("help", "h", "show this text and end"));
+    options.addOption(Option("version", "v", "show the version and end"));
     options.addOption(Option("role", "r", "server or microservice (setting host.role)")
                           .argument("ROLE")
                           .validator(new Poco::Util::RegExpValidator("server|microservice")));
@@ -75,16 +84,17 @@ void EdgeHost::defineOptions(Poco::Util::OptionSet& options) {
 }
 
 void EdgeHost::handleOption(const std::string& name, const std::string& value) {
-    ServerApplication::handleOption(name, value);  // validates
-    if (name == "help") {
-        _help = true;
+    Application::handleOption(name, value);  // validates
+    if (name == "help" || name == "version") {
+        _show = name;
         stopOptionsProcessing();
     } else if (name == "role") {
         _role = value;
     } else if (name == "default") {
         const auto equals = value.find('=');
-        if (equals == std::string::npos)
+        if (equals == std::string::npos) {
             throw Poco::InvalidArgumentException("no KEY=VALUE", value);
+        }
         _defaults.emplace_back(value.substr(0, equals), value.substr(equals + 1));
     }
 }
@@ -101,58 +111,79 @@ int EdgeHost::showHelp() {
     return EXIT_OK;
 }
 
-// The defaults go into the store first: they become the file where there is none.
-void EdgeHost::writeDefaults(const Settings& settings) {
+// They become the file where there is none.
+Settings EdgeHost::defaults() const {
+    Settings settings;
+    if (!_role.empty()) settings.role = _role;
+    settings.clientId = "edge-" + settings.role;
+    if (settings.role != "server") {  // both roles on one machine
+        ++settings.page.port;
+        ++settings.page.tlsPort;
+    }
     kel::initHttpOption();
     kel::initRpcOption();
     kel::initSSLOption();
     settings.store();
-    for (const auto& [key, value] : _defaults) {
-        if (!kel::configInstance().has(key)) {
-            throw Poco::InvalidArgumentException("no such setting", key);
-        }
-        kel::configInstance().setString(key, value);
-    }
+    for (const auto& [key, value] : _defaults) replaceDefault(key, value);
+    return settings;
+}
+
+// The library would carry on with the defaults; a host that did so would run as another one than it
+// was set up to be.
+void loadConfig() {
+    kel::loadConfig();
+    const std::string error = kel::lastConfigError();
+    if (!error.empty()) throw Poco::FileException("configuration", error);
 }
 
 Settings EdgeHost::loadSettings() {
-    Settings settings;
-    if (!_role.empty()) settings.role = _role;
-    settings.clientId = "edge-" + settings.role;
-    if (settings.role != "server") ++settings.webPort;  // both roles on one machine
-    writeDefaults(settings);
-    kel::loadConfig();
+    Settings settings = defaults();
+    Settings checked = settings;
+    checked.load();  // a bad value from the command line ends here and gets into no file
+    loadConfig();
     settings.load();
     if (!_role.empty()) settings.role = _role;
+    makeKeys(settings);
     return settings;
+}
+
+// At the first start, and where the file is of a release that had none. They are saved, and the
+// link with the key is shown, once the page is served: a start that fails earlier is not the first.
+void EdgeHost::makeKeys(Settings& settings) {
+    _hasNewKeys = settings.page.key.empty() || settings.page.hookSecret.empty();
+    if (settings.page.key.empty()) settings.page.key = status_page::makeKey();
+    if (settings.page.hookSecret.empty()) settings.page.hookSecret = status_page::makeKey();
+    kel::configInstance().setString("http.key", settings.page.key);
+    kel::configInstance().setString("http.hookSecret", settings.page.hookSecret);
 }
 
 std::shared_ptr<Node> makeNode(const Settings& settings) {
     if (settings.role == "server") return std::make_shared<Server>(settings);
-    if (settings.role == "microservice") return std::make_shared<Microservice>(settings);
-    throw Poco::DataFormatException("setting host.role is neither server nor microservice");
+    return std::make_shared<Microservice>(settings);
 }
 
-void startTasks(kel::TaskManager& tasks, const Settings& settings,
-                const std::shared_ptr<Node>& node) {
-    if (settings.askEvery > 0) {
-        tasks.start(new Periodic("ask the peer", settings.askEvery, [node] { node->askPeer(); }));
-    }
-    if (!settings.scanFolder.empty()) tasks.start(new FolderScan(settings.scanFolder));
+// The link is printed and not logged: others may read the log.
+void keepKeys(const StatusPage& page) {
+    kel::saveConfig();
+    std::cout << "edge_host: open " + page.link() + " (shown only this time)" << std::endl;
 }
 
 void EdgeHost::serve(const Settings& settings) {
-    const auto web = std::make_shared<Web>(settings);  // first: with its port taken all is in vain
+    // First of all: with its port taken everything else is in vain.
+    const auto socket = StatusPage::listen(settings.page);
+    const auto web = std::make_shared<StatusPage>(settings.page, socket);
     const Outages outages;
     const std::shared_ptr<Node> node = makeNode(settings);
     node->start();
     web->start(node);
+    if (_hasNewKeys) keepKeys(*web);
     kel::WebHookBasic::defaultWebHook()->reportServerKeepalive();  // the first report at once
     kel::TaskManager tasks;
-    const Progress progress(tasks);
-    startTasks(tasks, settings, node);
+    if (settings.askEvery > 0) {
+        tasks.start(new Periodic("ask the peer", settings.askEvery, [node] { node->askPeer(); }));
+    }
     poco_notice(hostLog(), settings.role + " is up");
-    waitForTerminationRequest();
+    kel::waitForTerminationRequest();
     poco_notice(hostLog(), settings.role + " is shutting down");
     web->stop();
     tasks.cancelAll();
@@ -161,34 +192,32 @@ void EdgeHost::serve(const Settings& settings) {
 }
 
 int EdgeHost::main(const std::vector<std::string>& arguments) {
-    if (_help) return showHelp();
+    if (_show == "help") return showHelp();
+    if (_show == "version") {
+        std::cout << "edge_host " EDGE_HOST_VERSION << std::endl;
+        return EXIT_OK;
+    }
     if (!arguments.empty()) return fail(EXIT_USAGE, "unexpected argument " + arguments.front());
     int result = EXIT_OK;
     try {
         kel::loadLogging();
         serve(loadSettings());
-    } catch (const Poco::Exception& exc) {
-        poco_fatal(hostLog(), exc.displayText());
-        result = fail(EXIT_CONFIG, exc.displayText());
+    } catch (const std::exception& exc) {
+        const auto* poco = dynamic_cast<const Poco::Exception*>(&exc);
+        const std::string reason = poco ? poco->displayText() : exc.what();
+        poco_fatal(hostLog(), reason);
+        result = fail(EXIT_CONFIG, reason);
     }
     kel::stopLibrary();
     kel::deleteLogger();
     return result;
 }
 
-// Threads inherit the mask: so only the main thread takes these signals, when it waits for them.
-void holdTerminationSignals() {
-#if defined(POCO_OS_FAMILY_UNIX)
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int signal : {SIGINT, SIGQUIT, SIGTERM}) sigaddset(&signals, signal);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-#endif
-}
-
 }  // namespace
 
+}  // namespace edge
+
 int main(int argc, char** argv) {
-    holdTerminationSignals();
-    return EdgeHost().start(argc, argv);
+    kel::catchTerminationRequests();
+    return edge::EdgeHost().start(argc, argv);
 }

@@ -12,9 +12,13 @@
 #include <common/WebApiBasic.h>
 #include <common/WebHookBasic.h>
 
-static void say(const std::string& text, int line) {
-    Poco::Logger::get(kel::logName()).information(text, __FILE__, line);
+namespace minimal {
+
+void say(const std::string& text) {
+    poco_information(Poco::Logger::get(kel::logName()), text);
 }
+
+}  // namespace minimal
 
 int main() {
     // Handlers may outlive main().
@@ -45,7 +49,7 @@ int main() {
     auto bus = kel::MqttClient::createInstance(broker, "minimal-host", "", "");
     const std::weak_ptr<kel::MqttClient> weak = bus;
     auto onHello = [&center](const Poco::JSON::Object& hello, std::string topic) {
-        say(topic + ": " + hello.optValue<std::string>("text", ""), __LINE__);
+        minimal::say(topic + ": " + hello.optValue<std::string>("text", ""));
         center.postNotification(new Poco::Notification);
     };
     auto onConnectResult = [=](int code) {

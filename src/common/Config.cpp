@@ -16,6 +16,7 @@
 #include "internal/platform/Paths.h"
 #include "internal/platform/Platform.h"
 #include "internal/process/NeverDestroyed.h"
+#include "internal/tls/ShippedDefaults.h"
 
 namespace kel {
 
@@ -217,13 +218,14 @@ void initSSLOption() {
     const std::string server = "openSSL.server.";
     store.setString(server + "privateKeyFile", "${application.configDir}any.pem");
     store.setString(server + "caConfig", "${application.configDir}rootcert.pem");
-    store.setString(server + "verificationMode", "relaxed");
+    store.setString(server + "verificationMode", tls::kShippedVerification);
     store.setInt(server + "verificationDepth", 9);
     store.setBool(server + "loadDefaultCAFile", true);
-    store.setString(server + "cipherList", "ALL:!ADH:!LOW:!EXP:!MD5:@STRENGTH");
+    store.setString(server + "cipherList", tls::kShippedCipherList);
     store.setString(server + "privateKeyPassphraseHandler.name", "KeyFileHandler");
-    store.setString(server + "privateKeyPassphraseHandler.options.password", "vellum");
-    store.setString(server + "invalidCertificateHandler.name", "AcceptCertificateHandler");
+    store.setString(server + "privateKeyPassphraseHandler.options.password",
+                    tls::kShippedPassphrase);
+    store.setString(server + "invalidCertificateHandler.name", tls::kShippedCertificateHandler);
     store.setBool(server + "extendedVerification", false);
     store.setBool(server + "cacheSessions", true);
     store.setString(server + "sessionIdContext", "${application.name}");

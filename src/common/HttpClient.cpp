@@ -2,14 +2,16 @@
 //
 // A task owns everything it needs (its form excepted, which the caller keeps) and nothing of the
 // client, so that the client may go first. Each counts as under way from its submission, and while
-// it is connected its session is on a process-wide list. The end of the process waits for those
+// it is connected its session is on a process-wide list. A stop of the library waits for those
 // under way, and cuts off what takes too long: a thread that a slow peer keeps busy would otherwise
-// still run while POCO's static objects go.
+// still run while the library is unloaded, or while POCO's static objects go. What was begun before
+// a stop connects no more after it.
 
 #include "HttpClient.h"
 
 #include <Poco/Exception.h>
 #include <Poco/Format.h>
+#include <Poco/Net/HTMLForm.h>
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/NullStream.h>
@@ -18,12 +20,17 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <set>
 
+#include "ThreadPool.h"
+#include "internal/http/MaskedUrl.h"
 #include "internal/log/UnitLog.h"
 #include "internal/process/LibraryStop.h"
+#include "internal/process/NeverDestroyed.h"
+#include "internal/process/WorkInProgress.h"
+#include "internal/tls/Tls.h"
 
 namespace kel {
 
@@ -39,35 +46,27 @@ constexpr UnitLog log("src/common/HttpClient");
 const Poco::Timespan::TimeDiff kConnectTimeout = 2 * Poco::Timespan::SECONDS;
 const Poco::Timespan::TimeDiff kTransferTimeout = 10 * Poco::Timespan::SECONDS;
 
-constexpr std::chrono::seconds kExitGrace(5);
+constexpr std::chrono::seconds kStopGrace(5);
 
-// Never destroyed: tasks use it until the last one has ended.
-struct UnderWay {
+struct Requests {
+    WorkInProgress underWay;
     std::mutex mutex;
     // Guarded by mutex.
-    int tasks = 0;
-    std::set<HTTPClientSession*> sessions;
-    bool stopped = false;
-
-    std::condition_variable ended;
+    std::set<HTTPClientSession*> connected;
+    std::uint64_t stops = 0;
 };
 
-void stopRequests();
-
-UnderWay& underWay() {
-    static UnderWay& instance = []() -> UnderWay& {
-        onLibraryStop(StopStage::kRequests, &stopRequests);
-        return *new UnderWay;
-    }();
-    return instance;
+Requests& requests() {
+    static NeverDestroyed<Requests> instance;
+    return *instance;
 }
 
 void stopRequests() {
-    UnderWay& all = underWay();
-    std::unique_lock<std::mutex> lock(all.mutex);
-    all.ended.wait_for(lock, kExitGrace, [&] { return all.tasks == 0 && all.sessions.empty(); });
-    all.stopped = true;
-    for (HTTPClientSession* session : all.sessions) {
+    Requests& all = requests();
+    all.underWay.awaitNone(kStopGrace);
+    const std::lock_guard<std::mutex> lock(all.mutex);
+    ++all.stops;
+    for (HTTPClientSession* session : all.connected) {
         try {
             session->socket().shutdown();
         } catch (const Poco::Exception&) {
@@ -76,52 +75,62 @@ void stopRequests() {
     }
 }
 
-// Counts as a task under way while it exists.
-class CountedTask {
+// A request, from its submission to the return of its callback.
+class Request {
 public:
-    CountedTask() {
-        const std::lock_guard<std::mutex> lock(underWay().mutex);
-        ++underWay().tasks;
+    Request() : _refused(processIsEnding()) {
+        onLibraryStop(StopStage::kRequests, &stopRequests);
+        const std::lock_guard<std::mutex> lock(requests().mutex);
+        _stops = requests().stops;
     }
-    ~CountedTask() {
-        const std::lock_guard<std::mutex> lock(underWay().mutex);
-        --underWay().tasks;
-        underWay().ended.notify_all();
+
+    /// @throws Poco::IllegalStateException  it was begun before a stop, or as the process ends.
+    void list(HTTPClientSession& session) const {
+        const std::lock_guard<std::mutex> lock(requests().mutex);
+        if (_refused) throw Poco::IllegalStateException("the process is ending");
+        if (_stops != requests().stops)
+            throw Poco::IllegalStateException("the library was stopped");
+        requests().connected.insert(&session);
     }
-    CountedTask(const CountedTask&) = delete;
-    CountedTask& operator=(const CountedTask&) = delete;
+
+    static void unlist(HTTPClientSession& session) {
+        const std::lock_guard<std::mutex> lock(requests().mutex);
+        requests().connected.erase(&session);
+    }
+
+private:
+    const WorkInProgress::Item _counted{requests().underWay};
+    const bool _refused;
+    std::uint64_t _stops = 0;
 };
 
-void submit(std::function<void()> task) {
+void submit(std::function<void(const Request&)> task) {
     ThreadPool::defaultPool().start(
-        [task = std::move(task), counted = std::make_shared<CountedTask>()] { task(); });
+        [task = std::move(task), request = std::make_shared<Request>()] { task(*request); });
 }
 
-// On the list from before its first byte goes out.
+// On the list from before its first byte goes out, the handshake's included.
 class ListedSession : public HTTPClientSession {
 public:
-    using HTTPClientSession::HTTPClientSession;
-
-    ~ListedSession() override {
-        const std::lock_guard<std::mutex> lock(underWay().mutex);
-        underWay().sessions.erase(this);
-        underWay().ended.notify_all();
-    }
+    ListedSession(const Request& request, const Poco::Net::StreamSocket& socket)
+        : HTTPClientSession(socket), _request(request) {}
+    ~ListedSession() override { Request::unlist(*this); }
 
 protected:
     void connect(const Poco::Net::SocketAddress& address) override {
         HTTPClientSession::connect(address);
-        const std::lock_guard<std::mutex> lock(underWay().mutex);
-        if (underWay().stopped) throw Poco::IllegalStateException("the process is ending");
-        underWay().sessions.insert(this);
+        _request.list(*this);
+        tls::shakeHands(socket());
     }
+
+private:
+    const Request& _request;
 };
 
-Poco::URI parseUrl(const std::string& url) {
-    Poco::URI uri(url);
-    // The connection is a plain one; a body must not go unprotected to a TLS port.
-    if (uri.getScheme() == "https") throw Poco::UnknownURISchemeException("https is not supported");
-    return uri;
+// The socket decides what is spoken; a body never goes unprotected to a TLS port.
+Poco::Net::StreamSocket socketFor(const Poco::URI& uri) {
+    if (uri.getScheme() == "https") return tls::clientSocket(uri.getHost());
+    return Poco::Net::StreamSocket();
 }
 
 // Path and query as the request line takes them.
@@ -138,10 +147,12 @@ std::string requestTarget(const Poco::URI& uri) {
 
 // One request and its reply over a connection of its own; `send` completes and sends the request.
 template <typename Send>
-void exchange(const std::string& url, const std::string& method,
+void exchange(const Request& listed, const std::string& url, const std::string& method,
               const HttpClient::ResponseCallback& callback, Send&& send) {
-    const Poco::URI uri = parseUrl(url);
-    ListedSession session(uri.getHost(), uri.getPort());
+    const Poco::URI uri(url);
+    ListedSession session(listed, socketFor(uri));
+    session.setHost(uri.getHost());
+    session.setPort(uri.getPort());
     session.setTimeout(kConnectTimeout, kTransferTimeout, kTransferTimeout);
     HTTPRequest request(method, requestTarget(uri), HTTPMessage::HTTP_1_1);
     send(session, request);
@@ -150,23 +161,31 @@ void exchange(const std::string& url, const std::string& method,
     if (callback) callback(response.getStatus(), body);
 }
 
+// POCO quotes the part of a URL that it cannot parse, which may be the secret one.
+std::string reasonFor(const std::string& url, const Poco::Exception& failure) {
+    const bool quotes = dynamic_cast<const Poco::SyntaxException*>(&failure) != nullptr;
+    return quotes && maskedUrl(url) != url ? failure.name() : failure.displayText();
+}
+
 // What every request's failure comes to, wherever it arose.
 template <typename Call>
-void reportingFailure(const std::string& url, const HttpClient::ResponseCallback& callback,
-                      Call&& call) {
+void answerFailure(const std::string& url, const HttpClient::ResponseCallback& callback,
+                   Call&& call) {
     try {
         call();
     } catch (const Poco::Exception& exc) {
-        log.error(Poco::format("requst url '%s' exception: %s", url, exc.displayText()));
+        log.error(
+            Poco::format("requst url '%s' exception: %s", maskedUrl(url), reasonFor(url, exc)));
         Poco::NullInputStream none;
         callback(HTTPResponse::HTTP_BAD_REQUEST, none);
     }
 }
 
 template <typename Send>
-void post(const std::string& url, const HttpClient::ResponseCallback& callback, Send&& send) {
-    reportingFailure(url, callback, [&] {
-        exchange(url, HTTPRequest::HTTP_POST, callback,
+void post(const Request& listed, const std::string& url,
+          const HttpClient::ResponseCallback& callback, Send&& send) {
+    answerFailure(url, callback, [&] {
+        exchange(listed, url, HTTPRequest::HTTP_POST, callback,
                  [&](HTTPClientSession& session, HTTPRequest& request) {
                      session.setKeepAlive(true);
                      send(session, request);
@@ -174,18 +193,18 @@ void post(const std::string& url, const HttpClient::ResponseCallback& callback, 
     });
 }
 
-void postJson(const std::string& url, const std::string& body,
+void postJson(const Request& listed, const std::string& url, const std::string& body,
               const HttpClient::ResponseCallback& callback) {
-    post(url, callback, [&](HTTPClientSession& session, HTTPRequest& request) {
+    post(listed, url, callback, [&](HTTPClientSession& session, HTTPRequest& request) {
         request.setContentType("application/json");
         request.setContentLength(static_cast<std::streamsize>(body.size()));
         session.sendRequest(request) << body << std::flush;
     });
 }
 
-void postForm(const std::string& url, Poco::Net::HTMLForm& form,
+void postForm(const Request& listed, const std::string& url, Poco::Net::HTMLForm& form,
               const HttpClient::ResponseCallback& callback) {
-    post(url, callback, [&](HTTPClientSession& session, HTTPRequest& request) {
+    post(listed, url, callback, [&](HTTPClientSession& session, HTTPRequest& request) {
         request.setContentType(form.getEncoding());
         form.prepareSubmit(request, 0);
         form.write(session.sendRequest(request));
@@ -199,8 +218,8 @@ std::shared_ptr<HttpClient> HttpClient::createInstance() {
 }
 
 std::shared_ptr<HttpClient> HttpClient::defaultHttpClient() {
-    static const auto& instance = *new std::shared_ptr<HttpClient>(createInstance());
-    return instance;
+    static NeverDestroyed<std::shared_ptr<HttpClient>> instance(createInstance());
+    return *instance;
 }
 
 HttpClient::HttpClient() : _thread_pool(new ThreadPool(1, 32, 60, 0)) {}
@@ -208,32 +227,28 @@ HttpClient::HttpClient() : _thread_pool(new ThreadPool(1, 32, 60, 0)) {}
 HttpClient::~HttpClient() = default;
 
 void HttpClient::doHttpRequest(std::string url, std::string body, ResponseCallback callback) {
-    submit([url = std::move(url), body = std::move(body), callback = std::move(callback)] {
-        postJson(url, body, callback);
-    });
+    submit([url = std::move(url), body = std::move(body), callback = std::move(callback)](
+               const Request& listed) { postJson(listed, url, body, callback); });
 }
 
 void HttpClient::doHttpRequest(std::string url, Poco::Net::HTMLForm& form,
                                ResponseCallback callback) {
-    submit([url = std::move(url), &form, callback = std::move(callback)] {
-        postForm(url, form, callback);
+    submit([url = std::move(url), &form, callback = std::move(callback)](const Request& listed) {
+        postForm(listed, url, form, callback);
     });
 }
 
 void HttpClient::doHttpRequest(std::string url, ResponseCallback callback) {
-    submit([url = std::move(url), callback = std::move(callback)] {
-        reportingFailure(url, callback, [&] { do_http_request(url, callback); });
+    submit([url = std::move(url), callback = std::move(callback)](const Request& listed) {
+        answerFailure(url, callback, [&] {
+            exchange(listed, url, HTTPRequest::HTTP_GET, callback,
+                     [](auto& session, auto& request) { session.sendRequest(request); });
+        });
     });
 }
 
 void HttpClient::doHttpRequestSync(std::string url, std::string body, ResponseCallback callback) {
-    postJson(url, body, callback);
-}
-
-void HttpClient::do_http_request(std::string url, ResponseCallback callback) {
-    exchange(
-        url, HTTPRequest::HTTP_GET, callback,
-        [](HTTPClientSession& session, HTTPRequest& request) { session.sendRequest(request); });
+    postJson(Request(), url, body, callback);
 }
 
 }  // namespace kel

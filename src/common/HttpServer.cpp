@@ -1,210 +1,162 @@
-// HttpServer.cpp - one callback behind POCO's HTTP server.
+// HttpServer.cpp - one callback behind an HTTP server, and the end of all servers.
 //
-// POCO's connection threads outlive the server object: a request in progress, or a client that
-// keeps its connection open, holds a thread of POCO's default pool. A server and its connections
-// share one handler factory, which goes, and the callback with it, when the last of them does.
-// Until then it is on a process-wide list; through it the end of the process closes what is still
-// open, after the callbacks in progress have returned. Otherwise POCO, which joins its pool at
-// exit, would wait 10 s for each idle connection and then carry on without it.
-//
-// No lock is held while what a callback captured is destroyed: that may stop a server in turn.
+// What accepts and serves is a ConnectionServer, a new one for each start(). Its threads hold it,
+// so that requests in progress outlive a stop and the HttpServer. A process-wide list reaches those
+// that run, so that the end of the process, and the unloading of the library, can stop them, wait
+// for requests in progress within bounds, and join the threads.
 
 #include "HttpServer.h"
 
 #include <Poco/Exception.h>
-#include <Poco/Net/HTTPRequestHandler.h>
-#include <Poco/Net/HTTPRequestHandlerFactory.h>
-#include <Poco/ThreadPool.h>
 
-#include <chrono>
-#include <condition_variable>
+#include <algorithm>
 #include <cstdlib>
 #include <list>
 #include <mutex>
-#include <set>
-#include <thread>
 #include <utility>
 
+#include "internal/http/AllServers.h"
+#include "internal/http/ConnectionServer.h"
 #include "internal/platform/Platform.h"
 #include "internal/process/LibraryStop.h"
+#include "internal/process/NeverDestroyed.h"
 
 namespace kel {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = ConnectionServer::Clock;
 
-constexpr int kThreads = 16;
-constexpr std::chrono::seconds kCallbackGrace(10);
-// From a callback's return to its reply on the wire: POCO writes it out afterwards.
-constexpr std::chrono::milliseconds kReplyGrace(100);
+constexpr std::chrono::seconds kRequestGrace(10);
+// For threads whose connections have been closed; only a callback that never returns takes longer.
+constexpr std::chrono::seconds kThreadGrace(1);
 
-// POCO makes a connection's thread only when one arrives, and never retries: with all threads still
-// held by the connections of an earlier server, a new one would leave its first clients waiting.
-void provideThreads() {
-    Poco::ThreadPool& pool = Poco::ThreadPool::defaultPool();
-    const int missing = kThreads - pool.available();
-    if (missing > 0) pool.addCapacity(missing);
+struct Servers {
+    std::mutex mutex;
+    std::list<std::weak_ptr<ConnectionServer>> all;  // guarded by mutex
+};
+
+Servers& servers() {
+    static NeverDestroyed<Servers> instance;
+    return *instance;
 }
 
-// POCO up to 1.12 wakes only one of a stopped server's idle threads; the end of the process waits
-// for the others.
-void shortenIdleTime(Poco::Net::HTTPServerParams& params) {
-    const Poco::Timespan longest(1, 0);
-    if (params.getThreadIdleTime() > longest) params.setThreadIdleTime(longest);
+// To be let go without the lock.
+std::list<std::shared_ptr<ConnectionServer>> startedServers(bool take = false) {
+    std::list<std::shared_ptr<ConnectionServer>> started;
+    const std::lock_guard<std::mutex> lock(servers().mutex);
+    for (const auto& held : servers().all) {
+        if (auto server = held.lock()) started.push_back(std::move(server));
+    }
+    if (take) servers().all.clear();
+    return started;
 }
 
-// Whether what follows on the connection is another request, not the rest of this one's body.
-bool bodyConsumed(Poco::Net::HTTPServerRequest& request) {
-    const bool announced = request.getChunkedTransferEncoding() ||
-                           (request.hasContentLength() && request.getContentLength64() != 0);
-    return !announced || request.stream().eof();
+// A callback that never returns holds this up once: the servers are taken off the list.
+void stopAll() {
+    const auto all = startedServers(true);
+    for (const auto& server : all) server->stop();
+    const auto end = Clock::now() + kRequestGrace;
+    for (const auto& server : all) server->awaitRequestsInProgress(end);
+    for (const auto& server : all) server->abortConnections();
+    ConnectionServer::threads().joinAll(kThreadGrace);
+}
+
+// Handlers use what the host made before it started a server, and destroys after this has run.
+void stopAllAtExit() {
+    static const unsigned long process = platform::currentProcessId();
+    static const int registered = std::atexit([] {
+        if (platform::currentProcessId() == process) stopAll();
+    });
+    static_cast<void>(registered);
+}
+
+void registerForStop(const std::shared_ptr<ConnectionServer>& server) {
+    onLibraryStop(StopStage::kRequests, &stopAll);
+    if (platform::canJoinAtExit()) stopAllAtExit();
+    const std::lock_guard<std::mutex> lock(servers().mutex);
+    servers().all.remove_if([](const auto& earlier) { return earlier.expired(); });
+    servers().all.push_back(server);
 }
 
 }  // namespace
 
-class HttpServer::RequestHandlerFactory : public Poco::Net::HTTPRequestHandlerFactory {
-public:
-    explicit RequestHandlerFactory(Callback callback);
-    ~RequestHandlerFactory() override;
+HttpStatistics httpStatisticsOfAllServers() {
+    HttpStatistics numbers = HttpCounters::ofProcess().snapshot();
+    for (const auto& server : startedServers()) {
+        const HttpStatistics its = server->statistics();
+        numbers.connections += its.connections;
+        numbers.queued += its.queued;
+    }
+    return numbers;
+}
 
-    Poco::Net::HTTPRequestHandler* createRequestHandler(
-        const Poco::Net::HTTPServerRequest&) override;
+struct HttpServer::Inside {
+    Poco::Net::ServerSocket socket;
+    Poco::AutoPtr<Poco::Net::HTTPServerParams> params;
+    std::shared_ptr<const Callback> callback;
 
-    // Ends the connections that hold this factory, whatever they are doing.
-    void closeConnections() { serverStopped(this, true); }
-
-private:
-    Callback _callback;
-};
-
-// Never destroyed: connection threads use it until the last one has ended.
-struct HttpServer::Process {
+    std::mutex lifecycle;  // one start() or stop() at a time; taken before mutex
     std::mutex mutex;
-    // Guarded by mutex.
-    std::list<std::weak_ptr<HttpServer>> servers;
-    std::set<RequestHandlerFactory*> factories;
-    int callbacks = 0;                            // in progress
-    std::chrono::seconds grace = kCallbackGrace;  // for these; the first stop uses it up
-    Clock::time_point lastCallback;
+    std::shared_ptr<ConnectionServer> server;  // guarded by mutex; empty before the first start()
 
-    std::condition_variable callbackEnded;
-
-    void enter() {
+    std::shared_ptr<ConnectionServer> current() {
         const std::lock_guard<std::mutex> lock(mutex);
-        ++callbacks;
-    }
-
-    void leave() {
-        const std::lock_guard<std::mutex> lock(mutex);
-        --callbacks;
-        lastCallback = Clock::now();
-        callbackEnded.notify_all();
-    }
-
-    void add(const std::shared_ptr<HttpServer>& server) {
-        const std::lock_guard<std::mutex> lock(mutex);
-        servers.remove_if([](const auto& earlier) { return earlier.expired(); });
-        servers.push_back(server);
+        return server;
     }
 };
-
-class HttpServer::RequestHandler : public Poco::Net::HTTPRequestHandler {
-public:
-    explicit RequestHandler(Callback callback) : _callback(std::move(callback)) {}
-
-    void handleRequest(Poco::Net::HTTPServerRequest& request,
-                       Poco::Net::HTTPServerResponse& response) override {
-        if (!_callback) throw Poco::NullPointerException("request handle callabck is empty");
-        struct InProgress {
-            InProgress() { process().enter(); }
-            ~InProgress() { process().leave(); }
-        } inProgress;
-        _callback(request, response);
-        // A client left without a reply must not wait for one.
-        if (!response.sent() || !bodyConsumed(request)) response.setKeepAlive(false);
-    }
-
-private:
-    Callback _callback;
-};
-
-HttpServer::RequestHandlerFactory::RequestHandlerFactory(Callback callback)
-    : _callback(std::move(callback)) {
-    const std::lock_guard<std::mutex> lock(process().mutex);
-    process().factories.insert(this);
-}
-
-HttpServer::RequestHandlerFactory::~RequestHandlerFactory() {
-    const std::lock_guard<std::mutex> lock(process().mutex);
-    process().factories.erase(this);
-}
-
-Poco::Net::HTTPRequestHandler* HttpServer::RequestHandlerFactory::createRequestHandler(
-    const Poco::Net::HTTPServerRequest&) {
-    return new RequestHandler(_callback);
-}
-
-HttpServer::Process& HttpServer::process() {
-    static Process& instance = []() -> Process& {
-        onLibraryStop(StopStage::kRequests, &HttpServer::stopAll);
-        // From 1.13 on POCO's pool, which exists by now, goes before the library is told of the
-        // end.
-        if (platform::canJoinAtExit()) std::atexit(&HttpServer::stopAll);
-        return *new Process;
-    }();
-    return instance;
-}
 
 std::shared_ptr<HttpServer> HttpServer::createInstance(
     const Poco::Net::ServerSocket& socket, Poco::AutoPtr<Poco::Net::HTTPServerParams> params,
     Callback callback) {
-    const std::shared_ptr<HttpServer> server(new HttpServer(socket, params, std::move(callback)));
-    process().add(server);
-    return server;
+    return std::shared_ptr<HttpServer>(new HttpServer(socket, params, std::move(callback)));
 }
 
 HttpServer::HttpServer(const Poco::Net::ServerSocket& socket,
                        Poco::AutoPtr<Poco::Net::HTTPServerParams> params, Callback callback)
-    : _server(nullptr) {
-    provideThreads();
-    shortenIdleTime(*params);
-    const Poco::Net::HTTPRequestHandlerFactory::Ptr factory(
-        new RequestHandlerFactory(std::move(callback)));
-    _server = new Poco::Net::HTTPServer(factory, socket, params);
+    : _inside(new Inside) {
+    if (params.isNull()) throw Poco::NullPointerException("server parameters");
+    _inside->socket = socket;
+    _inside->params = params;
+    _inside->callback = std::make_shared<const Callback>(std::move(callback));
 }
 
 HttpServer::~HttpServer() {
-    delete _server;
-    _server = nullptr;
+    stop();
 }
 
 void HttpServer::start() {
-    const std::lock_guard<std::mutex> lock(_mutex);
-    if (_server) _server->start();
+    const std::lock_guard<std::mutex> lifecycle(_inside->lifecycle);
+    if (running()) throw Poco::IllegalStateException("the server is running");
+    if (processIsEnding()) return;
+    const auto server =
+        std::make_shared<ConnectionServer>(_inside->socket, _inside->params, _inside->callback);
+    server->start();
+    registerForStop(server);
+    const std::lock_guard<std::mutex> lock(_inside->mutex);
+    _inside->server = server;
 }
 
 void HttpServer::stop() {
-    const std::lock_guard<std::mutex> lock(_mutex);
-    if (_server) _server->stop();
+    const std::lock_guard<std::mutex> lifecycle(_inside->lifecycle);
+    if (const auto server = _inside->current()) server->stop();
 }
 
-void HttpServer::stopAll() {
-    Process& all = process();
-    std::unique_lock<std::mutex> lock(all.mutex);
-    const auto servers = all.servers;
-    lock.unlock();
-    for (const auto& held : servers) {
-        if (const auto server = held.lock()) server->stop();
-    }
-    lock.lock();
-    const std::chrono::seconds grace = std::exchange(all.grace, {});
-    all.callbackEnded.wait_for(lock, grace, [&] { return all.callbacks == 0; });
-    const Clock::time_point written = all.lastCallback + kReplyGrace;
-    lock.unlock();
-    std::this_thread::sleep_until(written);
-    lock.lock();
-    for (auto* factory : all.factories) factory->closeConnections();
+bool HttpServer::stop(std::chrono::milliseconds patience) {
+    const auto end = Clock::now() + patience;
+    stop();
+    const auto server = _inside->current();
+    return !server || server->awaitRequestsInProgress(end);
+}
+
+bool HttpServer::running() const {
+    const auto server = _inside->current();
+    return server && server->running();
+}
+
+HttpStatistics HttpServer::statistics() const {
+    const auto server = _inside->current();
+    return server ? server->statistics() : HttpStatistics();
 }
 
 }  // namespace kel

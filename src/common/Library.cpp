@@ -2,7 +2,11 @@
 //
 // Everything process-wide in the library is created on first use and never destroyed, so that the
 // order of static destructors does not matter. The only static object with a destructor of its own
-// is the one below; it stops the threads, stage by stage.
+// is `atProcessEnd`; it stops the threads, stage by stage.
+//
+//   state                        who may touch it    lock
+//   registered stop functions    any thread          Hooks::mutex, not held while one runs
+//   a stop of the library        one at a time       `oneAtATime`, held until all have stopped
 
 #include "Library.h"
 
@@ -72,13 +76,14 @@ void run(const StopFunctions& stopFunctions) {
 }
 
 struct AtProcessEnd {
-    // From 1.13 on POCO makes its center on first use; handlers may post until it is our turn.
+    // From 1.13 on POCO makes its center on first use. Made before this object, it is destroyed
+    // after it, so handlers may post until the library has stopped.
     AtProcessEnd() { Poco::NotificationCenter::defaultCenter(); }
 
     ~AtProcessEnd() {
         ending = true;
         if (platform::canJoinAtExit()) stopLibrary();
-        endLogging();
+        stopLogging();
     }
 } atProcessEnd;
 

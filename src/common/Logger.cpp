@@ -151,8 +151,8 @@ void setUp() {
     pipeline().useFile(setup().filePath);
 }
 
-// Without its directory no file can be opened, at any time: that is the host's to know. Anything
-// else may heal, and the console has been told.
+// Without its directory no file can ever be opened, so the host has to know. Any other fault may
+// pass, and has been reported on the console.
 void throwIfNoDirectory() {
     if (pipeline().awaitFile() == LogPipeline::FileState::kRefused) {
         createLogDirectory(logDirectory());
@@ -178,11 +178,11 @@ ChannelPtr pocoChannels(const LogPipeline::Outputs& working, const std::string& 
     return new Poco::FormattingChannel(formatter, splitter);
 }
 
-// Whoever is in the pipeline just now still gets its line through.
+// A thread that is inside the pipeline at this moment still gets its line through.
 void leaveToPoco() {
     const std::lock_guard<std::mutex> noSetup(setup().mutex);
     if (setup().filePath.empty()) return;
-    pipeline().end();
+    pipeline().stop();
     const ChannelPtr successor = pocoChannels(pipeline().working(), setup().filePath);
     pipeline().handOver(successor);
     exchangeChannel(successor,
@@ -264,6 +264,10 @@ void stopAtLibraryStop() {
 
 }  // namespace
 
+LogPipeline::Counters logCounters() {
+    return LogPipeline::isForkedChild() ? LogPipeline::Counters() : pipeline().counters();
+}
+
 void loadLogging() {
     static std::once_flag console;
     std::call_once(console, [] { platform::prepareConsole(); });
@@ -286,7 +290,7 @@ void deleteLogger() {
     const std::lock_guard<std::mutex> lock(instance().mutex);
     if (!instance().impl) return;
     instance().impl.reset();
-    pipeline().end();
+    pipeline().stop();
     if (!quiet()) platform::printLine("LoggerImpl instance destroyed", kOutputPatience);
 }
 

@@ -13,17 +13,16 @@ namespace kel {
 /// only.
 ///
 /// A line costs its caller one copy: it waits in a queue for two threads, which write the file and
-/// the console. Bounds, in bytes:
-/// - 64 MiB of lines in the queue, and 64 MiB formatted for each output. Beyond that callers wait,
-/// and
-///   lose nothing, with two exceptions:
-/// - a console that has taken nothing for two seconds loses what exceeds its 64 MiB. Once it takes
-///   lines again, one line says how many it lost; the file has them all.
-/// - a file that refuses lines (the disk is full) is tried again every second. It loses what
-/// exceeds
-///   its 64 MiB, and a line says how many, once it can be written again.
+/// the console. Bounds: 64 MiB of lines in the queue, and 64 MiB formatted for each output. Beyond
+/// that callers wait and lose nothing, with two exceptions.
 ///
-/// A log file that cannot be opened is told on the console and tried again, at least at each
+/// A console that has taken nothing for two seconds loses what exceeds its 64 MiB. Once it takes
+/// lines again, one line says how many it lost; the file has them all.
+///
+/// A file that refuses lines, because the disk is full for instance, is tried again every second.
+/// It loses what exceeds its 64 MiB; once it can be written again, one line says how many.
+///
+/// A log file that cannot be opened is reported on the console and tried again, at least at each
 /// set-up.
 ///
 /// Console lines go to standard error. They have colours where that is a terminal; NO_COLOR in the

@@ -17,6 +17,7 @@
 #include <Poco/Exception.h>
 #include <Poco/Format.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <deque>
@@ -31,8 +32,10 @@
 #include "internal/mqtt/Connection.h"
 #include "internal/mqtt/Delivery.h"
 #include "internal/mqtt/Messaging.h"
+#include "internal/mqtt/ServerUri.h"
 #include "internal/mqtt/Subscriptions.h"
 #include "internal/mqtt/Topics.h"
+#include "internal/process/LibraryStop.h"
 
 namespace kel {
 
@@ -46,6 +49,7 @@ constexpr UnitLog log("src/common/MqttClient++");
 constexpr auto kPauseBeforeCreate = 1000ms;
 constexpr auto kPauseBeforeRetry = 3000ms;
 constexpr auto kPauseBetweenPings = 2000ms;
+constexpr auto kLongest = 24h;  // a wait that is longer could exceed the clock's range
 
 // Of one packet that subscribes; brokers take more, but answer later.
 constexpr std::size_t kMostFilters = 1000;
@@ -85,6 +89,7 @@ struct MqttClient::Impl : ConnectionEvents, std::enable_shared_from_this<MqttCli
     std::optional<int> connectOnce(Messaging& messaging, bool again);
     bool hasSession();
     int attempt();
+    void sayWhy(int rc);
     void sessionBegun();
     bool askAfterConnect(int rc);
     void disconnect();
@@ -109,6 +114,8 @@ struct MqttClient::Impl : ConnectionEvents, std::enable_shared_from_this<MqttCli
     void unsubscribe(const std::string& topic);
     bool unsubscribeAtBroker(const std::string& topic);
 
+    bool publish(const std::string& topic, int qos, const std::function<int(Connection&)>& call);
+
     // Told by the connection
     void messageArrived(Message message, bool mayWait) override;
     void messageDelivered(int token) override;
@@ -130,7 +137,7 @@ struct MqttClient::Impl : ConnectionEvents, std::enable_shared_from_this<MqttCli
 
     std::mutex _connectMutex;
     // Guarded by _connectMutex.
-    unsigned _failures = 0;    // in a row
+    unsigned _failures = 1;    // in a row; never having been connected counts as one
     unsigned _lossesSeen = 0;  // when the last session began
 
     std::mutex _mutex;
@@ -163,12 +170,26 @@ std::shared_ptr<MqttClient> MqttClient::createInstance(std::string address, std:
                                                       std::move(username), std::move(password)));
 }
 
+std::shared_ptr<MqttClient> MqttClient::createInstance(std::string address, std::string clientId,
+                                                       std::string username, std::string password,
+                                                       MqttOptions options) {
+    return std::shared_ptr<MqttClient>(new MqttClient(std::move(address), std::move(clientId),
+                                                      std::move(username), std::move(password),
+                                                      std::move(options)));
+}
+
 MqttClient::MqttClient(std::string address, std::string clientId, std::string username,
                        std::string password)
+    : MqttClient(std::move(address), std::move(clientId), std::move(username), std::move(password),
+                 MqttOptions()) {}
+
+MqttClient::MqttClient(std::string address, std::string clientId, std::string username,
+                       std::string password, MqttOptions options)
     : _impl(std::make_shared<Impl>(ConnectOptions{.address = std::move(address),
                                                   .clientId = std::move(clientId),
                                                   .username = std::move(username),
-                                                  .password = std::move(password)})) {
+                                                  .password = std::move(password),
+                                                  .further = checked(std::move(options))})) {
     _impl->create(Messaging::instance());
 }
 
@@ -240,6 +261,7 @@ void MqttClient::Impl::connectTask(Messaging& messaging, const Weak& weak, bool 
     for (std::shared_ptr<Impl> client = weak.lock(); client; client = weak.lock(), again = true) {
         const std::optional<int> rc = client->connectOnce(messaging, again);
         if (!rc) return;
+        if (*rc != 0) client->sayWhy(*rc);
         const bool wanted = client->askAfterConnect(*rc);
         if (*rc == 0) {
             client->addJob({{}, {}, 0, client->_restored});
@@ -273,10 +295,14 @@ std::optional<int> MqttClient::Impl::connectOnce(Messaging& messaging, bool agai
         sessionBegun();
     } else {
         log.error(format("Failed to connect, return code %d", rc));
-        log.information(
-            format("no connection to %s: %s", options.address, connectFailureInWords(rc)));
     }
     return rc;
+}
+
+// Without a lock: this may take a while.
+void MqttClient::Impl::sayWhy(int rc) {
+    log.information(format("no connection to %s: %s", withoutCredentials(options.address),
+                           connectFailureInWords(options, rc)));
 }
 
 int MqttClient::Impl::attempt() {
@@ -369,7 +395,7 @@ bool MqttClient::Impl::awaitBrokerHost(Messaging& messaging, const Weak& weak, u
         if (client->_connected || client->_losses != loss) return false;
         if (!client->connection()) return true;
         if (brokerHostAnswers(client->options.address)) {
-            log.information("ping succeed, ip: " + client->options.address);
+            log.information("ping succeed, ip: " + withoutCredentials(client->options.address));
             return true;
         }
     } while (messaging.pause(kPauseBetweenPings));
@@ -525,15 +551,37 @@ bool MqttClient::Impl::unsubscribeAtBroker(const std::string& topic) {
 
 bool MqttClient::PublishMessage(std::string payload, std::string topic, int qos, int retained,
                                 int /*token*/) {
+    return _impl->publish(
+        topic, qos, [&](Connection& to) { return to.publish(payload, topic, qos, retained); });
+}
+
+bool MqttClient::PublishAndWait(std::string payload, std::string topic, int qos, int retained,
+                                std::chrono::milliseconds deadline) {
+    using Fate = Receipt::Fate;
+    const auto end =
+        Receipt::Clock::now() + std::min<std::chrono::milliseconds>(deadline, kLongest);
+    Fate fate = Fate::kOpen;
+    const bool accepted = _impl->publish(topic, qos, [&](Connection& to) {
+        return to.publishAndWait(payload, topic, qos, retained, end, fate);
+    });
+    if (!accepted || fate == Fate::kConfirmed) return accepted;
+    log.error(format(fate == Fate::kOpen ? "no confirmation in time for topic %s"
+                                         : "connection lost before the confirmation for topic %s",
+                     topic));
+    return false;
+}
+
+bool MqttClient::Impl::publish(const std::string& topic, int qos,
+                               const std::function<int(Connection&)>& call) {
     try {
-        const std::shared_ptr<Connection> to = _impl->connection();
+        const std::shared_ptr<Connection> to = connection();
         if (!to) {
             log.error(format("Failed to publish message for topic=%s, mqtt client is null", topic));
-        } else if (!_impl->_connected) {
+        } else if (!_connected) {
             log.error(
                 format("Failed to publish message for topic=%s, mqtt is not connected", topic));
         } else {
-            const int rc = to->publish(payload, topic, qos, retained);
+            const int rc = call(*to);
             if (rc == 0) {
                 ++messagingCounters().published[static_cast<std::size_t>(qos)];
                 return true;

@@ -3,16 +3,19 @@
 #include <MQTTClient.h>
 #include <Poco/JSON/Object.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
 
 #include "Export.h"
+#include "MqttOptions.h"
 
 namespace kel {
 
-/// One connection to an MQTT 3.1.1 broker (clean session, keep-alive 60 s), its subscriptions with
-/// a handler each, and its reconnection. Make it with createInstance() and keep the shared_ptr.
+/// One connection to an MQTT 3.1.1 broker (clean session, keep-alive 60 s unless asked otherwise),
+/// its subscriptions with a handler each, and its reconnection. Make it with createInstance() and
+/// keep the shared_ptr.
 ///
 /// Errors: nothing is thrown to the caller; every failure is a line in the log.
 /// Threads: all operations may be called from any thread, from every callback and from every
@@ -38,16 +41,28 @@ public:
 
     /// Creates the library handle; makes no connection. Takes one second. In a delivery callback
     /// it fails (logged), since the MQTT library holds its lock there.
-    /// @param address   server URI "tcp://host:port", also without scheme (tcp) or port (1883).
+    /// @param address   server URI "tcp://host:port", also without scheme (tcp) or port (1883);
+    ///                  "ssl://" or "mqtts://" (8883) for TLS, with the broker's certificate
+    ///                  verified. A failed handshake is a failed attempt, with a line that says
+    ///                  why.
     /// @param clientId  unique at the broker; a second client with the same id ends the first's
     ///                  connection.
     /// @param username  sent with every connect, also when empty, as `password`.
     static std::shared_ptr<MqttClient> createInstance(std::string address, std::string clientId,
                                                       std::string username, std::string password);
 
+    /// As above, with what else a connection may need: keep-alive, connect time-out, last will, and
+    /// the files of a secure one.
+    /// @throws Poco::InvalidArgumentException  a member of `options` is out of its range.
+    static std::shared_ptr<MqttClient> createInstance(std::string address, std::string clientId,
+                                                      std::string username, std::string password,
+                                                      MqttOptions options);
+
     /// As createInstance(), for an owner of another kind.
     MqttClient(std::string address, std::string clientId, std::string username,
                std::string password);
+    MqttClient(std::string address, std::string clientId, std::string username,
+               std::string password, MqttOptions options);
 
     virtual ~MqttClient();
 
@@ -105,6 +120,17 @@ public:
     ///         the library's code for too many messages in flight) in a delivery callback, and in
     ///         an inline handler that would have to wait while its queue is full twice over.
     bool PublishMessage(std::string payload, std::string topic, int qos, int retained, int token);
+
+    /// As PublishMessage(), and waits until the broker has confirmed the message.
+    /// @param deadline  longest wait, for a place among the ten unacknowledged ones and for the
+    ///        confirmation together; the first may overrun it by 100 ms.
+    /// @return whether it has been confirmed; at QoS 0, which knows no confirmation, whether it has
+    ///         been accepted. False at once where PublishMessage() is refused; also when the
+    ///         connection goes, and when `deadline` passes: the message may still arrive then.
+    /// May be called wherever PublishMessage() may, from handlers too. The delivery callback is
+    /// told as well.
+    bool PublishAndWait(std::string payload, std::string topic, int qos, int retained,
+                        std::chrono::milliseconds deadline);
 
     /// The client id; "" (and an error line) if it is empty.
     std::string getstation();

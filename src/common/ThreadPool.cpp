@@ -148,6 +148,11 @@ int ThreadPool::available() const {
     return std::max(capacity() - used(), 0);
 }
 
+PoolStatistics ThreadPool::statistics() const {
+    const auto number = [](int count) { return static_cast<std::uint64_t>(count); };
+    return {number(allocated()), number(used()), number(capacity())};
+}
+
 void ThreadPool::joinAll() {
     while (_threads->awaitEnd(kStopPatience) != 0) continue;
     Poco::ThreadPool::joinAll();

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "Export.h"
+#include "PoolStatistics.h"
 
 namespace kel {
 
@@ -74,6 +75,9 @@ public:
     int used() const;
     int allocated() const;
     int available() const;
+
+    /// The same at one go.
+    PoolStatistics statistics() const;
 
     /// As POCO's: waits until nothing runs, however long that takes.
     void joinAll();

@@ -44,7 +44,7 @@ enum ListFileType : int {
 KEL_API bool findProcessByName(const std::string& name, std::vector<unsigned long>& pids);
 
 /// Ends every process that findProcessByName() finds, at once and without asking it, the caller's
-/// own included when `name` is the caller's own; then the caller goes last.
+/// own included when `name` is the caller's own; the caller is then ended last.
 /// Never throws; failures are logged. Threads: any; waits for a system command per process.
 KEL_API void cleanProcessByName(const std::string& name);
 

@@ -11,11 +11,15 @@
 #include <Poco/Format.h>
 #include <Poco/Net/HTTPServerParams.h>
 #include <Poco/NullStream.h>
+#include <Poco/String.h>
 #include <Poco/URI.h>
+
+#include <algorithm>
 
 #include "HttpServer.h"
 #include "internal/http/JsonBody.h"
 #include "internal/log/UnitLog.h"
+#include "internal/process/NeverDestroyed.h"
 
 namespace kel {
 
@@ -34,6 +38,31 @@ WebApiBasic::ApiParams queryParameters(const Poco::URI& uri) {
     WebApiBasic::ApiParams params;
     for (const auto& [name, value] : uri.getQueryParameters()) params.emplace(name, value);
     return params;
+}
+
+// With its length, so that the connection can take another request.
+void sendStandardReply(HTTPServerResponse& response, const std::string& text) {
+    if (!response.getChunkedTransferEncoding()) {
+        response.setContentLength64(static_cast<Poco::Int64>(text.size()));
+    }
+    response.send() << text;
+}
+
+// What calls `handler` for these methods and answers all others itself.
+WebApiBasic::ApiHandler onlyFor(WebApiBasic::Methods methods, WebApiBasic::ApiHandler handler) {
+    if (methods.empty()) throw Poco::InvalidArgumentException("a route without methods");
+    return [methods = std::move(methods), handler = std::move(handler)](
+               HTTPServerRequest& request, HTTPServerResponse& response,
+               const WebApiBasic::ApiParams& params) {
+        const auto& method = request.getMethod();
+        if (std::find(methods.begin(), methods.end(), method) != methods.end()) {
+            return handler(request, response, params);
+        }
+        response.setStatus(HTTPServerResponse::HTTP_METHOD_NOT_ALLOWED);
+        response.set("Allow", Poco::cat(std::string(", "), methods.begin(), methods.end()));
+        response.setContentType("application/json");
+        sendStandardReply(response, R"({"code": -1, "msg": "method not allowed"})");
+    };
 }
 
 void prepareJsonReply(HTTPServerResponse& response) {
@@ -56,8 +85,9 @@ Poco::JSON::Object::Ptr jsonBody(HTTPServerRequest& request) {
 }  // namespace
 
 std::shared_ptr<WebApiBasic> WebApiBasic::instance() {
-    static const auto& instance = *new std::shared_ptr<WebApiBasic>(new WebApiBasic);
-    return instance;
+    static NeverDestroyed<std::shared_ptr<WebApiBasic>> instance(
+        std::shared_ptr<WebApiBasic>(new WebApiBasic));
+    return *instance;
 }
 
 WebApiBasic::WebApiBasic() = default;
@@ -65,15 +95,16 @@ WebApiBasic::WebApiBasic() = default;
 WebApiBasic::~WebApiBasic() = default;
 
 void WebApiBasic::apiNotFound(HTTPServerResponse& response) {
-    response.send() << R"({"code": -1, "msg": "api not found"})";
+    sendStandardReply(response, R"({"code": -1, "msg": "api not found"})");
 }
 
 void WebApiBasic::apiSuccess(HTTPServerResponse& response) {
-    response.send() << R"({"code": 0, "msg": "success"})";
+    sendStandardReply(response, R"({"code": 0, "msg": "success"})");
 }
 
 void WebApiBasic::bodyNotFound(HTTPServerResponse& response) {
-    response.send() << R"({"code": -1, "msg": "body not found or cannot be resolved to json"})";
+    sendStandardReply(response,
+                      R"({"code": -1, "msg": "body not found or cannot be resolved to json"})");
 }
 
 // What both JSON shapes do; `body` is the object of the one that takes it.
@@ -95,31 +126,47 @@ void WebApiBasic::apiRegist(std::string path) {
     });
 }
 
+WebApiBasic::ApiHandler WebApiBasic::plain(ApiJsonHandler handler) {
+    return [handler = std::move(handler)](HTTPServerRequest& request, HTTPServerResponse& response,
+                                          const ApiParams& params) {
+        prepareJsonReply(response);
+        answerJson(handler, request, response, params);
+    };
+}
+
+WebApiBasic::ApiHandler WebApiBasic::plain(ApiJsonBodyHandler handler) {
+    return [handler = std::move(handler)](HTTPServerRequest& request, HTTPServerResponse& response,
+                                          const ApiParams& params) {
+        prepareJsonReply(response);
+        const Poco::JSON::Object::Ptr body = jsonBody(request);
+        if (!body) bodyNotFound(response);  // in case the parser ever gives none
+        answerJson(handler, request, response, params, body);
+    };
+}
+
 void WebApiBasic::apiRegist(std::string path, ApiHandler handler) {
     logRegistration(path);
     store(std::move(path), std::move(handler));
 }
 
 void WebApiBasic::apiRegist(std::string path, ApiJsonHandler handler) {
-    logRegistration(path);
-    store(std::move(path),
-          [handler = std::move(handler)](HTTPServerRequest& request, HTTPServerResponse& response,
-                                         const ApiParams& params) {
-              prepareJsonReply(response);
-              answerJson(handler, request, response, params);
-          });
+    apiRegist(std::move(path), plain(std::move(handler)));
 }
 
 void WebApiBasic::apiRegist(std::string path, ApiJsonBodyHandler handler) {
-    logRegistration(path);
-    store(std::move(path),
-          [handler = std::move(handler)](HTTPServerRequest& request, HTTPServerResponse& response,
-                                         const ApiParams& params) {
-              prepareJsonReply(response);
-              const Poco::JSON::Object::Ptr body = jsonBody(request);
-              if (!body) bodyNotFound(response);  // in case the parser ever gives none
-              answerJson(handler, request, response, params, body);
-          });
+    apiRegist(std::move(path), plain(std::move(handler)));
+}
+
+void WebApiBasic::apiRegist(std::string path, Methods methods, ApiHandler handler) {
+    apiRegist(std::move(path), onlyFor(std::move(methods), std::move(handler)));
+}
+
+void WebApiBasic::apiRegist(std::string path, Methods methods, ApiJsonHandler handler) {
+    apiRegist(std::move(path), onlyFor(std::move(methods), plain(std::move(handler))));
+}
+
+void WebApiBasic::apiRegist(std::string path, Methods methods, ApiJsonBodyHandler handler) {
+    apiRegist(std::move(path), onlyFor(std::move(methods), plain(std::move(handler))));
 }
 
 void WebApiBasic::start(const Poco::Net::ServerSocket& socket) {
@@ -127,7 +174,8 @@ void WebApiBasic::start(const Poco::Net::ServerSocket& socket) {
     const std::lock_guard<std::mutex> lifecycle(_lifecycle_mutex);
     {
         const std::lock_guard<std::mutex> lock(_mutex);
-        if (_server) throw Poco::LogicException();
+        // One that stopLibrary() has stopped is none any more.
+        if (_server && _server->running()) throw Poco::LogicException();
     }
     const auto noReply = [](HTTPServerRequest&, HTTPServerResponse&, const ApiParams&) {};
     formerRoot = store("/", noReply);
@@ -152,6 +200,23 @@ void WebApiBasic::stop() {
     if (const auto server = exchangeServer(nullptr)) server->stop();
     const std::lock_guard<std::mutex> lock(_mutex);
     forgotten.swap(_apis);
+}
+
+bool WebApiBasic::stop(std::chrono::milliseconds patience) {
+    std::map<std::string, Route> forgotten;
+    const std::lock_guard<std::mutex> lifecycle(_lifecycle_mutex);
+    const auto server = exchangeServer(nullptr);
+    if (server) server->stop();
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        forgotten.swap(_apis);
+    }
+    return !server || server->stop(patience);
+}
+
+HttpStatistics WebApiBasic::statistics() {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    return _server ? _server->statistics() : HttpStatistics();
 }
 
 WebApiBasic::Route WebApiBasic::store(std::string path, ApiHandler handler) {

@@ -5,14 +5,17 @@
 #include <Poco/Net/HTTPServerResponse.h>
 #include <Poco/Net/ServerSocket.h>
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "Export.h"
+#include "HttpStatistics.h"
 
 namespace kel {
 
@@ -21,16 +24,25 @@ class HttpServer;
 /// The process's web API: handlers by URL path, behind one HTTP server.
 /// @code
 ///   auto api = kel::WebApiBasic::instance();
-///   api->apiRegist("/index/api/add", [](auto&, auto&, const auto& params, auto& result) {
-///       result.set("sum", std::stoi(params.at("a")) + std::stoi(params.at("b")));
+///   api->apiRegist("/index/api/half", {"GET"},
+///                  [](auto&, auto& response, const auto& params, auto& result) {
+///       const auto n = params.find("n");
+///       int number = 0;
+///       if (n == params.end() || !Poco::NumberParser::tryParse(n->second, number)) {
+///           response.setStatus(Poco::Net::HTTPResponse::HTTP_BAD_REQUEST);
+///           result.set("msg", "n is to be a number");
+///           return;
+///       }
+///       result.set("half", number / 2);
 ///   });
 ///   Poco::Net::ServerSocket socket;
 ///   socket.bind({"127.0.0.1", 9528}, true, false);  // false: shares the port with nobody
 ///   socket.listen();
 ///   api->start(socket);
 /// @endcode
-/// A path is matched exactly, letter case and a trailing slash included; the method is not looked
-/// at. An unknown path is answered with {"code": -1, "msg": "api not found"} and status 200.
+/// A path is matched exactly, letter case and a trailing slash included; the method is looked at
+/// only where the route names some. An unknown path is answered with {"code": -1, "msg": "api not
+/// found"} and status 200.
 ///
 /// Errors: what a handler throws is logged; after a Poco::Exception the client gets status 500,
 /// after any other its connection is closed without a reply. Nothing a client sends ends the
@@ -53,9 +65,8 @@ public:
                            const ApiParams&, Poco::JSON::Object& result)>;
 
     /// As ApiJsonHandler, with the request's body. It is not called for a body that is no JSON
-    /// object, nested deeper than 128 levels or longer than 8 MiB: that is logged, and the client
-    /// gets status 500. A request without a length (neither Content-Length nor chunked) has an
-    /// empty body.
+    /// object or exceeds a limit of HttpLimits: that is logged, and the client gets status 500. A
+    /// request without a length (neither Content-Length nor chunked) has an empty body.
     using ApiJsonBodyHandler = std::function<void(
         Poco::Net::HTTPServerRequest&, Poco::Net::HTTPServerResponse&, const ApiParams&,
         Poco::JSON::Object& result, const Poco::JSON::Object& body)>;
@@ -79,15 +90,22 @@ public:
     void apiRegist(std::string path, ApiJsonHandler handler);
     void apiRegist(std::string path, ApiJsonBodyHandler handler);
 
+    /// Methods of a route, in capitals: {"GET", "HEAD"}.
+    using Methods = std::vector<std::string>;
+
+    /// As above, for requests with one of these methods. Others are answered with status 405, the
+    /// methods under "Allow" and {"code": -1, "msg": "method not allowed"}; that is not logged.
+    /// @throws Poco::InvalidArgumentException  `methods` is empty.
+    void apiRegist(std::string path, Methods methods, ApiHandler handler);
+    void apiRegist(std::string path, Methods methods, ApiJsonHandler handler);
+    void apiRegist(std::string path, Methods methods, ApiJsonBodyHandler handler);
+
     /// Serves the registered routes on `socket`, and the two built-in ones "/" and
     /// "/index/api/getApiList", which send no reply unless the host registers its own afterwards.
     ///
-    /// The server runs with POCO's default parameters: 16 connections are served at a time (the
-    /// capacity of Poco::ThreadPool::defaultPool()), 64 more wait, further ones are closed at once.
-    /// A connection holds its thread while it is open: up to 60 s before its first request, 15 s
-    /// between requests, and without bound while a body comes in slowly. New clients are turned
-    /// away meanwhile; those already served are not slowed down. Where strangers can reach the
-    /// port, put a proxy that limits connections in front.
+    /// The server runs with POCO's default parameters: 16 connections are served at a time, 64 more
+    /// wait, further ones are answered with status 503. HttpServer says how connections and
+    /// requests are checked, HttpLimits what one client may cost.
     /// @throws Poco::LogicException  it is serving already; nothing changes.
     void start(const Poco::Net::ServerSocket& socket);
 
@@ -96,12 +114,23 @@ public:
     /// Afterwards routes can be registered and start() be called again.
     void stop();
 
+    /// As stop(), and waits for the requests in progress, but for one that calls this itself.
+    /// @param patience  the longest wait; what is not over by then goes on as after stop().
+    /// @return whether all had ended.
+    bool stop(std::chrono::milliseconds patience);
+
+    /// The server's numbers since start(); zeroes while not serving.
+    HttpStatistics statistics();
+
 private:
     WebApiBasic();
 
     static void apiNotFound(Poco::Net::HTTPServerResponse& response);
     static void apiSuccess(Poco::Net::HTTPServerResponse& response);
     static void bodyNotFound(Poco::Net::HTTPServerResponse& response);
+
+    static ApiHandler plain(ApiJsonHandler handler);
+    static ApiHandler plain(ApiJsonBodyHandler handler);
 
     template <typename Handler, typename... Body>
     static void answerJson(const Handler& handler, Poco::Net::HTTPServerRequest& request,

@@ -1,19 +1,20 @@
 // WebHookBasic.cpp - reports to the management endpoint.
 //
-// The timers of all hooks run on a pool of their own, since web API connections may hold every
-// thread of POCO's default pool. A tick only submits a request; requests hold nothing of the hook.
-// Whoever stops a timer waits for a tick in progress, which in turn never waits for that lock.
+// A tick of the keep-alive only submits a request; requests hold nothing of the hook. Whoever ends
+// a keep-alive waits for a tick in progress, which in turn never waits for the lock held meanwhile.
 
 #include "WebHookBasic.h"
 
-#include <Poco/ThreadPool.h>
-
 #include <mutex>
+#include <optional>
 #include <set>
 
 #include "Config.h"
+#include "HttpClient.h"
 #include "internal/http/JsonBody.h"
+#include "internal/http/Keepalive.h"
 #include "internal/process/LibraryStop.h"
+#include "internal/process/NeverDestroyed.h"
 
 namespace kel {
 
@@ -22,7 +23,6 @@ using HTTPStatus = Poco::Net::HTTPResponse::HTTPStatus;
 namespace {
 
 constexpr long kKeepalivePeriod = 10000;  // milliseconds
-constexpr int kMaxTimers = 1 << 20;       // no limit: a process has fewer threads
 
 bool hookEnabled() {
     return configInstance().getBool("hook.enable", false);
@@ -48,7 +48,7 @@ std::string startedUrl() {
 
 void ignoreReply(HTTPStatus, Poco::JSON::Object&) {}
 
-void handReplyOn(const WebHookBasic::Callback& callback, HTTPStatus status, std::istream& body) {
+void callWithObject(const WebHookBasic::Callback& callback, HTTPStatus status, std::istream& body) {
     try {
         Poco::JSON::Object::Ptr reply = readJsonObject(body);
         if (callback) callback(status, *reply);
@@ -58,86 +58,88 @@ void handReplyOn(const WebHookBasic::Callback& callback, HTTPStatus status, std:
     }
 }
 
-// Never destroyed: hooks may go at any time, also among static destructors.
-struct Timers {
+// Those of all hooks, which may be released at any time, also among static destructors.
+struct Keepalives {
     std::mutex mutex;
-    // Guarded by mutex, as the timer of every hook.
-    std::set<WebHookBasic*> hooks;
-    bool stopped = false;
+    std::set<std::optional<Keepalive>*> all;  // guarded by mutex, as what they point to
 };
 
-Timers& timers() {
-    static Timers& instance = *new Timers;
-    return instance;
+Keepalives& keepalives() {
+    static NeverDestroyed<Keepalives> instance;
+    return *instance;
 }
 
-Poco::ThreadPool& timerPool() {
-    static auto& instance = *new Poco::ThreadPool("hook", 1, kMaxTimers);
-    return instance;
+void stopKeepalives() {
+    const std::lock_guard<std::mutex> lock(keepalives().mutex);
+    for (std::optional<Keepalive>* keepalive : keepalives().all) keepalive->reset();
+    Keepalive::joinThreads();
+}
+
+void request(HttpClient& client, std::string url, WebHookBasic::Callback callback) {
+    client.doHttpRequest(std::move(url),
+                         [callback = std::move(callback)](HTTPStatus status, std::istream& body) {
+                             callWithObject(callback, status, body);
+                         });
+}
+
+// What this throws ends in POCO's timer, which carries on; the pool has logged a refused request.
+void reportKeepalive(HttpClient& client, const Keepalive::Ticket& ticket) {
+    static const bool enable = hookEnabled();
+    static NeverDestroyed<const std::string> url(startedUrl());
+    if (!enable || url->empty()) return;
+    request(client, *url, [ticket](auto, auto&) {});  // kept until the request has ended
 }
 
 }  // namespace
+
+struct WebHookBasic::Inside {
+    const std::shared_ptr<HttpClient> client = HttpClient::createInstance();
+    std::optional<Keepalive> keepalive;  // guarded by the mutex of all
+
+    Inside() {
+        const std::lock_guard<std::mutex> lock(keepalives().mutex);
+        keepalives().all.insert(&keepalive);
+    }
+    ~Inside() {
+        const std::lock_guard<std::mutex> lock(keepalives().mutex);
+        keepalives().all.erase(&keepalive);
+        keepalive.reset();
+    }
+};
 
 std::shared_ptr<WebHookBasic> WebHookBasic::createInstance() {
     return std::shared_ptr<WebHookBasic>(new WebHookBasic);
 }
 
 std::shared_ptr<WebHookBasic> WebHookBasic::defaultWebHook() {
-    static const auto& instance = *new std::shared_ptr<WebHookBasic>(createInstance());
-    return instance;
+    static NeverDestroyed<std::shared_ptr<WebHookBasic>> instance(createInstance());
+    return *instance;
 }
 
-WebHookBasic::WebHookBasic() : _http_client(HttpClient::createInstance()) {}
+WebHookBasic::WebHookBasic() : _inside(new Inside) {}
 
-WebHookBasic::~WebHookBasic() {
-    const std::lock_guard<std::mutex> lock(timers().mutex);
-    timers().hooks.erase(this);
-    _timer = nullptr;
-}
+WebHookBasic::~WebHookBasic() = default;
 
 void WebHookBasic::reportServerStarted() {
     static const bool enable = hookEnabled();
-    // Never destroyed, here and below: reports may still be made while the process ends.
-    static const std::string& url = *new std::string(startedUrl());
-    if (enable && !url.empty()) doHttpRequest(url, ignoreReply);
+    static NeverDestroyed<const std::string> url(startedUrl());
+    if (enable && !url->empty()) doHttpRequest(*url, ignoreReply);
 }
 
 void WebHookBasic::reportServerKeepalive() {
     static const bool enable = hookEnabled();
     if (!enable) return;
-    static const bool registered = (onLibraryStop(StopStage::kRequests, &stopTimers), true);
-    const std::lock_guard<std::mutex> lock(timers().mutex);
-    if (!registered || timers().stopped) return;
-    timers().hooks.insert(this);
-    _timer = nullptr;  // ends a tick in progress
-    _report.reset();
-    _timer = new Poco::Timer(0, kKeepalivePeriod);
-    _timer->start(Poco::TimerCallback<WebHookBasic>(*this, &WebHookBasic::onTimer), timerPool());
+    const std::lock_guard<std::mutex> lock(keepalives().mutex);
+    if (processIsEnding()) return;
+    onLibraryStop(StopStage::kRequests, &stopKeepalives);
+    _inside->keepalive.reset();
+    _inside->keepalive.emplace(kKeepalivePeriod, [client = _inside->client](const auto& ticket) {
+        reportKeepalive(*client, ticket);
+    });
 }
 
 void WebHookBasic::doHttpRequest(std::string url, Callback callback) {
-    _http_client->doHttpRequest(
-        std::move(url), [callback = std::move(callback)](HTTPStatus status, std::istream& body) {
-            handReplyOn(callback, status, body);
-        });
-}
-
-// A peer that drips its reply holds a thread for as long as it likes: one, not one more each time.
-// What this throws ends in POCO's timer, which carries on; the pool has logged a refused request.
-void WebHookBasic::onTimer(Poco::Timer&) {
-    static const bool enable = hookEnabled();
-    static const std::string& url = *new std::string(startedUrl());
-    if (!enable || url.empty() || !_report.expired()) return;
-    const auto report = std::make_shared<char>();
-    _report = report;
-    doHttpRequest(url, [report](auto, auto&) {});  // which keeps it until the request has ended
-}
-
-void WebHookBasic::stopTimers() {
-    const std::lock_guard<std::mutex> lock(timers().mutex);
-    timers().stopped = true;
-    for (WebHookBasic* hook : timers().hooks) hook->_timer = nullptr;
-    timerPool().stopAll();
+    request(*_inside->client, std::move(url), std::move(callback));
 }
 
 }  // namespace kel

@@ -2,15 +2,12 @@
 
 #include <Poco/JSON/Object.h>
 #include <Poco/Net/HTTPResponse.h>
-#include <Poco/SharedPtr.h>
-#include <Poco/Timer.h>
 
 #include <functional>
 #include <memory>
 #include <string>
 
 #include "Export.h"
-#include "HttpClient.h"
 
 namespace kel {
 
@@ -44,9 +41,9 @@ public:
     /// @throws Poco::SyntaxException             "hook.enable" is neither true nor false.
     void reportServerStarted();
 
-    /// Sends a report at once and every 10 s from then on, until the hook is released. Another
-    /// call begins anew. A report is left out while the one before is still under way, or when
-    /// there is no free thread for it.
+    /// Sends a report at once and every 10 s from then on, until the hook is released or
+    /// stopLibrary() is called. Another call begins anew. A report is left out while two earlier
+    /// ones are still under way, or when there is no free thread for it.
     /// @throws Poco::SyntaxException  "hook.enable" is neither true nor false.
     void reportServerKeepalive();
 
@@ -60,12 +57,9 @@ public:
 private:
     WebHookBasic();
 
-    void onTimer(Poco::Timer& timer);
-    static void stopTimers();
+    struct Inside;
 
-    std::shared_ptr<HttpClient> _http_client;
-    Poco::SharedPtr<Poco::Timer> _timer;
-    std::weak_ptr<void> _report;  // expires when the last keep-alive has ended
+    const std::unique_ptr<Inside> _inside;
 };
 
 }  // namespace kel

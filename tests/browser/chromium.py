@@ -31,10 +31,14 @@ def executable():
     raise SystemExit("no chromium-headless-shell and no chromium here")
 
 
+class Navigated(Exception):
+    """The page was left for another, or for itself anew, while it was asked for something."""
+
+
 class Chromium:
     """One tab. What the page logs as an error and every address it asks for are kept."""
 
-    def __init__(self):
+    def __init__(self, *options):
         self._profile = tempfile.mkdtemp(prefix="kel-chromium-")
         theirs, self._to = os.pipe()
         self._from, theirs_too = os.pipe()
@@ -45,7 +49,7 @@ class Chromium:
             os.dup2(ends[0], 3)
             os.dup2(ends[1], 4)
 
-        command = [executable(), *OPTIONS, f"--user-data-dir={self._profile}", "about:blank"]
+        command = [executable(), *OPTIONS, *options, f"--user-data-dir={self._profile}", "about:blank"]
         self._process = subprocess.Popen(command, preexec_fn=place, close_fds=False,
                                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         for end in (*ends, theirs, theirs_too):
@@ -80,6 +84,8 @@ class Chromium:
         os.write(self._to, json.dumps(message).encode() + b"\0")
         while (answer := self._receive()).get("id") != self._id:
             self._note(answer)
+        if "navigated" in answer.get("error", {}).get("message", ""):
+            raise Navigated(method)
         if "error" in answer:
             raise AssertionError(f"{method}: {answer['error']}")
         return answer["result"]
@@ -108,13 +114,16 @@ class Chromium:
         failure = self.call("Page.navigate", url=url).get("errorText")
         if failure:
             raise AssertionError(f"{url}: {failure}")
-        there = "document.readyState === 'complete' && location.href"
-        await_true(lambda: self.run(there) == url, f"{url} loads")
+        there = "document.readyState === 'complete' && location.href.split('#')[0]"
+        await_true(lambda: self.run(there) == url.split("#")[0], f"{url} loads")
 
     def run(self, script):
         """The value of a JavaScript expression in the page; promises are awaited."""
-        result = self.call("Runtime.evaluate", expression=script, returnByValue=True,
-                           awaitPromise=True)
+        try:
+            result = self.call("Runtime.evaluate", expression=script, returnByValue=True,
+                               awaitPromise=True)
+        except Navigated:
+            return self.run(script)
         if "exceptionDetails" in result:
             raise AssertionError(f"{script}: {result['exceptionDetails']}")
         return result["result"].get("value")

@@ -18,6 +18,8 @@ from chromium import Chromium, await_true
 
 HOST = sys.argv[1]
 SCREENSHOTS = sys.argv[2] if len(sys.argv) > 2 else None
+KEY = "00c0ffee" * 8
+ELSEWHERE = "rebound.example"  # a name of somebody else's that points here
 HOSTILE = "<img src=x onerror=window.hacked=1><script>window.hacked=1</script>"
 
 
@@ -52,12 +54,15 @@ class StatusPage(unittest.TestCase):
         cls.addClassCleanup(shutil.rmtree, cls.folder, ignore_errors=True)
         cls.broker_port, cls.port = free_port(), free_port()
         cls.url = f"http://127.0.0.1:{cls.port}"
-        broker = cls.process("mosquitto", "-p", str(cls.broker_port))
+        with open(f"{cls.folder}/mosquitto.conf", "w") as conf:
+            conf.write(f"listener {cls.broker_port} 127.0.0.1\nallow_anonymous true\n"
+                       "set_tcp_nodelay true\n")
+        broker = cls.process("mosquitto", "-c", conf.name)
         cls.addClassCleanup(cls.end, broker)
         await_true(lambda: accepts(cls.broker_port), "the broker")
         cls.start_host()
         cls.addClassCleanup(lambda: cls.end(cls.host))
-        cls.browser = Chromium()
+        cls.browser = Chromium(f"--host-resolver-rules=MAP {ELSEWHERE} 127.0.0.1")
         cls.addClassCleanup(cls.browser.close)
 
     @classmethod
@@ -69,6 +74,7 @@ class StatusPage(unittest.TestCase):
     @classmethod
     def start_host(cls):
         cls.host = cls.process(HOST, "--role=server", f"--default=http.port={cls.port}",
+                               f"--default=http.key={KEY}",
                                f"--default=mqtt.address=tcp://127.0.0.1:{cls.broker_port}")
         await_true(lambda: accepts(cls.port), "the host")
 
@@ -79,13 +85,16 @@ class StatusPage(unittest.TestCase):
 
     def setUp(self):
         self.browser.show_as(1180, 900)
-        self.browser.open(self.url + "/status")
+        self.browser.open("about:blank")
+        self.browser.open(self.url + "/status#key=" + KEY)
         self.browser.await_text("#broker", "broker connected")
         self.browser.errors.clear()
         self.browser.requests.clear()
 
     def ask(self, route):
-        with urllib.request.urlopen(self.url + "/index/api/" + route, timeout=20) as reply:
+        request = urllib.request.Request(self.url + "/index/api/" + route,
+                                         headers={"Authorization": "Bearer " + KEY})
+        with urllib.request.urlopen(request, timeout=20) as reply:
             return json.load(reply)
 
     def feed(self, topic, *messages):
@@ -103,7 +112,7 @@ class StatusPage(unittest.TestCase):
         self.browser.await_text("#routes", "/index/api/publish")
         self.browser.await_text("#log", "server is up")
         self.browser.run("element('send').click()")  # as the form stands
-        self.browser.await_text("#published", "published at")
+        self.browser.await_text("#published", "accepted at")
         self.browser.await_text("#messages", "hello from the status page")
         self.browser.await_text("#messages", "received")
         self.assertNotEqual("0", self.browser.text("#received"))
@@ -111,6 +120,39 @@ class StatusPage(unittest.TestCase):
         await_true(lambda: len(set(self.browser.run(rate).split("L"))) > 1, "the chart's curve")
         elsewhere = [url for url in self.browser.requests if not url.startswith(self.url)]
         self.assertEqual(([], []), (elsewhere, self.browser.errors))
+
+    def hidden(self, selector):
+        return self.browser.run(f"document.querySelector('{selector}')?.hidden")
+
+    def test_the_link_opens_the_page_and_the_key_stays_out_of_the_address(self):
+        self.assertEqual(self.url + "/status", self.browser.run("location.href"))
+        self.assertEqual([], [url for url in self.browser.requests if KEY in url.split("#")[0]])
+        self.browser.open(self.url + "/status")  # the browser has kept it
+        self.browser.await_text("#broker", "broker connected")
+        self.assertTrue(self.hidden("#login"))
+
+    def test_asks_for_the_key_where_it_has_none_or_a_wrong_one(self):
+        self.addCleanup(self.browser.run, "localStorage.clear()")
+        self.browser.run("void setTimeout(logOut)")  # loads the page anew
+        await_true(lambda: self.hidden("#login") is False, "the question for the key")
+        self.screenshot("login", 1180, 520)
+        self.assertTrue(self.hidden("main"))
+        self.assertEqual("", self.browser.text("#messages").replace("none yet", ""))
+        self.browser.run("element('key').value = 'wrong'")
+        self.browser.run("document.querySelector('#login button').click()")
+        self.browser.await_text("#whyLogin", "not the key of this host")
+        self.assertTrue(self.hidden("main"))
+        self.browser.run(f"element('key').value = '{KEY}'")
+        self.browser.run("document.querySelector('#login button').click()")
+        self.browser.await_text("#broker", "broker connected")
+        self.assertTrue(self.hidden("#login"))
+
+    def test_serves_nothing_under_the_name_of_another_site(self):
+        self.browser.open(f"http://{ELSEWHERE}:{self.port}/status")
+        self.assertIn("asked by its address", self.browser.text("body"))
+        reading = f"""fetch('/index/api/settings', {{headers: {{Authorization: 'Bearer {KEY}'}}}})
+            .then(reply => reply.status)"""
+        self.assertEqual(403, self.browser.run(reading))
 
     def test_says_what_cannot_be_published(self):
         for topic, message, answer in (
@@ -149,11 +191,17 @@ class StatusPage(unittest.TestCase):
         request = f"""(kind, mode) => fetch('{self.url}/index/api/publish', {{method: 'POST', mode,
             headers: {{'Content-Type': kind}}, body: {json.dumps(body)}}})
             .then(reply => reply.type, () => 'failed')"""
-        for kind, mode, outcome in (("text/plain", "no-cors", "opaque"),
+        for kind, mode, outcome in (("text/plain", "no-cors", "failed"),
                                     ("application/json", "cors", "failed")):
             self.assertEqual(outcome, self.browser.run(f"({request})('{kind}', '{mode}')"))
-        reading = f"fetch('{self.url}/index/api/settings').then(() => 'read', () => 'failed')"
-        self.assertEqual("failed", self.browser.run(reading))
+        for mode, outcome in (("cors", "failed"), ("no-cors", "failed")):  # the latter by policy
+            reading = f"""fetch('{self.url}/status', {{mode: '{mode}'}})
+                .then(() => 'read', () => 'failed')"""
+            self.assertEqual(outcome, self.browser.run(reading))
+        report = f"""fetch('{self.url}/index/api/on_server_started', {{mode: 'no-cors'}})
+            .then(() => 'sent', () => 'failed')"""
+        self.browser.run(report)
+        self.assertEqual(0, self.ask("state")["reports"]["count"])
         self.assertNotIn("forged", json.dumps(self.ask("messages?limit=100")))
 
     def test_says_so_when_the_host_goes_and_goes_on_when_it_is_back(self):

@@ -42,7 +42,8 @@ int freePort() {
     return Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0)).address().port();
 }
 
-Broker::Broker(Login login, bool noDelay) : _login(login), _noDelay(noDelay) {
+Broker::Broker(Login login, std::string listener, bool noDelay)
+    : _login(login), _listener(std::move(listener)), _noDelay(noDelay) {
     for (int attempt = 0; attempt < 5; ++attempt) {
         _port = freePort();
         if (tryStart()) return;
@@ -56,8 +57,8 @@ void Broker::start() {
 
 bool Broker::tryStart() {
     const std::string log = _folder.write("mosquitto.log");
-    std::string config = "listener " + std::to_string(_port) + " 127.0.0.1\nlog_dest file " + log +
-                         "\nmax_queued_messages 0\nset_tcp_nodelay " +
+    std::string config = "listener " + std::to_string(_port) + " 127.0.0.1\n" + _listener +
+                         "log_dest file " + log + "\nmax_queued_messages 0\nset_tcp_nodelay " +
                          (_noDelay ? "true" : "false") + "\nuser root\n";
     if (_login == Login::kAnonymous) {
         config += "allow_anonymous true\n";

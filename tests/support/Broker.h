@@ -12,8 +12,10 @@ class Broker {
 public:
     enum class Login { kAnonymous, kPassword };  // kPassword: user "edge", password "secret"
 
-    /// @param noDelay  without it the broker leaves Nagle's algorithm on, as it does by itself.
-    explicit Broker(Login login = Login::kAnonymous, bool noDelay = true);
+    /// @param listener  further lines for the configuration of its listener.
+    /// @param noDelay   without it the broker leaves Nagle's algorithm on, as it does by itself.
+    explicit Broker(Login login = Login::kAnonymous, std::string listener = "",
+                    bool noDelay = true);
     ~Broker() { kill(); }
     Broker(const Broker&) = delete;
     Broker& operator=(const Broker&) = delete;
@@ -39,7 +41,8 @@ private:
 
     const TempFolder _folder;
     Login _login;
-    bool _noDelay;
+    const std::string _listener;
+    const bool _noDelay;
     int _port = 0;
     pid_t _pid = -1;
 };

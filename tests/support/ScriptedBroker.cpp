@@ -73,6 +73,8 @@ void ScriptedBroker::converse(const std::stop_token& stop) {
             const std::lock_guard<std::mutex> lock(_mutex);
             _received.push_back({type, body, _session});
         }
+        const bool newer = body.compare(0, 6, std::string("\0\4MQTT", 6)) == 0;
+        if (type == kConnect && _manner == Manner::kOld && newer) return peer.close();
         if (type == kConnect) send({"\x20\x02\x00\x00", 4});
         if (type == kPing) send({"\xd0\x00", 2});
         if (type == kUnsubscribe) send("\xb0\x02" + body.substr(0, 2));

@@ -19,7 +19,8 @@ public:
         int session;
     };
 
-    enum class Manner { kAccepts, kMute };
+    // kOld: knows MQTT 3.1 alone and closes the connection where it meets another version.
+    enum class Manner { kAccepts, kMute, kOld };
 
     explicit ScriptedBroker(Manner manner = Manner::kAccepts);
     ~ScriptedBroker();

@@ -5,13 +5,12 @@
 #include <string>
 #include <vector>
 
+#include "../../HttpLimits.h"
 #include "../json/ParseObject.h"
 
 namespace kel {
 
 namespace {
-
-constexpr std::int64_t kMaxLength = 8 * 1024 * 1024;
 
 // Read whole first: the parser's C code must not have exceptions of the stream pass through it.
 std::string readText(std::istream& body) {
@@ -29,11 +28,14 @@ std::string readText(std::istream& body) {
 }  // namespace
 
 void checkJsonBodyLength(std::int64_t length) {
-    if (length > kMaxLength) throw Poco::JSON::JSONException("body is longer than 8 MiB");
+    if (length > HttpLimits::kJsonSize)
+        throw Poco::JSON::JSONException("body is longer than 8 MiB");
 }
 
 Poco::JSON::Object::Ptr readJsonObject(std::istream& body) {
-    return parseJsonObject(readText(body));
+    const JsonLimits limits{static_cast<std::size_t>(HttpLimits::kJsonSize), HttpLimits::kJsonDepth,
+                            HttpLimits::kJsonValues};
+    return parseJsonObject(readText(body), limits);
 }
 
 }  // namespace kel

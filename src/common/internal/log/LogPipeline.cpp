@@ -1,3 +1,15 @@
+// LogPipeline.cpp - two threads, one queue of records, one backlog of formatted lines per output.
+//
+//   state                            who may touch it                       lock
+//   queue, counts, Output but sink   any thread                             _mutex
+//   Output::sink                     its thread, while that one runs        none
+//                                    afterwards whoever logs                _directMutex
+//   _formatter                       the thread that has set _formatting    none
+//   successor, _directFormatter      whoever logs once the threads ended    _directMutex
+//
+// Where both locks are held, _directMutex is taken first. Nothing is written, and no file is
+// opened, with _mutex held.
+
 #include "LogPipeline.h"
 
 #include <algorithm>
@@ -5,6 +17,7 @@
 
 #include "../platform/Platform.h"
 #include "../process/NeverDestroyed.h"
+#include "../process/PublishedText.h"
 #include "ConsoleSink.h"
 #include "UnitLog.h"
 
@@ -18,24 +31,29 @@ constexpr std::size_t kSpareBlocks = 64;
 constexpr std::chrono::milliseconds kLookAgain(50);
 // A thread that has just written looks by itself once more after this time, so that callers who log
 // line after line need not wake it for each: that costs more than the line.
-constexpr std::chrono::microseconds kDoze(200);
+constexpr std::chrono::microseconds kDoze(1000);
 
-// What the threads log themselves waits for no room, which only they could make.
+// What the two threads log themselves must not wait for room, which only they could make.
 thread_local bool onPipelineThread = false;
-// What a sink logs while the logging thread itself is in it would not come to an end.
+// What a sink logs on the thread that writes at once would lead into the same sink again.
 thread_local bool inSink = false;
 
 // A forked child has none of the threads, and whatever lock they held stays locked in it.
 std::atomic<bool> inForkedChild{false};
 std::atomic<bool> forkedChildHasColors{false};
-// Earlier paths stay in memory, one a day, because somebody may still read them.
-std::atomic<const std::string*> forkedChildFile{nullptr};
+
+// There is one path a day.
+PublishedText& forkedChildFile() {
+    static NeverDestroyed<PublishedText> path;
+    return *path;
+}
 
 // Writes each line at once.
 class ForkedChild {
 public:
     ForkedChild() : _console(forkedChildHasColors) {
-        if (const std::string* path = forkedChildFile) _file.use(*path);
+        const std::string& path = forkedChildFile().get();
+        if (!path.empty()) _file.use(path);
     }
 
     void log(const Poco::Message& message) {
@@ -68,7 +86,7 @@ public:
 };
 
 LineBlockPtr gapLine(std::uint64_t lines, const char* reason) {
-    const std::string name = loggerName();
+    const std::string& name = loggerName();
     const std::string text = std::to_string(lines) + " lines were dropped: " + reason;
     auto block = std::make_shared<LineBlock>();
     const Poco::Message message(name, text, Poco::Message::PRIO_WARNING, "Logger", 0);
@@ -84,7 +102,10 @@ bool LogPipeline::isForkedChild() noexcept {
 
 void LogPipeline::start(bool coloredConsole) {
     static std::once_flag forks;
-    std::call_once(forks, [] { platform::onFork([] { inForkedChild = true; }); });
+    std::call_once(forks, [] {
+        forkedChildFile();  // exists before a child can be forked that asks for it
+        platform::onFork([] { inForkedChild = true; });
+    });
     const std::scoped_lock lock(_directMutex, _mutex);
     if (_running) return;
     forkedChildHasColors = coloredConsole;
@@ -106,9 +127,8 @@ void LogPipeline::startThread(const OutputPtr& output, const char* name) {
 }
 
 void LogPipeline::useFile(const std::string& path) {
-    const std::string* last = forkedChildFile;
-    if (!last || *last != path) forkedChildFile = new std::string(path);
     const Lock lock(_mutex);
+    forkedChildFile().set(path);
     _wantedFile = path;
     _fileState = FileState::kNotYetKnown;
     _work.notify_all();
@@ -324,7 +344,7 @@ void LogPipeline::awaitOutputs(Lock& lock) {
     }
 }
 
-void LogPipeline::end() {
+void LogPipeline::stop() {
     Lock lock(_mutex);
     if (!_running || _closing) return;
     _closing = true;

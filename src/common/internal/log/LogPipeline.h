@@ -62,7 +62,7 @@ public:
     LogPipeline(const LogPipeline&) = delete;
     LogPipeline& operator=(const LogPipeline&) = delete;
 
-    /// Starts the two threads, unless they run. Not at the same time as end().
+    /// Starts the two threads, unless they run. Not at the same time as stop().
     void start(bool coloredConsole);
 
     /// Has the file exchanged between two lines by the thread that writes it.
@@ -72,23 +72,23 @@ public:
     /// Waits until the last useFile() has been tried, for the pipeline's patience at the longest.
     FileState awaitFile();
 
-    /// One line. Waits only while the queue is full, or while end() writes out what there is.
+    /// One line. Waits only while the queue is full, or while stop() writes out what there is.
     void log(const Poco::Message& message);
 
     /// Writes out what there is, however long it takes, as long as an output makes progress; one
     /// that makes none for `patience` is given up. Ends the threads and closes the file. Lines
     /// logged afterwards are written by the thread that logs them. Not on a thread that holds a
     /// lock which a logging thread needs. Repeatable.
-    void end();
+    void stop();
 
-    /// Gives every later line to `successor`. After end().
+    /// Gives every later line to `successor`. After stop().
     void handOver(Poco::AutoPtr<Poco::Channel> successor);
 
     struct Outputs {
         bool console;
         bool file;
     };
-    /// Which outputs have not been given up. After end().
+    /// Which outputs have not been given up. After stop().
     Outputs working() const;
 
     Counters counters() const;
@@ -169,6 +169,9 @@ private:
     Poco::AutoPtr<Poco::Channel> _successor;
     LineFormatter _directFormatter;
 };
+
+/// Those of the process's own pipeline; none in a forked child.
+LogPipeline::Counters logCounters();
 
 /// The channel at the library's POCO logger.
 class PipelineChannel : public Poco::Channel {

@@ -8,14 +8,18 @@
 #include <atomic>
 
 #include "../process/NeverDestroyed.h"
+#include "../process/PublishedText.h"
 
 namespace kel {
 
 namespace {
 
-std::atomic<bool> ended{false};
-// Earlier names are never freed, because somebody may still read them. There is one in practice.
-std::atomic<const std::string*> currentName{nullptr};
+std::atomic<bool> stopped{false};
+
+PublishedText& publishedName() {
+    static NeverDestroyed<PublishedText> name;
+    return *name;
+}
 
 bool isControl(unsigned char c) {
     return c < 0x20 || c == 0x7F;
@@ -49,7 +53,7 @@ std::string escapeOf(unsigned char c) {
 
 void write(const char* file, int line, Poco::Message::Priority priority,
            const std::string& text) noexcept {
-    if (ended) return;
+    if (stopped) return;
     try {
         Poco::Logger& logger = Poco::Logger::get(loggerName());
         if (logger.getLevel() < priority) return;
@@ -77,12 +81,16 @@ void UnitLog::error(const std::exception& exc, int line) const noexcept {
     }
 }
 
+void UnitLog::warning(const std::string& text, int line) const noexcept {
+    write(_sourceFile, line, Poco::Message::PRIO_WARNING, text);
+}
+
 void UnitLog::information(const std::string& text, int line) const noexcept {
     write(_sourceFile, line, Poco::Message::PRIO_INFORMATION, text);
 }
 
 bool UnitLog::informationEnabled() const noexcept {
-    if (ended) return false;
+    if (stopped) return false;
     try {
         return Poco::Logger::get(loggerName()).information();
     } catch (...) {
@@ -91,13 +99,11 @@ bool UnitLog::informationEnabled() const noexcept {
 }
 
 const std::string& loggerName() noexcept {
-    static NeverDestroyed<std::string> none;
-    const std::string* name = currentName;
-    return name ? *name : *none;
+    return publishedName().get();
 }
 
 void setLoggerName(const std::string& name) {
-    if (loggerName() != name) currentName = new std::string(name);
+    publishedName().set(name);
 }
 
 std::string withoutControls(const std::string& text) {
@@ -116,8 +122,8 @@ std::string withoutControls(const std::string& text) {
     return escaped;
 }
 
-void endLogging() noexcept {
-    ended = true;
+void stopLogging() noexcept {
+    stopped = true;
 }
 
 std::string exceptionText(const std::exception& exc) {

@@ -15,6 +15,7 @@ public:
 
     void error(const std::string& text, int line = __builtin_LINE()) const noexcept;
     void error(const std::exception& exc, int line = __builtin_LINE()) const noexcept;
+    void warning(const std::string& text, int line = __builtin_LINE()) const noexcept;
     void information(const std::string& text, int line = __builtin_LINE()) const noexcept;
 
     /// Whether information() would write; saves building a long text.
@@ -32,9 +33,9 @@ void setLoggerName(const std::string& name);
 /// writes with two bytes are among them. A backslash stays as it is.
 std::string withoutControls(const std::string& text);
 
-/// Nothing is logged any more: POCO's own statics are about to go. Threads of the host may still
-/// be running, and calling.
-void endLogging() noexcept;
+/// From this call on nothing is logged, because POCO's own static objects are about to be destroyed
+/// while threads of the host may still be running and logging.
+void stopLogging() noexcept;
 
 /// displayText() of a POCO exception, what() of any other.
 std::string exceptionText(const std::exception& exc);

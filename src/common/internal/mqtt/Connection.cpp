@@ -45,6 +45,7 @@
 #include "../log/UnitLog.h"
 #include "../platform/Platform.h"
 #include "../process/NeverDestroyed.h"
+#include "BrokerHost.h"
 #include "ConnectTurn.h"
 #include "Dispatcher.h"
 #include "Messaging.h"
@@ -63,6 +64,10 @@ constexpr UnitLog log("src/common/MqttClient++");
 constexpr int kDisconnectTimeoutMs = 2000;
 constexpr auto kUnsure = std::chrono::seconds(1);
 constexpr auto kLookAgain = std::chrono::milliseconds(100);
+// The library waits 0.4 s for the receive thread that it begins.
+constexpr auto kThreadTooLate = std::chrono::milliseconds(350);
+constexpr auto kThreadSurelyRuns = std::chrono::milliseconds(1500);
+constexpr auto kPatienceWithPort = std::chrono::seconds(3);
 constexpr auto kPatienceAfterStop = std::chrono::seconds(3);
 
 // What msgarrvd tells the library.
@@ -154,6 +159,7 @@ namespace {
 struct Outgoing {
     void* connection;
     unsigned session;
+    const std::shared_ptr<Receipt>* receipt;
 };
 thread_local Outgoing outgoing{};
 
@@ -215,7 +221,7 @@ struct Connection::Hooks {
             connection.queued(copyOf(count, buffers, lengths));
         } else if (name.starts_with("s-") && outgoing.connection == &connection) {
             // Only the first time; the library's retry comes here too, on its own thread.
-            connection._window.sent(outgoing.session, std::atoi(key + 2));
+            connection._window.sent(outgoing.session, std::atoi(key + 2), *outgoing.receipt);
             outgoing.connection = nullptr;
         }
         return 0;
@@ -311,6 +317,7 @@ void Connection::close() {
 
 void Connection::silence() {
     _window.close();
+    _window.abandon();
     _up = false;
     const std::lock_guard<std::mutex> lock(_mutex);
     _events.reset();
@@ -357,7 +364,7 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
     if (!call) return MQTTCLIENT_DISCONNECTED;
     // A second connect on a connected handle would leave the first connection's socket behind.
     leaveSession();
-    MQTTClient_connectOptions form = libraryOptions(options);
+    LibraryOptions form(options);
     const std::lock_guard<std::mutex> answer(_answerMutex);
     {
         const std::lock_guard<std::mutex> lock(_mutex);
@@ -365,7 +372,7 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
         _connecting = std::this_thread::get_id();
         _lostElsewhere = false;
     }
-    const int rc = MQTTClient_connect(_handle, &form);
+    const int rc = tryVersions(*form.get(), options.address);
     if (rc == 0) {
         logExceptions(log, [&] { platform::sendAtOnceTo(portOfServerUri(options.address)); });
     }
@@ -375,6 +382,33 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
         _window.open();
         _up = true;
     }
+    return rc;
+}
+
+// MQTT 3.1.1, else 3.1. The library's default does the same, but makes the second attempt at once,
+// also where the first failed because the receive thread did not begin in time: it begins another
+// one then, and the two free each other's messages.
+int Connection::tryVersions(MQTTClient_connectOptions& form, const std::string& address) {
+    if (platform::kRefusedConnectIsSlow && brokerPortRefuses(address, kPatienceWithPort)) {
+        return MQTTCLIENT_FAILURE;
+    }
+    const auto begin = Clock::now();
+    const auto deadline = begin + std::chrono::seconds(form.connectTimeout);
+    form.MQTTVersion = MQTTVERSION_3_1_1;
+    int rc = MQTTClient_connect(_handle, &form);
+    const bool lateThread = Clock::now() - begin > kThreadTooLate;
+    if (rc == MQTTCLIENT_FAILURE && lateThread && Clock::now() < begin + kThreadSurelyRuns) {
+        std::this_thread::sleep_until(begin + kThreadSurelyRuns);
+        rc = MQTTClient_connect(_handle, &form);
+    }
+    const auto left = std::chrono::floor<std::chrono::seconds>(deadline - Clock::now());
+    if (rc != 0 && left.count() > 0) {
+        form.MQTTVersion = MQTTVERSION_3_1;
+        form.connectTimeout = static_cast<int>(left.count());
+        rc = MQTTClient_connect(_handle, &form);
+    }
+    // Ends the receive thread where it has nothing to do any more.
+    if (rc != 0) MQTTClient_disconnect(_handle, 0);
     return rc;
 }
 
@@ -403,8 +437,21 @@ int Connection::disconnect() {
 
 // ---- Calls in a session -------------------------------------------------------------------------
 
-int Connection::publish(const std::string& payload, const std::string& topic, int qos,
-                        int retained) {
+int Connection::publishAndWait(const std::string& payload, const std::string& topic, int qos,
+                               int retained, Receipt::Clock::time_point deadline,
+                               Receipt::Fate& fate) {
+    const auto receipt = std::make_shared<Receipt>();
+    const int rc = publish(payload, topic, qos, retained, receipt, deadline);
+    if (qos == 0) receipt->settle(Receipt::Fate::kConfirmed);
+    if (rc != 0) return rc;
+    const Dispatcher::WaitsForBroker wait;
+    fate = receipt->await(deadline, wait.giveUp());
+    return rc;
+}
+
+int Connection::publish(const std::string& payload, const std::string& topic, int qos, int retained,
+                        const std::shared_ptr<Receipt>& receipt,
+                        Receipt::Clock::time_point deadline) {
     // The library would wait for its receive thread in there.
     if (inDeliveryCallback) return MQTTCLIENT_MAX_MESSAGES_INFLIGHT;
     const int unfit = checkMessage(payload, topic, qos);
@@ -421,11 +468,15 @@ int Connection::publish(const std::string& payload, const std::string& topic, in
         return MQTTClient_publishMessage(_handle, topic.c_str(), &message, nullptr);
     }
     const Dispatcher::WaitsForBroker wait;
-    const auto session = _window.take(wait.giveUp());
+    InFlightWindow::GiveUp giveUp = wait.giveUp();
+    if (receipt) {
+        giveUp = [&] { return Clock::now() > deadline || (wait.giveUp() && wait.giveUp()()); };
+    }
+    const auto session = _window.take(giveUp);
     if (!session) {
         return _window.isOpen() ? MQTTCLIENT_MAX_MESSAGES_INFLIGHT : MQTTCLIENT_DISCONNECTED;
     }
-    outgoing = {this, *session};
+    outgoing = {this, *session, &receipt};
     // Asked for the token, the library reads it after the acknowledgement may have freed it.
     const int rc = MQTTClient_publishMessage(_handle, topic.c_str(), &message, nullptr);
     const bool sent = outgoing.connection == nullptr;
@@ -529,6 +580,7 @@ void Connection::cleared() {
         events = _events.lock();
     }
     _window.close();
+    _window.abandon();
     for (Message& message : left) {
         if (!events || !message.payload) continue;
         logExceptions(log, [&] { events->messageArrived(std::move(message), false); });
@@ -537,6 +589,7 @@ void Connection::cleared() {
 
 void Connection::lost(const std::string& cause) {
     _window.close();
+    _window.abandon();
     std::shared_ptr<ConnectionEvents> told;
     {
         const std::lock_guard<std::mutex> lock(_mutex);

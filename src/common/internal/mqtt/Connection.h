@@ -15,6 +15,7 @@
 #include "ConnectOptions.h"
 #include "InFlightWindow.h"
 #include "Message.h"
+#include "Receipt.h"
 
 namespace kel {
 
@@ -67,7 +68,14 @@ public:
     bool isUp() const { return _up; }
 
     /// At QoS 1 and 2 waits for a place in the window. The library's code, 0 for success.
-    int publish(const std::string& payload, const std::string& topic, int qos, int retained);
+    int publish(const std::string& payload, const std::string& topic, int qos, int retained) {
+        return publish(payload, topic, qos, retained, nullptr, {});
+    }
+
+    /// As above, and waits for the confirmation; neither wait is longer than until `deadline`.
+    /// @param fate  what has become of the message where the code is 0; kConfirmed at QoS 0.
+    int publishAndWait(const std::string& payload, const std::string& topic, int qos, int retained,
+                       Receipt::Clock::time_point deadline, Receipt::Fate& fate);
 
     /// Subscribes all of them in one packet and waits for the answer. @return the library's code,
     /// and in `qos` what the broker granted, 128 for a refusal.
@@ -88,7 +96,10 @@ private:
 
     Connection() = default;
 
+    int publish(const std::string& payload, const std::string& topic, int qos, int retained,
+                const std::shared_ptr<Receipt>& receipt, Receipt::Clock::time_point deadline);
     void setCallbacks();
+    int tryVersions(MQTTClient_connectOptions& form, const std::string& address);
     void silence();
     std::shared_ptr<ConnectionEvents> events() const;
     int endSession();

@@ -46,6 +46,7 @@ void Dispatcher::append(std::shared_ptr<Item> item) {
     _bytes += item->bytes();
     _queue.push_back(std::move(item));
     _highWater = std::max(_highWater, _queue.size());
+    _bytesHighWater = std::max(_bytesHighWater, _bytes);
     if (!_busy) _filled.notify_one();
 }
 
@@ -100,6 +101,11 @@ std::size_t Dispatcher::depth() const {
 std::size_t Dispatcher::highWater() const {
     const std::lock_guard<std::mutex> lock(_mutex);
     return _highWater;
+}
+
+std::size_t Dispatcher::bytesHighWater() const {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    return _bytesHighWater;
 }
 
 bool Dispatcher::isFull() const {

@@ -68,7 +68,8 @@ public:
     void stop();
 
     std::size_t depth() const;
-    std::size_t highWater() const;
+    std::size_t highWater() const;       // the most messages there have been
+    std::size_t bytesHighWater() const;  // the most bytes
     bool isFull() const;
 
 private:
@@ -84,6 +85,7 @@ private:
     std::deque<std::shared_ptr<Item>> _queue;
     std::size_t _bytes = 0;
     std::size_t _highWater = 0;
+    std::size_t _bytesHighWater = 0;
     bool _busy = false;
     bool _waitsForBroker = false;
     bool _stopped = false;

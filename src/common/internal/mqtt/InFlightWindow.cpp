@@ -1,6 +1,7 @@
 #include "InFlightWindow.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace kel {
 
@@ -13,6 +14,7 @@ constexpr auto kAskAgain = std::chrono::milliseconds(100);
 }  // namespace
 
 void InFlightWindow::open() {
+    abandon();
     const std::lock_guard<std::mutex> lock(_mutex);
     ++_session;
     _open = true;
@@ -26,6 +28,14 @@ void InFlightWindow::close() {
     _open = false;
     _changed.notify_all();
     acknowledged();
+}
+
+void InFlightWindow::abandon() {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    for (Sent& message : _messages) {
+        if (message.receipt) message.receipt->settle(Receipt::Fate::kSessionLost);
+        message.receipt.reset();
+    }
 }
 
 std::optional<InFlightWindow::Session> InFlightWindow::take(const GiveUp& giveUp) {
@@ -45,11 +55,11 @@ std::optional<InFlightWindow::Session> InFlightWindow::take(const GiveUp& giveUp
     return session;
 }
 
-void InFlightWindow::sent(Session session, int token) {
+void InFlightWindow::sent(Session session, int token, std::shared_ptr<Receipt> receipt) {
     const std::lock_guard<std::mutex> lock(_mutex);
     if (session == _session && _taken > 0) --_taken;
-    if (_sent < static_cast<int>(_tokens.size()))
-        _tokens[static_cast<std::size_t>(_sent++)] = token;
+    if (_sent < static_cast<int>(_messages.size()))
+        _messages[static_cast<std::size_t>(_sent++)] = {token, std::move(receipt)};
 }
 
 void InFlightWindow::giveBack(Session session) {
@@ -60,14 +70,20 @@ void InFlightWindow::giveBack(Session session) {
 }
 
 bool InFlightWindow::delivered(int token) {
-    const std::lock_guard<std::mutex> lock(_mutex);
-    const auto end = _tokens.begin() + _sent;
-    const auto found = std::find(_tokens.begin(), end, token);
-    if (found == end) return false;
-    *found = *(end - 1);
-    --_sent;
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        const auto end = _messages.begin() + _sent;
+        const auto found = std::find_if(_messages.begin(), end,
+                                        [token](const Sent& sent) { return sent.token == token; });
+        if (found == end) return false;
+        if (found->receipt) found->receipt->settle(Receipt::Fate::kConfirmed);
+        std::swap(*found, *(end - 1));
+        (end - 1)->receipt.reset();
+        --_sent;
+        acknowledged();
+    }
+    // Without the lock, for which a publisher that wakes up would wait at once.
     _changed.notify_one();
-    acknowledged();
     return true;
 }
 

@@ -4,8 +4,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
+
+#include "Receipt.h"
 
 namespace kel {
 
@@ -29,13 +32,17 @@ public:
     /// still be acknowledged.
     void close();
 
+    /// What is in flight will hardly be acknowledged any more: its receipts say so.
+    void abandon();
+
     /// Waits for a free place and takes it. Empty if there is no session, it ends meanwhile, or
     /// `giveUp`, which is asked ten times a second, says so.
     std::optional<Session> take(const GiveUp& giveUp = {});
 
     /// The message of a place that was taken in `session` goes out as `token`. It counts for the
     /// session that it goes out in, which may be a later one by now.
-    void sent(Session session, int token);
+    /// @param receipt  is told what becomes of the message; may be null.
+    void sent(Session session, int token, std::shared_ptr<Receipt> receipt = {});
 
     /// For a message at QoS 0, which takes no place: between two acknowledgements a few of them go
     /// out at once, a further one waits for the next acknowledgement, 10 ms at the longest.
@@ -53,6 +60,11 @@ public:
     bool isOpen() const;
 
 private:
+    struct Sent {
+        int token = 0;
+        std::shared_ptr<Receipt> receipt;
+    };
+
     int used() const { return _taken + _sent; }
     void acknowledged();
 
@@ -62,11 +74,11 @@ private:
     // Guarded by _mutex.
     Session _session = 0;
     bool _open = false;
-    int _taken = 0;                        // places whose message has not gone out yet
-    int _sent = 0;                         // places whose message has
-    int _atQos0 = 0;                       // messages since the last acknowledgement
-    int _paced = 0;                        // publishers that wait in pace()
-    std::array<int, 2 * kPlaces> _tokens;  // of the messages that have gone out
+    int _taken = 0;                           // places whose message has not gone out yet
+    int _sent = 0;                            // places whose message has
+    int _atQos0 = 0;                          // messages since the last acknowledgement
+    int _paced = 0;                           // publishers that wait in pace()
+    std::array<Sent, 2 * kPlaces> _messages;  // that have gone out
 };
 
 }  // namespace kel

@@ -112,23 +112,25 @@ MessagingCounters& messagingCounters() {
     return *instance;
 }
 
-MessagingStatistics messagingStatistics() {
+void Messaging::describe(MqttStatistics& numbers) const {
+    numbers.queue = {_dispatcher.depth(), _dispatcher.highWater()};
+    if (_handlers) numbers.handlers = _handlers->statistics();
+    if (_background) numbers.background = _background->statistics();
+}
+
+MqttStatistics mqttStatistics() {
     const MessagingCounters& counters = messagingCounters();
-    MessagingStatistics snapshot;
-    for (std::size_t qos = 0; qos < snapshot.received.size(); ++qos) {
-        snapshot.received[qos] = counters.received[qos];
-        snapshot.published[qos] = counters.published[qos];
+    MqttStatistics numbers;
+    for (std::size_t qos = 0; qos < numbers.received.size(); ++qos) {
+        numbers.received[qos] = counters.received[qos];
+        numbers.published[qos] = counters.published[qos];
     }
-    snapshot.confirmed = counters.confirmed;
-    snapshot.refusedPublishes = counters.refusedPublishes;
-    snapshot.handledInline = counters.handledInline;
-    snapshot.reconnections = counters.reconnections;
-    if (Messaging* running = Messaging::running()) {
-        snapshot.queued = running->dispatcher().depth();
-        snapshot.queuedHighWater = running->dispatcher().highWater();
-        snapshot.handling = running->handlers().pendingTasks();
-    }
-    return snapshot;
+    numbers.confirmed = counters.confirmed;
+    numbers.refused = counters.refusedPublishes;
+    numbers.handledInline = counters.handledInline;
+    numbers.reconnections = counters.reconnections;
+    if (const Messaging* running = Messaging::running()) running->describe(numbers);
+    return numbers;
 }
 
 }  // namespace kel

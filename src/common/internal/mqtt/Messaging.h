@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 
+#include "../../Statistics.h"
 #include "../../ThreadPool.h"
 #include "../process/StopSignal.h"
 #include "Dispatcher.h"
@@ -37,6 +38,9 @@ public:
     bool handle(std::function<void()>& task);
 
     Dispatcher& dispatcher() { return _dispatcher; }
+
+    /// Fills in the queue and the pools.
+    void describe(MqttStatistics& numbers) const;
 
     /// Runs `task` on a thread that may wait as long as it likes. What it throws is logged.
     /// @return false, with the task not run, after the stop.
@@ -74,19 +78,7 @@ struct MessagingCounters {
 
 MessagingCounters& messagingCounters();
 
-/// A snapshot of those figures and of the queues.
-struct MessagingStatistics {
-    std::array<std::uint64_t, 3> received{};
-    std::array<std::uint64_t, 3> published{};
-    std::uint64_t confirmed = 0;
-    std::uint64_t refusedPublishes = 0;
-    std::uint64_t handledInline = 0;
-    std::uint64_t reconnections = 0;
-    std::size_t queued = 0;           // messages in the dispatcher's queue
-    std::size_t queuedHighWater = 0;  // the most there have been since the last start
-    std::size_t handling = 0;         // tasks on the handlers' pool
-};
-
-MessagingStatistics messagingStatistics();
+/// A snapshot of those figures, of the queue and of the pools.
+MqttStatistics mqttStatistics();
 
 }  // namespace kel

@@ -46,6 +46,14 @@ std::uint16_t portOfServerUri(const std::string& text) {
     return given != 0 ? given : defaultPortOf(uri.getScheme());
 }
 
+std::string withoutCredentials(const std::string& text) {
+    const std::size_t scheme = text.find("://");
+    const std::size_t begin = scheme == std::string::npos ? 0 : scheme + 3;
+    const std::size_t at = text.rfind('@', text.find_first_of("/?#", begin));
+    if (at == std::string::npos || at < begin) return text;
+    return text.substr(0, begin) + text.substr(at + 1);
+}
+
 std::vector<Poco::Net::IPAddress> addressesOfHost(const std::string& host) {
     Poco::Net::IPAddress address;
     if (Poco::Net::IPAddress::tryParse(host, address)) return {address};

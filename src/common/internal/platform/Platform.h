@@ -131,8 +131,20 @@ bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& r
 /// library that gives no access to its socket. Does nothing on Windows; failures are ignored.
 void sendAtOnceTo(std::uint16_t port);
 
+/// Whether a library that waits for a non-blocking connect to become writable learns of a refusal
+/// only by its time-out, as on Windows, where select() reports a refusal as an exception.
+extern const bool kRefusedConnectIsSlow;
+
 /// Whether a static destructor may join threads. Not on Windows, where it runs under the loader
 /// lock, which an ending thread needs.
 bool canJoinAtExit() noexcept;
+
+/// Keeps requests to end the process, by signal or by console event, for
+/// waitForTerminationRequest() instead of letting them end it. Repeatable.
+/// @throws std::system_error  the system refuses.
+void catchTerminationRequests();
+
+/// Waits for such a request; catchTerminationRequests() comes first.
+void waitForTerminationRequest();
 
 }  // namespace kel::platform

@@ -9,6 +9,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/random.h>
@@ -227,6 +228,20 @@ bool isNumber(const std::string& text) {
            std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
+// A semaphore is among the few things that a signal handler may touch. Initialised before the
+// handler is installed.
+sem_t terminationRequests;
+
+void onTerminationSignal(int) {
+    const int error = errno;
+    ::sem_post(&terminationRequests);
+    errno = error;
+}
+
+void check(int result, const char* call) {
+    if (result != 0) throw std::system_error(errno, std::generic_category(), call);
+}
+
 // Sends and receives ICMP, through a raw socket or else through the kind that the kernel lends to
 // processes without the right to one. That kind sets identifier and checksum by itself, and its
 // packets come without their IP header.
@@ -260,7 +275,9 @@ public:
         const ssize_t size = ::recv(_fd, packet.data(), packet.size(), MSG_DONTWAIT);
         packet.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
         const std::size_t header = _raw && !packet.empty() ? 4u * (packet[0] & 0x0F) : 0;
-        packet.erase(packet.begin(), packet.begin() + std::min(header, packet.size()));
+        const auto body =
+            packet.begin() + static_cast<std::ptrdiff_t>(std::min(header, packet.size()));
+        packet.erase(packet.begin(), body);
         return packet;
     }
 
@@ -487,8 +504,27 @@ void sendAtOnceTo(std::uint16_t port) {
     }
 }
 
+const bool kRefusedConnectIsSlow = false;
+
 bool canJoinAtExit() noexcept {
     return true;
+}
+
+// A handler and no blocked signals: those would be inherited by every program that the host starts.
+void catchTerminationRequests() {
+    static const int initialised = ::sem_init(&terminationRequests, 0, 0);
+    check(initialised, "sem_init");
+    struct sigaction action {};
+    action.sa_handler = onTerminationSignal;
+    action.sa_flags = SA_RESTART;
+    for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {
+        check(::sigaction(signal, &action, nullptr), "sigaction");
+    }
+}
+
+void waitForTerminationRequest() {
+    while (::sem_wait(&terminationRequests) != 0 && errno == EINTR) {
+    }
 }
 
 }  // namespace kel::platform

@@ -187,6 +187,19 @@ bool renameOver(const std::wstring& from, const std::wstring& to) {
     });
 }
 
+HANDLE terminationRequest() {
+    static const HANDLE event = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    return event;
+}
+
+// The system ends the process as soon as the handler of a closing console, a log-off or a shutdown
+// returns, and in any case after some seconds. Until then the host has time for its own end.
+BOOL WINAPI onConsoleEvent(DWORD event) {
+    ::SetEvent(terminationRequest());
+    if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) ::Sleep(60000);
+    return TRUE;
+}
+
 // The system's own ping, which takes no administrator, unlike a raw socket.
 class EchoService {
 public:
@@ -412,8 +425,27 @@ bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& r
 
 void sendAtOnceTo(std::uint16_t) {}
 
+const bool kRefusedConnectIsSlow = true;
+
 bool canJoinAtExit() noexcept {
     return false;
+}
+
+void catchTerminationRequests() {
+    static const bool installed = [] {
+        const bool done =
+            terminationRequest() && ::SetConsoleCtrlHandler(onConsoleEvent, TRUE) != 0;
+        if (!done) {
+            throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(),
+                                    "SetConsoleCtrlHandler");
+        }
+        return done;
+    }();
+    static_cast<void>(installed);
+}
+
+void waitForTerminationRequest() {
+    ::WaitForSingleObject(terminationRequest(), INFINITE);
 }
 
 }  // namespace kel::platform

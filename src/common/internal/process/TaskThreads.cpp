@@ -112,7 +112,7 @@ TaskThreads::WorkerPtr TaskThreads::call(int stackSize) {
         startWorker(stackSize);
         return nullptr;
     }
-    const WorkerPtr worker = std::move(_idle.back());
+    WorkerPtr worker = std::move(_idle.back());
     _idle.pop_back();
     worker->called = true;
     ++_coming;

@@ -1,0 +1,238 @@
+// Requests per second: a JSON route and the reply to an unknown path beside a bare POCO server with
+// the same reply and headers, asked by wrk over kept connections; and asynchronous GETs beside
+// sessions made by hand.
+
+#include <Poco/Exception.h>
+#include <Poco/JSON/Object.h>
+#include <Poco/Net/HTTPClientSession.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPRequestHandler.h>
+#include <Poco/Net/HTTPRequestHandlerFactory.h>
+#include <Poco/Net/HTTPResponse.h>
+#include <Poco/Net/HTTPServer.h>
+#include <Poco/Net/HTTPServerParams.h>
+#include <Poco/Net/HTTPServerRequest.h>
+#include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/NullStream.h>
+#include <Poco/PipeStream.h>
+#include <Poco/Process.h>
+#include <Poco/StreamCopier.h>
+#include <Poco/ThreadPool.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "Await.h"
+#include "Rounds.h"
+#include "common/HttpClient.h"
+#include "common/ThreadPool.h"
+#include "common/WebApiBasic.h"
+
+namespace {
+
+using Poco::Net::HTTPRequest;
+using Poco::Net::HTTPResponse;
+using Poco::Net::HTTPServerRequest;
+using Poco::Net::HTTPServerResponse;
+using Poco::Net::ServerSocket;
+
+constexpr int kGets = 4'000;
+constexpr int kClients = 8;
+const std::string kNotFound = R"({"code": -1, "msg": "api not found"})";
+
+ServerSocket listener() {
+    return ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0));
+}
+
+std::string urlOf(const ServerSocket& socket, const std::string& path) {
+    return "http://" + socket.address().toString() + path;
+}
+
+void fill(Poco::JSON::Object& result) {
+    result.set("code", 0);
+    result.set("msg", "success");
+    result.set("n", 42);
+}
+
+// What a host would write without the library.
+class BareHandler : public Poco::Net::HTTPRequestHandler {
+public:
+    void handleRequest(HTTPServerRequest& request, HTTPServerResponse& response) override {
+        if (request.getURI() != "/json") {
+            response.setContentLength64(static_cast<Poco::Int64>(kNotFound.size()));
+            response.send() << kNotFound;
+            return;
+        }
+        response.setChunkedTransferEncoding(true);
+        response.setContentType("application/json");
+        Poco::JSON::Object result;
+        fill(result);
+        result.stringify(response.send(), 0, -1);
+    }
+};
+
+class BareFactory : public Poco::Net::HTTPRequestHandlerFactory {
+public:
+    Poco::Net::HTTPRequestHandler* createRequestHandler(const HTTPServerRequest&) override {
+        return new BareHandler;
+    }
+};
+
+// Both serve 16 connections at a time, as by default; further ones wait.
+class BareServer {
+public:
+    BareServer() : _server(new BareFactory, _pool, socket, new Poco::Net::HTTPServerParams) {
+        _server.start();
+    }
+    ~BareServer() { _server.stopAll(true); }
+
+    const ServerSocket socket = listener();
+
+private:
+    Poco::ThreadPool _pool;
+    Poco::Net::HTTPServer _server;
+};
+
+class OurServer {
+public:
+    OurServer() {
+        _api->apiRegist("/json", [](auto&, auto&, auto&, auto& result) { fill(result); });
+        _api->start(socket);
+    }
+    ~OurServer() { _api->stop(); }
+
+    const ServerSocket socket = listener();
+
+private:
+    const std::shared_ptr<kel::WebApiBasic> _api = kel::WebApiBasic::instance();
+};
+
+// Status, fields and body; the date is cut out.
+std::string replyOf(const ServerSocket& socket, const std::string& path) {
+    Poco::Net::HTTPClientSession session(socket.address());
+    session.setKeepAlive(true);
+    HTTPRequest request(HTTPRequest::HTTP_GET, path, HTTPRequest::HTTP_1_1);
+    session.sendRequest(request);
+    HTTPResponse response;
+    std::string body;
+    Poco::StreamCopier::copyToString(session.receiveResponse(response), body);
+    std::ostringstream whole;
+    response.set("Date", "");
+    response.write(whole);
+    return whole.str() + body;
+}
+
+double numberAfter(const std::string& text, const std::string& label) {
+    const auto at = text.find(label);
+    return at == std::string::npos ? 0 : std::stod(text.substr(at + label.size()));
+}
+
+// wrk counts those that never got a thread as time-outs; all else is a wrong result.
+double requestsPerSecond(const std::string& url, int connections) {
+    Poco::Pipe out;
+    const auto wrk = Poco::Process::launch(
+        "wrk", {"-t1", "-d2s", "-c" + std::to_string(connections), url}, nullptr, &out, nullptr);
+    Poco::PipeInputStream lines(out);
+    std::string report;
+    Poco::StreamCopier::copyToString(lines, report);
+    bench::check(wrk.wait() == 0, "wrk has failed: " + report);
+    bench::check(report.find("Non-2xx") == std::string::npos, report);
+    const double rate = numberAfter(report, "Requests/sec:");
+    bench::check(rate > 0, "no replies: " + report);
+    return rate;
+}
+
+void serve(const bench::Rounds& rounds) {
+    OurServer ours;
+    BareServer bare;
+    for (const auto& [path, title] : {std::pair<std::string, std::string>{"/json", "JSON route"},
+                                      {"/unknown", "unknown path"}}) {
+        bench::check(replyOf(ours.socket, path) == replyOf(bare.socket, path),
+                     "the replies differ: " + replyOf(ours.socket, path));
+        for (const int connections : {1, 8, 64}) {
+            const auto ask = [connections](const std::string& url) {
+                return bench::Job(
+                    [=] { return std::vector<double>{requestsPerSecond(url, connections)}; });
+            };
+            rounds.contest(title + ", " + std::to_string(connections) + " connections",
+                           {"requests/s"}, ask(urlOf(ours.socket, path)),
+                           {{"POCO's HTTPServer", ask(urlOf(bare.socket, path)), 1.0}});
+        }
+    }
+}
+
+// As HttpClient does it: a connection for each, with the same time-outs.
+bool getByHand(const Poco::Net::SocketAddress& address) {
+    Poco::Net::HTTPClientSession session(address);
+    session.setTimeout(Poco::Timespan(2, 0), Poco::Timespan(10, 0), Poco::Timespan(10, 0));
+    HTTPRequest request(HTTPRequest::HTTP_GET, "/json", HTTPRequest::HTTP_1_1);
+    session.sendRequest(request);
+    HTTPResponse response;
+    Poco::NullOutputStream none;
+    Poco::StreamCopier::copyStream(session.receiveResponse(response), none);
+    return response.getStatus() == HTTPResponse::HTTP_OK;
+}
+
+// `getOne` takes the counter of those that succeeded, and may return before it is raised. No more
+// than kClients are under way at a time.
+template <typename GetOne>
+std::vector<double> getsPerSecond(GetOne&& getOne) {
+    std::atomic<int> begun{0}, succeeded{0};
+    const auto begin = std::chrono::steady_clock::now();
+    getOne(begun, succeeded);
+    bench::check(await([&] { return succeeded == kGets; }), "not every request has succeeded");
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+    return {kGets / took.count()};
+}
+
+std::vector<double> getByClient(const std::string& url) {
+    return getsPerSecond([&](std::atomic<int>& begun, std::atomic<int>& succeeded) {
+        const auto client = kel::HttpClient::defaultHttpClient();
+        while (begun < kGets) {
+            if (begun - succeeded >= kClients) {
+                std::this_thread::yield();
+                continue;
+            }
+            ++begun;
+            client->doHttpRequest(url, [&](auto status, std::istream& body) {
+                Poco::NullOutputStream none;
+                Poco::StreamCopier::copyStream(body, none);
+                succeeded += status == HTTPResponse::HTTP_OK;
+            });
+        }
+    });
+}
+
+std::vector<double> getBySessions(const Poco::Net::SocketAddress& address) {
+    return getsPerSecond([&](std::atomic<int>& begun, std::atomic<int>& succeeded) {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < kClients; ++i) {
+            threads.emplace_back([&] {
+                while (begun++ < kGets) succeeded += getByHand(address);
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+    });
+}
+
+void request(const bench::Rounds& rounds) {
+    BareServer server;
+    const auto address = server.socket.address();
+    rounds.contest(
+        "GETs, 8 at a time, a connection each", {"requests/s"},
+        [&] { return getByClient(urlOf(server.socket, "/json")); },
+        {{"HTTPClientSession on 8 threads", [&] { return getBySessions(address); }, 1.0}});
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return bench::run(argc, argv, [](const bench::Rounds& rounds) {
+        rounds.table("HTTP", "Loopback; replies by `wrk` with one thread, for 2 s a round.");
+        serve(rounds);
+        request(rounds);
+    });
+}

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <Poco/JSON/Object.h>
+
+#include <string>
+#include <vector>
+
+#include "Metrics.h"
+#include "Traffic.h"
+
+namespace status_page {
+
+/// What the page shows and what it can do: the one thing that a process implements to have it.
+/// Threads: all operations are called from any thread, several at a time.
+class Host {
+public:
+    virtual ~Host() = default;
+
+    /// Strings that say which process this is: "name", "version", "role", "clientId" and
+    /// "testTopic", the topic that the page's form proposes.
+    virtual Poco::JSON::Object::Ptr description() const = 0;
+
+    /// The broker connection: "address" (without secrets), "connected", "losses", "accepted" (an
+    /// array by QoS), "confirmed" and "refused".
+    virtual Poco::JSON::Object::Ptr connection() const = 0;
+
+    /// Whatever else the process counts: names and numbers.
+    virtual Poco::JSON::Object::Ptr counters() const = 0;
+
+    /// What came and went on the bus.
+    virtual const Traffic& traffic() const = 0;
+
+    /// The process's numbers for "/metrics"; their names begin with the process's own.
+    virtual std::vector<Metric> metrics() const = 0;
+
+    /// Publishes. May wait for the broker, and is called on one thread only, which is not a web
+    /// thread; it must return once the connection has been closed.
+    /// @return whether the message was accepted.
+    virtual bool publish(const std::string& text, const std::string& topic, int qos) = 0;
+};
+
+}  // namespace status_page

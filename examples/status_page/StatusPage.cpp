@@ -1,0 +1,514 @@
+// StatusPage.cpp - requests run on threads of the web server, several at a time, and may go on
+// after stop(): every handler holds the page weakly and sends nothing once it has gone. No handler
+// waits for the broker: what is to be published is put into a queue.
+//
+// What a request has to show stands in one place, whyRefused(). It is asked before the body is
+// read, so that whoever has no key cannot have one parsed.
+
+#include "StatusPage.h"
+
+#include <Poco/File.h>
+#include <Poco/Format.h>
+#include <Poco/Logger.h>
+#include <Poco/Net/IPAddress.h>
+#include <Poco/Net/MediaType.h>
+#include <Poco/Net/NetException.h>
+#include <Poco/Net/StreamSocket.h>
+#include <Poco/NumberParser.h>
+#include <Poco/StreamCopier.h>
+#include <Poco/String.h>
+#include <Poco/StringTokenizer.h>
+#include <common/Logger.h>
+#include <common/ThreadPool.h>
+#include <common/Tls.h>
+#include <common/Utils.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "LogTail.h"
+#include "PageFiles.h"
+#include "Text.h"
+
+namespace status_page {
+
+namespace {
+
+using Poco::JSON::Object;
+using Poco::Net::HTTPRequest;
+using Poco::Net::HTTPResponse;
+using Poco::Net::HTTPServerRequest;
+using Poco::Net::HTTPServerResponse;
+using Poco::Net::ServerSocket;
+using Poco::Net::SocketAddress;
+
+const std::string kApi = "/index/api/";
+constexpr std::size_t kReports = 10;
+constexpr std::size_t kLineLimit = 1000;  // bytes shown of a line
+constexpr std::streamsize kLongestBody = 256 * 1024;
+
+// --- Listening ---------------------------------------------------------------------------------
+
+bool answers(const SocketAddress& address) {
+    try {
+        const bool everywhere = address.host().isWildcard();
+        const Poco::Timespan limit(1, 0);
+        Poco::Net::StreamSocket().connect(
+            everywhere ? SocketAddress("127.0.0.1", address.port()) : address, limit);
+        return true;
+    } catch (const Poco::Exception&) {
+        return false;
+    }
+}
+
+// The port of a host that has just ended can be had at once only by reusing its address. On some
+// systems that would share the port of one that runs: hence the question.
+void expectFree(const SocketAddress& address) {
+    if (address.port() != 0 && answers(address)) {
+        throw Poco::Net::NetException("Address already in use", address.toString());
+    }
+}
+
+// Whoever listens in on a network would learn the key.
+void expectPrivate(const SocketAddress& address, bool openToNetwork) {
+    if (address.host().isLoopback() || openToNetwork) return;
+    throw Poco::InvalidAccessException(
+        Poco::format("the web API would be open to the network without TLS at %s (setting "
+                     "http.address): set http.openToNetwork to true if that is wanted, or provide "
+                     "the certificate %s",
+                     address.host().toString(), kel::serverCertificateFile()));
+}
+
+ServerSocket listenInTheClear(const SocketAddress& address) {
+    expectFree(address);
+    ServerSocket socket;
+    socket.bind(address, true, false);
+    socket.listen();
+    return socket;
+}
+
+ServerSocket listenOverTls(const SocketAddress& address) {
+    expectFree(address);
+    return kel::secureServerSocket(address);
+}
+
+// The library's defaults name a certificate that most machines do not have.
+bool hasCertificate() {
+    const std::string file = kel::serverCertificateFile();
+    return !file.empty() && Poco::File(file).exists();
+}
+
+// --- Replies -----------------------------------------------------------------------------------
+
+void send(HTTPServerResponse& response, const std::string& type, const std::string& text) {
+    response.setContentType(type);
+    response.sendBuffer(text.data(), text.size());
+}
+
+void sendJson(HTTPServerResponse& response, const Object& object) {
+    std::ostringstream text;
+    object.stringify(text);
+    send(response, "application/json", text.str());
+}
+
+void answer(HTTPServerResponse& response, HTTPResponse::HTTPStatus status, int code,
+            const std::string& message) {
+    Object result;
+    result.set("code", code);
+    result.set("msg", message);
+    response.setStatusAndReason(status);
+    sendJson(response, result);
+}
+
+void refuse(HTTPServerResponse& response, HTTPResponse::HTTPStatus status,
+            const std::string& reason) {
+    if (status == HTTPResponse::HTTP_UNAUTHORIZED) response.set("WWW-Authenticate", "Bearer");
+    answer(response, status, -1, reason);
+}
+
+// No answer of this host is kept, framed, or taken for something else by a browser.
+void setProtection(HTTPServerResponse& response) {
+    response.set("Cache-Control", "no-store");
+    response.set("Cross-Origin-Opener-Policy", "same-origin");
+    response.set("Cross-Origin-Resource-Policy", "same-origin");
+    response.set("Referrer-Policy", "no-referrer");
+    response.set("X-Content-Type-Options", "nosniff");
+    response.set("Content-Security-Policy",
+                 "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; "
+                 "img-src data:; base-uri 'none'; form-action 'none'; frame-ancestors 'none'; "
+                 "require-trusted-types-for 'script'");
+}
+
+// --- Requests ----------------------------------------------------------------------------------
+
+std::size_t numberIn(const kel::WebApiBasic::ApiParams& params, const std::string& name,
+                     unsigned fallback, unsigned most) {
+    const auto found = params.find(name);
+    unsigned number = 0;
+    if (found == params.end() || !Poco::NumberParser::tryParseUnsigned(found->second, number)) {
+        return fallback;
+    }
+    return std::min(number, most);
+}
+
+bool isMethod(const HTTPServerRequest& request, const std::string& method) {
+    return request.getMethod() == method ||
+           (method == HTTPRequest::HTTP_GET && request.getMethod() == HTTPRequest::HTTP_HEAD);
+}
+
+bool isTopic(const std::string& topic) {
+    return !topic.empty() && topic.size() <= 0xFFFF &&
+           topic.find_first_of(std::string("#+\0", 3)) == std::string::npos;
+}
+
+const char* whyUnusable(const Object& body) {
+    const int qos = body.optValue("qos", 1);
+    if (!isTopic(body.optValue<std::string>("topic", ""))) return "no \"topic\" to publish to";
+    if (body.getObject("message").isNull()) return "\"message\" is no JSON object";
+    if (qos < 0 || qos > 2) return "\"qos\" is none of 0, 1 and 2";
+    return nullptr;
+}
+
+std::optional<Access::Refusal> whyBodyUnusable(const HTTPServerRequest& request) {
+    using Refusal = Access::Refusal;
+    if (!Poco::Net::MediaType(request.getContentType()).matches("application", "json")) {
+        return Refusal{HTTPResponse::HTTP_UNSUPPORTED_MEDIA_TYPE, "only as application/json"};
+    }
+    if (!request.hasContentLength()) {
+        return Refusal{HTTPResponse::HTTP_LENGTH_REQUIRED, "only with a Content-Length"};
+    }
+    if (request.getContentLength() > kLongestBody) {
+        return Refusal{HTTPResponse::HTTP_REQUEST_ENTITY_TOO_LARGE, "at most 256 KiB"};
+    }
+    return std::nullopt;
+}
+
+Object::Ptr poolState() {
+    kel::ThreadPool& pool = kel::ThreadPool::defaultPool();
+    Object::Ptr state(new Object);
+    state->set("pendingTasks", pool.pendingTasks());
+    state->set("threads", pool.allocated());
+    state->set("capacity", pool.capacity());
+    return state;
+}
+
+Object::Ptr serverState(const kel::HttpStatistics& server) {
+    Object::Ptr state(new Object);
+    state->set("connections", server.connections);
+    state->set("queued", server.queued);
+    state->set("refused", server.refused);
+    state->set("requests", server.requests);
+    state->set("status2xx", server.status2xx);
+    state->set("status3xx", server.status3xx);
+    state->set("status4xx", server.status4xx);
+    state->set("status5xx", server.status5xx);
+    return state;
+}
+
+// The same as "/metrics" has of the library, for the page.
+Poco::JSON::Array::Ptr libraryState() {
+    Poco::JSON::Array::Ptr state(new Poco::JSON::Array);
+    for (const Metric& metric : libraryMetrics()) {
+        Object::Ptr number(new Object);
+        number->set("name", metric.name + labelsText(metric.labels));
+        number->set("value", metric.value);
+        state->add(number);
+    }
+    return state;
+}
+
+std::vector<std::string> namesIn(const std::string& list) {
+    using Poco::StringTokenizer;
+    const StringTokenizer names(Poco::toLower(list), ",",
+                                StringTokenizer::TOK_TRIM | StringTokenizer::TOK_IGNORE_EMPTY);
+    return {names.begin(), names.end()};
+}
+
+const char* typeOf(const std::string& file) {
+    if (file.find(".css") != std::string::npos) return "text/css; charset=utf-8";
+    if (file.find(".js") != std::string::npos) return "text/javascript; charset=utf-8";
+    return "text/html; charset=utf-8";
+}
+
+}  // namespace
+
+ServerSocket StatusPage::listen(const PageSettings& settings) {
+    const bool overTls = hasCertificate();
+    const Poco::UInt16 port = overTls ? settings.tlsPort : settings.port;
+    try {
+        const SocketAddress address(settings.address, port);
+        if (overTls) return listenOverTls(address);
+        expectPrivate(address, settings.openToNetwork);
+        return listenInTheClear(address);
+    } catch (const Poco::InvalidAccessException&) {
+        throw;
+    } catch (const Poco::Exception& exc) {
+        throw Poco::IOException(Poco::format(
+            "no web API at %s, port %hu (settings http.address, %s): %s", settings.address, port,
+            std::string(overTls ? "http.sslport, openSSL.server.*" : "http.port"),
+            exc.displayText()));
+    }
+}
+
+StatusPage::StatusPage(const PageSettings& settings, const ServerSocket& socket)
+    : _settings(settings),
+      _socket(socket),
+      _scheme(socket.secure() ? "https" : settings.scheme),
+      _hostNames(namesIn(settings.hostNames)),
+      _access(settings.key, _hostNames, _scheme),
+      _disclosure(settings.shownSettings) {}
+
+void StatusPage::start(const std::shared_ptr<Host>& host) {
+    _host = host;
+    _queue = std::make_unique<PublishQueue>([host](const PublishQueue::Message& message) {
+        return host->publish(message.text, message.topic, message.qos);
+    });
+    registerPage();
+    registerRoutes();
+    _api->start(_socket);
+    replaceBuiltIns();
+    poco_notice(Poco::Logger::get(kel::logName()), "status page: " + address());
+}
+
+void StatusPage::stop() {
+    _api->stop();
+    if (_queue) _queue->stop();
+}
+
+std::string StatusPage::address() const {
+    SocketAddress at = _socket.address();
+    const bool everywhere = at.host().isWildcard();
+    if (everywhere) at = SocketAddress("127.0.0.1", at.port());
+    const bool byName = everywhere && _socket.secure() && !_hostNames.empty();
+    const std::string authority =
+        byName ? _hostNames.front() + ":" + std::to_string(at.port()) : at.toString();
+    return _scheme + "://" + authority + "/status";
+}
+
+// --- Routes ------------------------------------------------------------------------------------
+
+void StatusPage::registerPage() {
+    for (std::size_t i = 0; i < kPageFileCount; ++i) {
+        const PageFile& file = kPageFiles[i];
+        const bool isPage = i == 0;
+        add(isPage ? "/status" : std::string("/status/") + file.name, "GET",
+            isPage ? "the status page" : "part of the status page", Open::kPage,
+            [&file](StatusPage&, Exchange& exchange) {
+                exchange.response.setContentType(typeOf(file.name));
+                exchange.response.sendBuffer(file.bytes, file.size);
+            });
+    }
+}
+
+void StatusPage::registerRoutes() {
+    list(kApi + "alive", "GET", "says that the host answers");
+    _api->apiRegist(kApi + "alive");
+    view(kApi + "state", "host, connection, deliveries, rates, queue, pool, server, reports",
+         &StatusPage::state);
+    view(kApi + "messages", "the last messages; ?limit=20", &StatusPage::messages);
+    view(kApi + "settings", "the configuration without its secrets", &StatusPage::settings);
+    view(kApi + "log", "the log's last lines; ?lines=40", &StatusPage::log);
+    add("/metrics", "GET", "the numbers for Prometheus", Open::kWithKey, &StatusPage::metrics);
+    add(kApi + "publish", "POST", R"({"topic": "...", "message": {...}, "qos": 1})", Open::kWithKey,
+        &StatusPage::publish);
+    add(kApi + "on_server_started", "GET",
+        "takes the report of another process's web hook; ?secret=<http.hookSecret>", Open::kToHooks,
+        &StatusPage::serverStarted);
+}
+
+// start() puts empty routes in these two places.
+void StatusPage::replaceBuiltIns() {
+    add("/", "GET", "leads to the status page", Open::kPage,
+        [](StatusPage&, Exchange& exchange) { exchange.response.redirect("/status"); });
+    view(kApi + "getApiList", "this list", &StatusPage::routes);
+}
+
+void StatusPage::view(const std::string& path, const std::string& what, View fill) {
+    add(path, "GET", what, Open::kWithKey, [fill](StatusPage& page, Exchange& exchange) {
+        Object result;
+        result.set("code", 0);
+        (page.*fill)(exchange, result);
+        sendJson(exchange.response, result);
+    });
+}
+
+void StatusPage::list(const std::string& path, const std::string& method, const std::string& what) {
+    Object::Ptr route(new Object);
+    route->set("path", path);
+    route->set("method", method);
+    route->set("what", what);
+    _routes->add(route);
+}
+
+void StatusPage::add(const std::string& path, const std::string& method, const std::string& what,
+                     Open open, std::function<void(StatusPage&, Exchange&)> handler) {
+    list(path, method, what);
+    auto serve = [weak = weak_from_this(), method, open, handler](
+                     Request& request, Response& response,
+                     const kel::WebApiBasic::ApiParams& params) {
+        const auto self = weak.lock();
+        if (!self) return;
+        Exchange exchange{request, response, params};
+        setProtection(response);
+        if (const auto refusal = self->whyRefused(exchange, method, open)) {
+            return refuse(response, refusal->status, refusal->reason);
+        }
+        handler(*self, exchange);
+    };
+    _api->apiRegist(path, kel::WebApiBasic::ApiHandler(serve));
+}
+
+std::optional<Access::Refusal> StatusPage::whyRefused(const Exchange& exchange,
+                                                      const std::string& method, Open open) const {
+    if (auto refusal = _access.checkSource(exchange.request, open == Open::kPage)) return refusal;
+    if (!isMethod(exchange.request, method)) {
+        return Access::Refusal{Response::HTTP_METHOD_NOT_ALLOWED, "only by " + method};
+    }
+    if (open == Open::kPage) return std::nullopt;
+    if (open == Open::kWithKey) return _access.checkKey(exchange.request);
+    const auto secret = exchange.params.find("secret");
+    if (secret != exchange.params.end() && isKey(secret->second, _settings.hookSecret)) {
+        return std::nullopt;
+    }
+    return Access::Refusal{Response::HTTP_FORBIDDEN, "only with ?secret=<setting http.hookSecret>"};
+}
+
+// --- What is done ------------------------------------------------------------------------------
+
+void StatusPage::publish(Exchange& exchange) {
+    Response& response = exchange.response;
+    if (const auto refusal = whyBodyUnusable(exchange.request)) {
+        return refuse(response, refusal->status, refusal->reason);
+    }
+    std::string text;
+    Poco::StreamCopier::copyToString(exchange.request.stream(), text);
+    const Object::Ptr body = kel::stringToJson(text);
+    const char* reason = body ? whyUnusable(*body) : "the body is no JSON object";
+    if (reason) return refuse(response, Response::HTTP_BAD_REQUEST, reason);
+    if (!_host->connection()->getValue<bool>("connected")) {
+        return refuse(response, Response::HTTP_SERVICE_UNAVAILABLE, "no connection to the broker");
+    }
+    if (!_queue->offer({kel::jsonToString(body->getObject("message")),
+                        body->getValue<std::string>("topic"), body->optValue("qos", 1)})) {
+        response.set("Retry-After", "1");
+        return refuse(response, Response::HTTP_SERVICE_UNAVAILABLE,
+                      "the broker does not take what is published");
+    }
+    answer(response, Response::HTTP_ACCEPTED, 0, "success");
+}
+
+void StatusPage::serverStarted(Exchange& exchange) {
+    const std::string from = exchange.request.clientAddress().host().toString();
+    Object::Ptr report(new Object);
+    report->set("from", from);
+    report->set("time", Poco::Timestamp().epochMicroseconds() / 1000);
+    unsigned number = 0;
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        _reports.push_front(report);
+        if (_reports.size() > kReports) _reports.pop_back();
+        number = ++_reportCount;
+    }
+    poco_information(Poco::Logger::get(kel::logName()),
+                     Poco::format("report %u of a server at %s", number, from));
+    answer(exchange.response, Response::HTTP_OK, 0, "success");
+}
+
+// --- What is shown -----------------------------------------------------------------------------
+
+void StatusPage::state(const Exchange&, Object& result) {
+    result.set("host", hostState());
+    result.set("connection", _host->connection());
+    result.set("traffic", _host->traffic().rates());
+    result.set("counters", _host->counters());
+    result.set("queue", queueState());
+    result.set("pool", poolState());
+    result.set("server", serverState(_api->statistics()));
+    result.set("library", libraryState());
+    result.set("reports", reports());
+}
+
+Poco::JSON::Object::Ptr StatusPage::hostState() const {
+    Object::Ptr host = _host->description();
+    host->set("upSeconds", _started.elapsed() / Poco::Timestamp::resolution());
+    return host;
+}
+
+Poco::JSON::Object::Ptr StatusPage::queueState() const {
+    Object::Ptr state(new Object);
+    state->set("depth", _queue->depth());
+    state->set("places", PublishQueue::kPlaces);
+    state->set("refused", _queue->refused());
+    return state;
+}
+
+Poco::JSON::Object::Ptr StatusPage::reports() const {
+    Object::Ptr reports(new Object);
+    Poco::JSON::Array::Ptr last(new Poco::JSON::Array);
+    const std::lock_guard<std::mutex> lock(_mutex);
+    for (const auto& report : _reports) last->add(report);
+    reports->set("count", _reportCount);
+    reports->set("last", last);
+    return reports;
+}
+
+void StatusPage::messages(const Exchange& exchange, Object& result) {
+    const std::size_t count = numberIn(exchange.params, "limit", 20, 100);
+    result.set("messages", _host->traffic().lastMessages(count));
+}
+
+void StatusPage::settings(const Exchange&, Object& result) {
+    result.set("settings", _disclosure.settings());
+}
+
+void StatusPage::log(const Exchange& exchange, Object& result) {
+    Poco::JSON::Array::Ptr lines(new Poco::JSON::Array);
+    for (const std::string& line : logTail(numberIn(exchange.params, "lines", 40, 200))) {
+        lines->add(shown(_disclosure.line(line), kLineLimit));  // cut last: no half secret
+    }
+    result.set("lines", lines);
+}
+
+void StatusPage::routes(const Exchange&, Object& result) {
+    result.set("routes", _routes);
+}
+
+void StatusPage::metrics(Exchange& exchange) {
+    std::vector<Metric> all = _host->metrics();
+    for (const auto& more : {ownMetrics(), libraryMetrics()}) {
+        all.insert(all.end(), more.begin(), more.end());
+    }
+    send(exchange.response, "text/plain; version=0.0.4; charset=utf-8", prometheusText(all));
+}
+
+std::vector<Metric> StatusPage::ownMetrics() const {
+    const Object::Ptr host = _host->description(), traffic = _host->traffic().rates();
+    const auto counter = Metric::kCounter, gauge = Metric::kGauge;
+    Metric::Labels labels;
+    for (const char* name : {"name", "version", "role"}) {
+        labels.emplace_back(name, host->optValue<std::string>(name, ""));
+    }
+    return {
+        {"status_page_host_info", "The process that serves the page.", gauge, 1, labels},
+        {"process_start_time_seconds", "When the process started, since 1970.", gauge,
+         static_cast<double>(_started.epochMicroseconds()) / 1e6},
+        {"status_page_messages_total",
+         "Messages on the bus.",
+         counter,
+         traffic->getValue<double>("received"),
+         {{"direction", "received"}}},
+        {"status_page_messages_total",
+         "",
+         counter,
+         traffic->getValue<double>("sent"),
+         {{"direction", "sent"}}},
+        {"status_page_reports_total", "Reports of other processes by their web hook.", counter,
+         reports()->getValue<double>("count")},
+        {"status_page_queue_depth", "Messages that wait to be published.", gauge,
+         static_cast<double>(_queue->depth())},
+        {"status_page_queue_refused_total", "Messages refused with status 503.", counter,
+         static_cast<double>(_queue->refused())},
+    };
+}
+
+}  // namespace status_page

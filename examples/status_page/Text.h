@@ -1,0 +1,16 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace status_page {
+
+/// The first `limit` bytes of text from outside, fit to be shown: valid UTF-8, with an ellipsis
+/// where something was left out. It may still hold markup and control characters.
+std::string shown(const char* text, std::size_t length, std::size_t limit);
+
+inline std::string shown(const std::string& text, std::size_t limit) {
+    return shown(text.data(), text.size(), limit);
+}
+
+}  // namespace status_page

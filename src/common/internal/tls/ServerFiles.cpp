@@ -1,0 +1,43 @@
+// ServerFiles.cpp - which files the settings name; the same in a library without TLS.
+
+#include "ServerFiles.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Path.h>
+#include <Poco/String.h>
+
+#include "../../Config.h"
+#include "../../Tls.h"
+#include "../platform/Paths.h"
+
+namespace kel {
+
+namespace {
+
+// The two references that the defaults contain have a meaning also where the host gives none.
+std::string expanded(std::string value) {
+    const auto fillIn = [&value](const std::string& key, const std::string& meaning) {
+        if (!configInstance().has(key)) Poco::replaceInPlace(value, "${" + key + "}", meaning);
+    };
+    fillIn("application.configDir",
+           paths::applicationDirectory(Poco::Path::configHome()).toString());
+    fillIn("application.name", paths::executable().getBaseName());
+    return configInstance().expand(value);
+}
+
+}  // namespace
+
+std::string tls::expandedSetting(const std::string& key, const std::string& otherwise) {
+    try {
+        return expanded(configInstance().getRawString(key, otherwise));
+    } catch (const Poco::Exception& exc) {
+        throw Poco::InvalidArgumentException(key, exc.displayText());
+    }
+}
+
+std::string serverCertificateFile() {
+    const std::string file = tls::expandedSetting("openSSL.server.certificateFile");
+    return file.empty() ? tls::expandedSetting("openSSL.server.privateKeyFile") : file;
+}
+
+}  // namespace kel

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <Poco/Net/StreamSocket.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+
+// The library's door to TLS, beside the public one (../../Tls.h). Tls_openssl.cpp implements both,
+// Tls_none.cpp does where the library is built without; CMake compiles one of them.
+namespace kel::tls {
+
+/// Whether the library was built with TLS.
+bool available() noexcept;
+
+/// Prepares OpenSSL for this library. To be called before anything that may use it, the MQTT
+/// library included. Repeatable. Without TLS it does nothing.
+void prepare();
+
+/// The longest that a handshake may take, however slowly the peer sends: 10 s, which tests shorten.
+std::atomic<std::chrono::milliseconds>& handshakeTime();
+
+/// A socket for one HTTPS connection to `host`, not connected yet. Its first read or write, or
+/// shakeHands(), makes the handshake, which succeeds only if the certificate fits: issued by an
+/// authority that "openSSL.client.*" names, in its time, for `host`, not revoked. Once connected it
+/// can be cut off by shutdown() from any thread, in the handshake too.
+/// @throws Poco::Net::SSLException  a file named there is missing or unusable; the text names it.
+/// Without TLS: @throws Poco::UnknownURISchemeException.
+Poco::Net::StreamSocket clientSocket(const std::string& host);
+
+/// Makes the handshake of such a socket, once it is connected. Does nothing to any other socket.
+/// @throws Poco::Net::SSLException  with the reason in words.
+void shakeHands(const Poco::Net::StreamSocket& socket);
+
+/// How an MQTT connection is protected. Empty strings stand for "none".
+struct MqttSecurity {
+    std::string authorities;  // PEM file or folder; empty: the system's
+    std::string certificate;  // PEM file, the client's own, with its chain
+    std::string key;          // PEM file; empty: in the certificate's
+    std::string passphrase;
+    bool checkServerName = true;
+};
+
+/// Why a connection to the broker fails, in words, and naming the file where one is at fault: makes
+/// one with the same settings and ends it. The MQTT library itself only says that it failed. Takes
+/// 10 s and a little at the longest.
+/// @return empty if nothing is wrong any more.
+std::string explainFailure(const MqttSecurity& security, const std::string& host,
+                           unsigned short port);
+
+}  // namespace kel::tls

@@ -1,0 +1,124 @@
+// Tls_openssl.cpp - TLS through POCO's NetSSL over OpenSSL.
+
+#include "Tls.h"
+
+#include <Poco/Net/NetSSL.h>
+#include <Poco/Net/SSLException.h>
+#include <Poco/Net/StreamSocket.h>
+#include <openssl/crypto.h>
+
+#include <mutex>
+
+#include "../../Tls.h"
+#include "../mqtt/ServerUri.h"
+#include "Context.h"
+#include "Settings.h"
+#include "Sockets.h"
+
+namespace kel {
+
+namespace {
+
+// ServerSocket takes an implementation of one's own only from a class derived from it.
+struct SecureServerSocket : Poco::Net::ServerSocket {
+    explicit SecureServerSocket(Poco::Net::SocketImpl* impl) : ServerSocket(impl, true) {}
+};
+
+tls::Settings announcedServerSettings() {
+    tls::prepare();
+    tls::Settings settings = tls::serverSettings();
+    tls::warnOfUnsafe(settings);
+    return settings;
+}
+
+}  // namespace
+
+Poco::Net::ServerSocket secureServerSocket(const Poco::Net::SocketAddress& address, int backlog) {
+    SecureServerSocket socket(new tls::SecureServerSocketImpl(
+        std::make_shared<tls::RenewedContext>(announcedServerSettings())));
+    socket.bind(address, true, false);
+    socket.listen(backlog);
+    return socket;
+}
+
+Poco::AutoPtr<Poco::Net::Context> makeServerContext() {
+    return tls::makeContext(announcedServerSettings());
+}
+
+namespace tls {
+
+namespace {
+
+// The first of the host's addresses that accepts.
+Poco::Net::StreamSocket connectedTo(const Poco::Net::Context::Ptr& context, const std::string& host,
+                                    unsigned short port) {
+    const auto addresses = addressesOfHost(host);
+    for (std::size_t i = 0;; ++i) {
+        try {
+            Poco::Net::StreamSocket socket(new ClientConnection(context, host));
+            socket.connect({addresses.at(i), port}, Poco::Timespan(2, 0));
+            shakeHands(socket);
+            return socket;
+        } catch (const Poco::Net::SSLException&) {
+            throw;
+        } catch (const Poco::Exception&) {
+            if (i + 1 == addresses.size()) throw;
+        }
+    }
+}
+
+// Threads of this library and of the MQTT library may still be speaking TLS when OpenSSL's own
+// clean-up runs at exit; it must not take the ground from under them. This has to be said before
+// anybody in the process uses OpenSSL, hence when the library is loaded.
+[[maybe_unused]] const int withoutCleanUp = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+
+}  // namespace
+
+bool available() noexcept {
+    return true;
+}
+
+// POCO's counterpart is never called: with the last context it would take OpenSSL's providers away
+// from everybody else in the process.
+void prepare() {
+    static std::once_flag once;
+    std::call_once(once, [] { Poco::Net::initializeSSL(); });
+}
+
+Poco::Net::StreamSocket clientSocket(const std::string& host) {
+    prepare();
+    return Poco::Net::StreamSocket(new ClientConnection(makeContext(clientSettings(), host), host));
+}
+
+void shakeHands(const Poco::Net::StreamSocket& socket) {
+    if (auto* const connection = dynamic_cast<Connection*>(socket.impl())) {
+        connection->shakeHandsOnce();
+    }
+}
+
+std::atomic<std::chrono::milliseconds>& handshakeTime() {
+    static std::atomic<std::chrono::milliseconds> time{std::chrono::seconds(10)};
+    return time;
+}
+
+std::string explainFailure(const MqttSecurity& security, const std::string& host,
+                           unsigned short port) {
+    prepare();
+    try {
+        const Poco::Net::Context::Ptr context = makeContext(mqttSettings(security), host);
+        Poco::Net::StreamSocket probe = connectedTo(context, host, port);
+        // From TLS 1.3 on a broker that refuses the client's certificate says so after that.
+        probe.setReceiveTimeout(Poco::Timespan(1, 0));
+        char byte = 0;
+        probe.receiveBytes(&byte, 1);
+    } catch (const Poco::TimeoutException& exc) {
+        return exc.message();  // empty: the broker waits for what MQTT begins with
+    } catch (const Poco::Exception& exc) {
+        return failureReason(exc);
+    }
+    return {};
+}
+
+}  // namespace tls
+
+}  // namespace kel
