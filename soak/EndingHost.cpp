@@ -30,7 +30,7 @@ int main(int argc, char** argv) {
     void* module = ::dlopen(argv[1], RTLD_NOW);
     if (!module) return 2;
     using Enter = void(const char*, const char*);
-    using Leave = void();
+    using Leave = void(bool);
     reinterpret_cast<Enter*>(::dlsym(module, "enter"))(argv[2], argv[4]);
     if (way == "exit") std::exit(0);
     if (way == "fork") return childExits();
@@ -39,7 +39,7 @@ int main(int argc, char** argv) {
         int signal = 0;
         ::sigwait(&terminate, &signal);
     }
-    if (way != "return") reinterpret_cast<Leave*>(::dlsym(module, "leave"))();
+    if (way != "return") reinterpret_cast<Leave*>(::dlsym(module, "leave"))(way != "release");
     if (way == "dlclose") return ::dlclose(module);
     return 0;
 }

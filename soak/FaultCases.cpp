@@ -1,259 +1,252 @@
-#include <Poco/AutoPtr.h>
-#include <Poco/Channel.h>
+// Faults of the broker, the network, the disk and the clock: what was logged, and what went on.
+
+#include <Poco/Environment.h>
 #include <Poco/Logger.h>
-#include <Poco/Message.h>
-#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <mutex>
-#include <sstream>
 
-#include "Await.h"
 #include "Broker.h"
-#include "CapturedLog.h"
+#include "Command.h"
 #include "SmallBroker.h"
-#include "Soak.h"
+#include "Traffic.h"
 #include "common/Config.h"
 #include "common/Logger.h"
-#include "common/MqttClient++.h"
-#include "common/ThreadPool.h"
-#include "common/Utils.h"
 
 namespace soak {
 
 namespace {
 
-constexpr auto kAlways = [](auto&&...) { return true; };
-constexpr std::chrono::seconds kBack{120};
+namespace fs = std::filesystem;
 
-// The first error, shortened, and how many there were.
-std::string errorsIn(const CapturedLog& log) {
-    for (const char* text : {"Failed", "lost", "rror"}) {
-        const std::string line = log.find(text).getText();
-        if (!line.empty()) return "logged \"" + line.substr(0, 70) + "\"";
-    }
-    return "nothing logged as failed";
+constexpr std::chrono::seconds kAFewSeconds(3);  // that a fault lasts
+
+void pause() {
+    std::this_thread::sleep_for(kAFewSeconds);
 }
 
-using ClientPtr = std::shared_ptr<kel::MqttClient>;
+const Manner kBadManners[] = {
+    {.name = "broker closes at once", .accepts = false, .stays = false},
+    {.name = "broker answers garbage", .greeting = "\x05\xff\xff\xff\xff\xff\xff garbage"},
+    {.name = "broker sends half a packet", .greeting = "\x30\x7f half", .stays = false},
+    {.name = "broker is mute", .accepts = false},
+    {.name = "broker never acknowledges", .acknowledgements = 0},
+    {.name = "broker acknowledges twice", .acknowledgements = 2}};
 
-struct Traffic {
-    explicit Traffic(const std::string& address)
-        : client(kel::MqttClient::createInstance(address, "faults", "", "")) {
-        client->SetDeliveryCompleteCallback([this](int) { ++confirmed; });
-        client->Connect(kAlways, kAlways);
-    }
-
-    // Whether a message is confirmed that is published from now on.
-    bool flows() {
-        const long before = confirmed;
-        return await(
-            [&] {
-                if (client->PublishMessage("{}", "t", 1, 0, 0)) ++accepted;
-                return confirmed > before;
-            },
-            kBack);
-    }
-
-    std::atomic<long> confirmed{0};
-    long accepted = 0;
-    ClientPtr client;
-};
-
-Result summary(const CapturedLog& log, const Traffic& traffic, bool right) {
-    return {right, errorsIn(log) + "; " + std::to_string(traffic.accepted) + " accepted, " +
-                       std::to_string(traffic.confirmed.load()) + " confirmed; " +
-                       (right ? "went on" : "did NOT go on")};
-}
-
-Result badBroker(SmallBroker::Manner manner) {
-    const CapturedLog log;
+Result badBroker(const Manner& manner) {
     SmallBroker broker;
     Traffic traffic(broker.address());
-    bool right = traffic.flows();
-    broker.behave(manner);
-    const int before = broker.sessions();
-    broker.drop();
-    await([&] { return broker.sessions() > before; }, kBack);
-    for (int i = 0; i < 5 && manner != SmallBroker::Manner::kNeverAcks; ++i) {
-        if (traffic.client->PublishMessage("{}", "t", 1, 0, 0)) ++traffic.accepted;
-    }
-    broker.behave(SmallBroker::Manner::kWell);
-    broker.drop();
-    right = traffic.flows() && right;
-    return summary(log, traffic, right);
+    return survives(traffic, [&] {
+        const int before = broker.sessions();
+        broker.behave(manner);
+        broker.drop();
+        await([&] { return broker.sessions() > before; }, std::chrono::seconds(60));
+        if (manner.accepts) traffic.publish(5);
+        broker.behave(kGoodManner);
+        broker.drop();
+    });
 }
 
 Result realBroker(const std::function<void(Broker&)>& fault) {
-    const CapturedLog log;
     Broker broker;
     Traffic traffic(broker.address());
-    bool right = traffic.flows();
-    fault(broker);
-    right = traffic.flows() && right;
-    return summary(log, traffic, right);
+    return survives(traffic, [&] { fault(broker); });
+}
+
+// The same in a network of this process's own, which `before` and `after` change.
+Result network(const std::string& before, const std::string& after) {
+    if (::unshare(CLONE_NEWNET) != 0) return Result::leftOut("this user may not make a network");
+    try {
+        shell("ip link set lo up; " + before + " && " + after);
+    } catch (const std::exception& exc) {
+        const std::string why = exc.what();
+        return Result::leftOut(why.substr(why.rfind('\n', why.size() - 2) + 1, 60));
+    }
+    return realBroker([&](Broker&) {
+        shell(before);
+        pause();
+        shell(after);
+    });
 }
 
 // A file system of a megabyte at `path`, in a mount namespace of this process's own.
 bool mountSmall(const std::string& path) {
-    std::filesystem::create_directories(path);
+    fs::create_directories(path);
     return ::unshare(CLONE_NEWNS) == 0 &&
            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
            ::mount("none", path.c_str(), "tmpfs", 0, "size=1m") == 0;
 }
 
-void fill(const std::string& file) {
-    std::ofstream out(file);
+void fill(const std::string& folder) {
+    std::ofstream out(folder + "/filler");
     while (out << std::string(4096, 'x') << std::flush) continue;
 }
 
-std::string content(const std::string& file) {
-    std::ifstream in(file);
-    return {std::istreambuf_iterator<char>(in), {}};
+void freeAgain(const std::string& folder) {
+    fs::remove(folder + "/filler");
 }
 
-Result diskFullUnderConfig(bool readOnly) {
+void remount(const std::string& folder, unsigned long flags) {
+    if (::mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | flags, nullptr) != 0)
+        throw std::runtime_error("remount");
+}
+
+using Change = std::function<void(const std::string& folder)>;
+
+Result spoiltConfig(const Change& spoil, const Change& mend) {
     const CapturedLog log;
     const std::string folder = std::string(::getenv("XDG_CONFIG_HOME")) + "/kelhost";
-    if (!mountSmall(folder)) return {true, "left out: this user may not mount"};
+    if (!mountSmall(folder)) return Result::leftOut("this user may not mount");
     kel::initHttpOption();
     kel::loadConfig();
-    const std::string before = content(kel::configPath());
-    if (readOnly) {
-        ::mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr);
-    } else {
-        fill(folder + "/filler");
-    }
+    const std::string before = contentOf(kel::configPath());
+    spoil(folder);
     kel::configInstance().setString("big", std::string(8192, 'y'));
     kel::saveConfig();
-    const std::string why = kel::lastConfigError();
-    const bool kept = content(kel::configPath()) == before && !before.empty();
-    if (readOnly) ::mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT, nullptr);
-    std::filesystem::remove(folder + "/filler");
+    const bool told = !kel::lastConfigError().empty();
+    const bool kept = contentOf(kel::configPath()) == before && !before.empty();
+    mend(folder);
     kel::saveConfig();
+    const bool saved = kel::lastConfigError().empty() &&
+                       contentOf(kel::configPath()).find("yyyy") != std::string::npos;
     ::umount2(folder.c_str(), MNT_DETACH);
-    const bool right = kept && !why.empty() && kel::lastConfigError().empty();
-    return {right, errorsIn(log) + (kept ? "; the old file stays" : "; the old file is gone") +
-                       (right ? "; the next save succeeds" : "; the next save fails")};
+    return {told && kept && saved, errorIn(log) + (kept ? "; the old file stays" : "; it is gone") +
+                                       (saved ? "; the next save succeeds" : "; the next fails")};
 }
 
-Result diskFullUnderLog(double) {
-    const std::string folder = std::string(::getenv("XDG_DATA_HOME")) + "/kelhost";
-    if (!mountSmall(folder)) return {true, "left out: this user may not mount"};
-    ::dup2(::open("/dev/null", O_WRONLY), STDERR_FILENO);
-    kel::loadLogging();
-    fill(folder + "/filler");
-    constexpr int kLines = 2000;
+void logNumbered(int first, int count) {
     Poco::Logger& logger = Poco::Logger::get(kel::logName());
-    for (int i = 0; i < kLines; ++i)
-        logger.information("full " + std::to_string(i), __FILE__, __LINE__);
-    std::filesystem::remove(folder + "/filler");
-    logger.information("room again", __FILE__, __LINE__);
-    kel::deleteLogger();
-    int found = 0;
-    for (const auto& file : std::filesystem::directory_iterator(folder)) {
-        std::istringstream in(content(file.path()));
-        for (std::string line; std::getline(in, line);) found += line.find(":full ") != line.npos;
-    }
-    ::umount2(folder.c_str(), MNT_DETACH);
-    return {found == kLines, std::to_string(kLines - found) + " of " + std::to_string(kLines) +
-                                 " lines lost; the file has them once there is room"};
+    for (int i = first; i < first + count; ++i)
+        logger.information("numbered " + std::to_string(i) + " ", __FILE__, __LINE__);
 }
 
-Result configCut(double) {
+// How many of the lines are in the files of the folder.
+int numberedIn(const std::string& folder, int count) {
+    std::string all;
+    for (const auto& file : fs::directory_iterator(folder)) all += contentOf(file.path());
+    int found = 0;
+    for (int i = 0; i < count; ++i)
+        found += all.find("numbered " + std::to_string(i) + " ") != all.npos;
+    return found;
+}
+
+// 500 lines before the folder is spoilt, 2,000 while it is, and one after.
+Result spoiltLog(const Change& spoil, const Change& mend, int expected) {
+    constexpr int kBefore = 500, kWhile = 2000, kTotal = kBefore + kWhile + 1;
+    const std::string folder = std::string(::getenv("XDG_DATA_HOME")) + "/kelhost";
+    if (!mountSmall(folder)) return Result::leftOut("this user may not mount");
+    silenceConsole();
+    kel::loadLogging();
+    logNumbered(0, kBefore);
+    spoil(folder);
+    logNumbered(kBefore, kWhile);
+    mend(folder);
+    logNumbered(kBefore + kWhile, 1);
+    kel::deleteLogger();
+    const int found = numberedIn(folder, kTotal);
+    ::umount2(folder.c_str(), MNT_DETACH);
+    return {found == expected, std::to_string(kTotal - found) + " of " + std::to_string(kTotal) +
+                                   " lines lost; it goes on once the folder is as before"};
+}
+
+Result configCut() {
     const CapturedLog log;
     kel::initHttpOption();
     kel::initSSLOption();
     kel::loadConfig();
-    const std::string whole = content(kel::configPath());
+    const std::string whole = contentOf(kel::configPath());
     const std::size_t size = whole.find_last_not_of(" \r\n") + 1;
     std::size_t refused = 0;
     for (std::size_t cut = 1; cut < size; ++cut) {
         std::ofstream(kel::configPath()) << whole.substr(0, cut);
         kel::configInstance().setInt("kept", static_cast<int>(cut));
         kel::loadConfig();
-        const bool stays = content(kel::configPath()) == whole.substr(0, cut);
+        const bool stays = contentOf(kel::configPath()) == whole.substr(0, cut);
         const bool kept = kel::configInstance().getInt("kept", 0) == static_cast<int>(cut);
         if (!kel::lastConfigError().empty() && stays && kept) ++refused;
     }
     return {refused == size - 1, std::to_string(refused) + " of " + std::to_string(size - 1) +
-                                     " lengths refused; file and store stay; " + errorsIn(log)};
+                                     " lengths refused; file and store stay; " + errorIn(log)};
 }
 
-// A resource runs out while the broker is away; afterwards both are there again.
-Result exhausted(int resource, ::rlim_t few) {
-    const CapturedLog log;
-    Broker broker;
+constexpr const char* kFaketime = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1";
+
+// libfaketime looks at this variable whenever the time is asked for.
+void setClock(const char* offset) {
+    Poco::Environment::set("FAKETIME", offset);
+}
+
+// The clock set forward by a day and back again, each with the set-up that comes every minute.
+Result clockJumps() {
+    const std::time_t now = std::time(nullptr);
+    setClock("+1d");
+    if (std::time(nullptr) < now + 80'000) return Result::leftOut("libfaketime is not installed");
+    setClock("+0");
+    silenceConsole();
+    SmallBroker broker;
     Traffic traffic(broker.address());
-    bool right = traffic.flows();
-    ::rlimit old{};
-    ::getrlimit(static_cast<__rlimit_resource>(resource), &old);
-    const ::rlimit less{few, old.rlim_max};
-    ::setrlimit(static_cast<__rlimit_resource>(resource), &less);
-    broker.kill();
-    await([&] { return log.count("Failed") > 0; }, std::chrono::seconds(10));
-    ::setrlimit(static_cast<__rlimit_resource>(resource), &old);
-    broker.start();
-    right = traffic.flows() && right;
-    return summary(log, traffic, right);
-}
-
-Result poolFull(double) {
-    const CapturedLog log;
-    kel::ThreadPool pool(1, 4, 60, 0);
-    std::atomic<bool> go{false};
-    int refused = 0;
-    for (int i = 0; i < 10; ++i) {
-        try {
-            pool.start([&] { go.wait(false); });
-        } catch (const Poco::Exception&) {
-            ++refused;
-        }
+    bool flows = traffic.flows();
+    int lines = 0;
+    for (const char* offset : {"+0", "+1d", "+0"}) {
+        setClock(offset);
+        kel::loadLogging();
+        logNumbered(lines, 500);
+        lines += 500;
+        flows = traffic.flows() && flows;
     }
-    go = true;
-    go.notify_all();
-    pool.stop();
-    return {refused == 6, std::to_string(refused) + " of 10 refused by a pool of 4; " +
-                              std::to_string(pool.pendingTasks()) + " pending afterwards"};
+    kel::deleteLogger();
+    const std::string folder = std::string(::getenv("XDG_DATA_HOME")) + "/kelhost";
+    const auto files = std::distance(fs::directory_iterator(folder), fs::directory_iterator());
+    const int found = numberedIn(folder, lines);
+    return {found == lines && files == 2 && flows,
+            std::to_string(lines - found) + " of " + std::to_string(lines) + " lines lost, in " +
+                std::to_string(files) + " dated files; MQTT " + (flows ? "goes on" : "does NOT")};
 }
 
 }  // namespace
 
 std::vector<Case> faultCases() {
-    using Manner = SmallBroker::Manner;
-    const auto bad = [](const char* name, Manner manner) {
-        return Case{"faults", name, [manner](double) { return badBroker(manner); }};
+    std::vector<Case> all;
+    const auto add = [&](const char* name, std::function<Result()> run) {
+        all.push_back({"faults", name, [run = std::move(run)](double) { return run(); }});
     };
-    const auto real = [](const char* name, std::function<void(Broker&)> fault) {
-        return Case{"faults", name, [fault](double) { return realBroker(fault); }};
-    };
-    return {
-        bad("broker closes at once", Manner::kClosesAtOnce),
-        bad("broker sends garbage", Manner::kGarbage),
-        bad("broker sends half a packet", Manner::kHalfPacket),
-        bad("broker is mute", Manner::kMute),
-        bad("broker never acknowledges", Manner::kNeverAcks),
-        bad("broker acknowledges twice", Manner::kAcksTwice),
-        real("broker killed, and started again", [](Broker& broker) { broker.restart(); }),
-        real("broker stopped for 3 s",
-             [](Broker& broker) {
-                 broker.suspend();
-                 ::sleep(3);  // the fault itself
-                 broker.resume();
-             }),
-        {"faults", "disk full under saveConfig", [](double) { return diskFullUnderConfig(false); }},
-        {"faults", "read-only under saveConfig", [](double) { return diskFullUnderConfig(true); }},
-        {"faults", "disk full under the log", diskFullUnderLog},
-        {"faults", "configuration cut at every byte", configCut},
-        {"faults", "no descriptors", [](double) { return exhausted(RLIMIT_NOFILE, 3); }},
-        {"faults", "pool full", poolFull}};
+    for (const auto& manner : kBadManners) add(manner.name, [&] { return badBroker(manner); });
+    add("broker killed, and started again",
+        [] { return realBroker([](Broker& broker) { broker.restart(); }); });
+    add("broker stopped for 3 s", [] {
+        return realBroker([](Broker& broker) {
+            broker.suspend();
+            pause();
+            broker.resume();
+        });
+    });
+    add("network cut for 3 s", [] { return network("ip link set lo down", "ip link set lo up"); });
+    add("network delayed and lossy for 3 s", [] {
+        return network("tc qdisc add dev lo root netem delay 50ms loss 5%",
+                       "tc qdisc del dev lo root");
+    });
+    const Change readOnly = [](auto& folder) { remount(folder, MS_RDONLY); };
+    const Change writable = [](auto& folder) { remount(folder, 0); };
+    add("disk full under saveConfig", [] { return spoiltConfig(fill, freeAgain); });
+    add("read-only under saveConfig", [=] { return spoiltConfig(readOnly, writable); });
+    add("disk full under the log", [] { return spoiltLog(fill, freeAgain, 2501); });
+    add("log file removed", [] {
+        const auto removeFiles = [](const std::string& folder) {
+            for (const auto& file : fs::directory_iterator(folder)) fs::remove(file);
+        };
+        return spoiltLog(
+            removeFiles, [](auto&) { kel::loadLogging(); }, 1);
+    });
+    add("configuration cut at every byte", configCut);
+    add("clock a day forward and back", clockJumps);
+    all.back().around = {"env", std::string("LD_PRELOAD=") + kFaketime, "FAKETIME=+0",
+                         "FAKETIME_NO_CACHE=1", "FAKETIME_DONT_FAKE_MONOTONIC=1"};
+    return all;
 }
 
 }  // namespace soak

@@ -1,16 +1,30 @@
 #pragma once
 
-// The soak driver's cases. Each runs in a process of its own, prints one row of a Markdown table
-// and succeeds or not; see Soak.cpp.
+// The soak driver's cases. Each runs in a process of its own, with home folders of its own, and is
+// one row of the table that the driver prints; see Soak.cpp.
 
+#include <chrono>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
 
 namespace soak {
 
 struct Result {
-    bool right = true;
+    enum class Verdict { kWrong, kRight, kLeftOut };
+
+    Result(bool right, std::string text)
+        : verdict(right ? Verdict::kRight : Verdict::kWrong), what(std::move(text)) {}
+
+    /// A case that this machine cannot show, and why.
+    static Result leftOut(const std::string& why) {
+        Result result(true, why);
+        result.verdict = Verdict::kLeftOut;
+        return result;
+    }
+
+    Verdict verdict;
     std::string what;  // figures and events, for the row
 };
 
@@ -18,17 +32,19 @@ struct Case {
     std::string group, name;
     /// @param scale  of the full count: 1, or less for the short form.
     std::function<Result(double scale)> run;
-    int limit = 600;  // s, after which it counts as hanging
+    int limit = 120;                       // s, after which it counts as hanging
+    std::vector<std::string> around = {};  // words before the program that runs it
 };
 
 std::vector<Case> loadCases();
 std::vector<Case> faultCases();
+std::vector<Case> shortageCases();
 std::vector<Case> exitCases();
 
 /// The work of a child process that saves a configuration again and again, until it is killed.
 [[noreturn]] void saveForEver();
 
-/// Heap in use, threads and descriptors, of this process.
+/// Memory, threads and descriptors of this process.
 struct Footprint {
     static Footprint now();
     long heap = 0, resident = 0;  // KiB
@@ -38,25 +54,32 @@ struct Footprint {
 /// Memory at the end of the first tenth of a job beside that at its end, and what else is left.
 class Watch {
 public:
-    explicit Watch(long total);
+    explicit Watch(long total) : _total(total) {}
 
-    /// Call it now and then; at each tenth of the total it looks.
+    /// Call it now and then, from any thread; it looks once a tenth of the total is done.
     void at(long done);
 
     /// Waits until threads and descriptors are back to where they began.
+    /// @param unit          of what was counted, for the row.
     /// @param extraThreads  which the library keeps on purpose, such as those of a pool.
-    void end(Result& result, int extraThreads);
+    Result end(bool right, const std::string& unit, const std::string& more, int extraThreads = 0);
 
 private:
     const long _total;
+    const std::chrono::steady_clock::time_point _start = std::chrono::steady_clock::now();
     const Footprint _begin = Footprint::now();
+    std::once_flag _looked;
     Footprint _firstTenth;
 };
 
-std::string rate(long count, double seconds, const char* unit);
+/// What is in a file; "" where there is none.
+std::string contentOf(const std::string& file);
 
-/// Runs this program with arguments, and waits. @return the exit code, 128 + the signal, or -1
-/// where it took longer than `limit` seconds and was killed.
-int runChild(const std::vector<std::string>& words, int limit);
+/// From now on nothing that this process writes to its console is seen.
+void silenceConsole();
+
+/// Runs a program with arguments, and waits. @return its exit code, 128 + the signal, or -1 where
+/// it took longer than `limit` seconds and was killed.
+int runChild(std::vector<std::string> words, int limit);
 
 }  // namespace soak

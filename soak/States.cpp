@@ -103,8 +103,11 @@ extern "C" __attribute__((visibility("default"))) void enter(const char* state,
     states().at(state)(broker);
 }
 
-extern "C" __attribute__((visibility("default"))) void leave() {
-    held() = {};
+// Releases everything in the middle of its work, and may stop the library.
+extern "C" __attribute__((visibility("default"))) void leave(bool stop) {
+    held().client.reset();
+    held().hook.reset();
+    if (!stop) return;
     kel::stopLibrary();
     kel::deleteLogger();
 }
