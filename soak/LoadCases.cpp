@@ -18,7 +18,7 @@
 
 #include "Await.h"
 #include "Broker.h"
-#include "SmallBroker.h"
+#include "ScriptedBroker.h"
 #include "Soak.h"
 #include "common/Logger.h"
 #include "common/MqttClient++.h"
@@ -153,8 +153,7 @@ Result requests(double scale) {
 // Lines of the log files, of each thread; those out of order are counted as wrong.
 std::vector<long> linesOf(std::size_t threads, long& wrong) {
     std::vector<long> next(threads, 0);
-    for (const auto& file : std::filesystem::recursive_directory_iterator(::getenv("HOME"))) {
-        if (file.path().extension() != ".log") continue;
+    for (const auto& file : std::filesystem::directory_iterator(homeFolder())) {
         std::ifstream in(file.path());
         for (std::string line; std::getline(in, line);) {
             const std::size_t at = line.rfind(":line ");
@@ -221,7 +220,7 @@ Result clients(double scale) {
 
 // A client whose broker ends `ends` sessions at random moments, under traffic.
 struct Restarted {
-    SmallBroker broker;
+    ScriptedBroker broker{ScriptedBroker::Manner::kAcknowledges};
     std::atomic<long> confirmed{0};
     std::shared_ptr<MqttClient> client;
 

@@ -1,58 +1,21 @@
 // Memory, threads and descriptors run out: an allocator that fails the n-th time, for every n that
 // a path reaches; and limits that are reached while a broker is away.
 
-#include <Poco/Exception.h>
 #include <Poco/Logger.h>
-#include <dlfcn.h>
-#include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <new>
 
 #include "Broker.h"
+#include "Shortages.h"
 #include "Traffic.h"
 #include "common/Config.h"
 #include "common/HttpClient.h"
 #include "common/Logger.h"
-#include "common/ThreadPool.h"
 #include "common/WebApiBasic.h"
-
-namespace {
-
-std::atomic<long> untilFailure{0};  // allocations; 0: none fails
-std::atomic<bool> threadsRefused{false};
-
-}  // namespace
-
-// Those of the whole process, the shared libraries included.
-void* operator new(std::size_t size) {
-    if (untilFailure > 0 && --untilFailure == 0) throw std::bad_alloc();
-    void* const memory = std::malloc(size == 0 ? 1 : size);
-    if (!memory) throw std::bad_alloc();
-    return memory;
-}
-
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                              void* (*run)(void*), void* argument) {
-    if (threadsRefused) return EAGAIN;
-    using Create = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-    static auto* const create = reinterpret_cast<Create*>(::dlsym(RTLD_NEXT, "pthread_create"));
-    return create(thread, attributes, run, argument);
-}
 
 namespace soak {
 
@@ -134,8 +97,7 @@ Result log() {
     const auto line = [] {
         Poco::Logger::get(kel::logName()).information("a line", __FILE__, __LINE__);
     };
-    const std::string folder = std::string(::getenv("XDG_DATA_HOME")) + "/kelhost";
-    const auto file = std::filesystem::directory_iterator(folder)->path();
+    const auto file = std::filesystem::directory_iterator(homeFolder())->path();
     std::size_t size = 0;
     const auto grows = [&] {
         line();
@@ -173,7 +135,8 @@ Result runsOut(const std::function<void(bool out)>& change) {
     });
 }
 
-std::function<void(bool)> limited(__rlimit_resource resource, const std::function<::rlim_t()>& few) {
+std::function<void(bool)> limited(__rlimit_resource resource,
+                                  const std::function<::rlim_t()>& few) {
     return [=](bool out) {
         ::rlimit limit{};
         ::getrlimit(resource, &limit);
@@ -188,28 +151,6 @@ std::function<void(bool)> limited(__rlimit_resource resource, const std::functio
     return pages * static_cast<::rlim_t>(::sysconf(_SC_PAGESIZE));
 }
 
-Result poolFull() {
-    kel::ThreadPool pool(1, 4);
-    std::atomic<bool> go{false};
-    std::atomic<int> done{0};
-    int refused = 0;
-    for (int i = 0; i < 10; ++i) {
-        try {
-            pool.start([&] {
-                go.wait(false);
-                ++done;
-            });
-        } catch (const Poco::NoThreadAvailableException&) {
-            ++refused;
-        }
-    }
-    go = true;
-    go.notify_all();
-    pool.stop();
-    return {refused == 6 && done == 4, std::to_string(refused) + " of 10 refused by a pool of 4, " +
-                                           std::to_string(done) + " done"};
-}
-
 }  // namespace
 
 std::vector<Case> shortageCases() {
@@ -222,8 +163,7 @@ std::vector<Case> shortageCases() {
             one("allocation fails: saveConfig", save),
             one("no descriptors", [] { return runsOut(limited(RLIMIT_NOFILE, [] { return 3; })); }),
             one("no memory", [] { return runsOut(limited(RLIMIT_AS, memoryInUse)); }),
-            one("no threads", [] { return runsOut([](bool out) { threadsRefused = out; }); }),
-            one("pool full", poolFull)};
+            one("no threads", [] { return runsOut([](bool out) { threadsRefused = out; }); })};
 }
 
 }  // namespace soak

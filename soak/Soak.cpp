@@ -1,16 +1,14 @@
-// Soak [--scale X] [TEXT]   runs the cases "group: name" that contain TEXT, each in a process of
-// its own, and prints a Markdown table. The exit code tells whether all came out right.
+// Soak             lists the cases: group, name, limit in seconds and environment, tabs in between.
+// Soak NAME SCALE  runs one and prints its row. The exit code tells whether it came out right.
 
 #include "Soak.h"
 
-#include <Poco/Environment.h>
 #include <fcntl.h>
 #include <malloc.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -18,7 +16,6 @@
 #include <sstream>
 
 #include "Await.h"
-#include "Sandbox.h"
 
 namespace soak {
 
@@ -27,6 +24,21 @@ namespace {
 int entries(const char* folder) {
     const std::filesystem::directory_iterator all(folder);
     return static_cast<int>(std::distance(begin(all), end(all)));
+}
+
+std::vector<Case> allCases() {
+    std::vector<Case> all = loadCases();
+    for (const auto& more : {faultCases(), shortageCases()})
+        all.insert(all.end(), more.begin(), more.end());
+    return all;
+}
+
+Result resultOf(const Case& one, double scale) {
+    try {
+        return one.run(scale);
+    } catch (const std::exception& exc) {
+        return {false, std::string("exception: ") + exc.what()};
+    }
 }
 
 }  // namespace
@@ -56,8 +68,7 @@ Result Watch::end(bool right, const std::string& unit, const std::string& more, 
         return left.threads <= _begin.threads + extraThreads &&
                left.descriptors <= _begin.descriptors;
     });
-    // What one in ten costs is known after the first tenth; the rest may add what an allocator
-    // keeps.
+    // What grows with the count shows after the first tenth; an allocator may keep some more.
     const bool flat = last.resident <= _firstTenth.resident + _firstTenth.resident / 5 + 4096;
     std::ostringstream out;
     out << _total << ' ' << unit << " in " << static_cast<long>(taken.count() + 0.5) << " s, "
@@ -73,92 +84,27 @@ std::string contentOf(const std::string& file) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
+std::string homeFolder() {
+    return std::string(std::getenv("XDG_DATA_HOME")) + "/kelhost";
+}
+
 void silenceConsole() {
     ::dup2(::open("/dev/null", O_WRONLY), STDERR_FILENO);
 }
 
-int runChild(std::vector<std::string> words, int limit) {
-    std::vector<char*> argv;
-    for (auto& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    if (::posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) return 127;
-    int status = 0;
-    const auto ended = [&] { return ::waitpid(pid, &status, WNOHANG) == pid; };
-    if (!await(ended, std::chrono::seconds(limit))) {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, &status, 0);
-        return -1;
-    }
-    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-}
-
 }  // namespace soak
 
-namespace {
-
-using soak::Case;
-using soak::Result;
-
-std::vector<Case> allCases() {
-    std::vector<Case> all = soak::loadCases();
-    for (const auto& more : {soak::faultCases(), soak::shortageCases(), soak::exitCases()})
-        all.insert(all.end(), more.begin(), more.end());
-    return all;
-}
-
-void printRow(const Case& one, const Result& result) {
-    constexpr const char* kVerdicts[] = {"**WRONG**", "as it should be", "left out"};
-    std::cout << "| " << one.group << " | " << one.name << " | " << result.what << " | "
-              << kVerdicts[static_cast<int>(result.verdict)] << " |" << std::endl;
-}
-
-// In the child. Where it does not come to its row, the parent prints one.
-int runOne(const std::string& name, double scale) {
-    const TempFolder home;
-    for (const char* variable : {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME"})
-        Poco::Environment::set(variable, home.path.string());
-    for (const Case& one : allCases()) {
-        if (one.name != name) continue;
-        Result result(false, "");
-        try {
-            result = one.run(scale);
-        } catch (const std::exception& exc) {
-            result.what = std::string("exception: ") + exc.what();
-        }
-        printRow(one, result);
-        return result.verdict == Result::Verdict::kWrong ? EXIT_FAILURE : EXIT_SUCCESS;
-    }
-    return EXIT_FAILURE;
-}
-
-bool runAll(const std::string& text, const std::string& scale) {
-    std::cout << "| group | case | what happened | result |\n|---|---|---|---|" << std::endl;
-    bool right = true;
-    for (const Case& one : allCases()) {
-        if ((one.group + ": " + one.name).find(text) == std::string::npos) continue;
-        std::vector<std::string> words = one.around;
-        const std::string self = std::filesystem::read_symlink("/proc/self/exe");
-        words.insert(words.end(), {self, "--one", one.name, scale});
-        const int code = soak::runChild(words, one.limit);
-        right = right && code == EXIT_SUCCESS;
-        if (code < 0)
-            printRow(one, {false, "has not ended after some " + std::to_string(one.limit) + " s"});
-        if (code > EXIT_FAILURE) printRow(one, {false, "exit code " + std::to_string(code)});
-    }
-    return right;
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
-    std::vector<std::string> words(argv + 1, argv + argc);
-    if (words.size() == 1 && words[0] == "--save") soak::saveForEver();
-    if (words.size() == 3 && words[0] == "--one") return runOne(words[1], std::stod(words[2]));
-    std::string scale = "1";
-    if (words.size() >= 2 && words[0] == "--scale") {
-        scale = words[1];
-        words.erase(words.begin(), words.begin() + 2);
+    for (const soak::Case& one : soak::allCases()) {
+        if (argc != 3) {
+            std::cout << one.group << '\t' << one.name << '\t' << one.limit << '\t'
+                      << one.environment << '\n';
+        } else if (one.name == argv[1]) {
+            const soak::Result result = soak::resultOf(one, std::stod(argv[2]));
+            std::cout << "| " << one.group << " | " << one.name << " | " << result.what << " | "
+                      << result.verdict << " |" << std::endl;
+            return result.verdict == "**WRONG**" ? EXIT_FAILURE : EXIT_SUCCESS;
+        }
     }
-    return runAll(words.empty() ? "" : words[0], scale) ? EXIT_SUCCESS : EXIT_FAILURE;
+    return argc == 3 ? EXIT_FAILURE : EXIT_SUCCESS;
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 // The soak driver's cases. Each runs in a process of its own, with home folders of its own, and is
-// one row of the table that the driver prints; see Soak.cpp.
+// one row of the table that scripts/soak prints.
 
 #include <chrono>
 #include <functional>
@@ -12,37 +12,30 @@
 namespace soak {
 
 struct Result {
-    enum class Verdict { kWrong, kRight, kLeftOut };
-
     Result(bool right, std::string text)
-        : verdict(right ? Verdict::kRight : Verdict::kWrong), what(std::move(text)) {}
+        : verdict(right ? "as it should be" : "**WRONG**"), what(std::move(text)) {}
 
     /// A case that this machine cannot show, and why.
     static Result leftOut(const std::string& why) {
         Result result(true, why);
-        result.verdict = Verdict::kLeftOut;
+        result.verdict = "left out";
         return result;
     }
 
-    Verdict verdict;
-    std::string what;  // figures and events, for the row
+    std::string verdict, what;
 };
 
 struct Case {
     std::string group, name;
     /// @param scale  of the full count: 1, or less for the short form.
     std::function<Result(double scale)> run;
-    int limit = 120;                       // s, after which it counts as hanging
-    std::vector<std::string> around = {};  // words before the program that runs it
+    int limit = 120;               // s, after which it counts as hanging
+    std::string environment = "";  // further variables, as env takes them
 };
 
 std::vector<Case> loadCases();
 std::vector<Case> faultCases();
 std::vector<Case> shortageCases();
-std::vector<Case> exitCases();
-
-/// The work of a child process that saves a configuration again and again, until it is killed.
-[[noreturn]] void saveForEver();
 
 /// Memory, threads and descriptors of this process.
 struct Footprint {
@@ -75,11 +68,10 @@ private:
 /// What is in a file; "" where there is none.
 std::string contentOf(const std::string& file);
 
+/// Where the library writes log files and configuration.
+std::string homeFolder();
+
 /// From now on nothing that this process writes to its console is seen.
 void silenceConsole();
-
-/// Runs a program with arguments, and waits. @return its exit code, 128 + the signal, or -1 where
-/// it took longer than `limit` seconds and was killed.
-int runChild(std::vector<std::string> words, int limit);
 
 }  // namespace soak

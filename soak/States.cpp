@@ -47,7 +47,7 @@ void connect(const std::string& address) {
     held().client->Connect(kAlways, kAlways);
 }
 
-void flood() {
+void flood(const std::string&) {
     for (int i = 0; i < 200'000; ++i) {
         Poco::Logger::get(kel::logName()).information("flood", __FILE__, __LINE__);
     }
@@ -77,6 +77,18 @@ void tasks(const std::string&) {
     for (int i = 0; i < 8; ++i) kel::ThreadPool::defaultPool().start([] { ::usleep(200'000); });
 }
 
+// Every generation of the file is as large as the others, and of one value.
+void save(const std::string& value) {
+    for (int i = 0; i < 200; ++i)
+        kel::configInstance().setString("soak.key" + std::to_string(i), value);
+    if (kel::configPath().empty()) kel::loadConfig();  // the first file is complete too
+    kel::saveConfig();
+}
+
+[[noreturn]] void saveForEver(const std::string&) {
+    for (auto generation = ::getpid() * 1000L;; ++generation) save(std::to_string(generation));
+}
+
 using State = std::function<void(const std::string& broker)>;
 
 const std::map<std::string, State>& states() {
@@ -91,7 +103,9 @@ const std::map<std::string, State>& states() {
         {"requests in flight", requests},
         {"timer running", timer},
         {"tasks running", tasks},
-        {"logging flooded", [](auto&) { flood(); }}};
+        {"logging flooded", flood},
+        {"saving", saveForEver},
+        {"saved once", save}};
     return all;
 }
 
@@ -99,7 +113,7 @@ const std::map<std::string, State>& states() {
 
 extern "C" __attribute__((visibility("default"))) void enter(const char* state,
                                                              const char* broker) {
-    kel::loadLogging();
+    if (std::string_view(state).find("sav") != 0) kel::loadLogging();
     states().at(state)(broker);
 }
 

@@ -1,4 +1,4 @@
-// EndingHost MODULE STATE WAY BROKER   enters the state and ends in the given way.
+// SoakHost MODULE STATE WAY BROKER   enters the state and ends in the given way.
 
 #include <dlfcn.h>
 #include <signal.h>
