@@ -47,8 +47,9 @@ Result badBroker(Manner manner) {
         const int before = broker.sessions();
         broker.behave(manner);
         broker.drop();
-        await([&] { return broker.sessions() > before; }, std::chrono::seconds(60));
-        if (manner != Manner::kMute) traffic.publish(5);
+        if (!await([&] { return broker.sessions() > before; }, std::chrono::seconds(60)))
+            throw std::runtime_error("the broker met nobody");
+        traffic.publishFor(kAFewSeconds, 5);
         broker.behave(Manner::kAcknowledges);
         broker.drop();
     });
@@ -66,8 +67,8 @@ Result network(const std::string& before, const std::string& after) {
     try {
         shell("ip link set lo up; " + before + " && " + after);
     } catch (const std::exception& exc) {
-        const std::string why = exc.what();
-        return Result::leftOut(why.substr(why.rfind('\n', why.size() - 2) + 1, 60));
+        const std::string why = exc.what();  // the command, and what it said
+        return Result::leftOut(why.substr(why.find('\n') + 1, why.size() - why.find('\n') - 2));
     }
     return realBroker([&](Broker&) {
         shell(before);

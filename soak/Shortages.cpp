@@ -1,4 +1,5 @@
-// Replaces what the whole process, its shared libraries included, allocates and starts threads with.
+// Replaces what the whole process, its shared libraries included, allocates and starts threads
+// with.
 
 #include "Shortages.h"
 

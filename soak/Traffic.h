@@ -22,16 +22,22 @@ struct Traffic {
         client->Connect(always, always);
     }
 
-    void publish(int count) {
-        for (int i = 0; i < count; ++i)
-            if (client->PublishMessage("{}", "t", 1, 0, 0)) ++accepted;
+    bool publish() {
+        const bool taken = client->PublishMessage("{}", "t", 1, 0, 0);
+        if (taken) ++accepted;
+        return taken;
+    }
+
+    /// Publishes until so many are accepted, or the time has passed.
+    void publishFor(std::chrono::seconds time, int count) {
+        await([&] { return publish() && --count <= 0; }, time);
     }
 
     /// Whether a message is confirmed that is published from now on.
     bool flows() {
         const long before = confirmed;
         const auto again = [&] {
-            publish(1);
+            publish();
             return confirmed > before;
         };
         return await(again, std::chrono::seconds(90));
@@ -53,8 +59,8 @@ inline std::string errorIn(const CapturedLog& log) {
 
 /// Traffic before and after a fault.
 inline Result survives(Traffic& traffic, const std::function<void()>& fault) {
-    const CapturedLog log;
     const bool before = traffic.flows();
+    const CapturedLog log;
     fault();
     const bool right = traffic.flows() && before;
     return {right, errorIn(log) + "; " + std::to_string(traffic.accepted) + " accepted, " +
