@@ -8,7 +8,7 @@ help:
 	@echo "make build         build everything; PRESET=debug|release|bench|asan|tsan|clang|notls"
 	@echo "make test          build, run all tests; PRESET=debug|bench|asan|tsan|clang|notls"
 	@echo "make test-browser  build, use the status page in a headless Chromium (100 MB to install)"
-	@echo "make test-windows  build and run the Windows platform file under Wine"
+	@echo "make test-windows  run the Windows platform file under Wine; PREFIX=<POCO, Paho> all else too"
 	@echo "make bench         measure beside other libraries; AREA=mqtt|pool|logging|tls, all without"
 	@echo "make soak          load, faults and exits, as a table; SHORT=1 for a few minutes"
 	@echo "make fuzz          fuzz what comes from outside, 10 minutes a target; SECONDS=... for less"
@@ -40,7 +40,7 @@ build:
 	@scripts/build $(PRESET)
 
 test-windows:
-	@scripts/test-windows
+	@scripts/test-windows $(PREFIX)
 
 bench:
 	@scripts/bench $(AREA)

@@ -45,10 +45,14 @@ Poco::Logger& hostLogger() {
     return Poco::Logger::get(kel::logName());
 }
 
-void logNumbered(int thread, int count) {
+void logNumberedTo(Poco::Logger& logger, int thread, int count) {
     for (int i = 0; i < count; ++i) {
-        hostLogger().information("thread " + std::to_string(thread) + " line " + std::to_string(i));
+        logger.information("thread " + std::to_string(thread) + " line " + std::to_string(i));
     }
+}
+
+void logNumbered(int thread, int count) {
+    logNumberedTo(hostLogger(), thread, count);
 }
 
 std::size_t countOf(const std::string& text, const std::string& part) {
@@ -173,7 +177,7 @@ TEST(Logger, FormatsAndColorsAsPocoDoes) {
             ours.append(kel::recordOf(message), block);
         }
     }
-    EXPECT_EQ(expected, block.text);
+    EXPECT_EQ(expected, std::string_view(block.text));
     EXPECT_EQ(colored.str(), kel::ConsoleSink::colored(block));
 }
 
@@ -326,20 +330,21 @@ TEST(Logger, StartsAnewAfterTheLibrarysStop) {
 }
 
 TEST(Logger, AForkedChildWritesItsLinesItself) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "a child may find the sanitizer's allocator locked for ever";
+#endif
     kel::loadLogging();
+    Poco::Logger& logger = hostLogger();  // a child may find POCO's look-up locked for ever
     std::latch going(2);
     std::jthread busy([&](const std::stop_token& stop) {
-        for (going.count_down(); !stop.stop_requested();) logNumbered(1, 1);
+        for (going.count_down(); !stop.stop_requested();) logNumberedTo(logger, 1, 1);
     });
     going.arrive_and_wait();
     const ::pid_t child = ::fork();
     if (child == 0) {
         ::alarm(20);
-        logNumbered(2, 100);
+        logNumberedTo(logger, 2, 100);
         kel::deleteLogger();
-#if defined(__SANITIZE_ADDRESS__)
-        ::_exit(0);  // the search for leaks sees false ones where threads are missing
-#endif
         std::exit(0);
     }
     int status = -1;

@@ -399,6 +399,19 @@ TEST_F(MqttClientTest, RetriesAsLongAsTheHostWants) {
     EXPECT_TRUE(await([&] { return client->PublishMessage("{}", "out", 0, 0, 0); }));
     EXPECT_EQ(2u, _log.count("Failed to connect, return code -1"));
 
+    // What is brought up while a further attempt waits for its time is left as it is.
+    _broker.kill();
+    const ClientPtr impatient = newClient("edge-2");
+    const auto idle = kel::mqttStatistics().background.used;
+    impatient->Connect(kAlways, {});
+    ASSERT_TRUE(_log.await("Failed to connect, return code -1", 3));
+    _broker.start();
+    impatient->Connect({}, {});
+    ASSERT_TRUE(await([&] { return impatient->PublishMessage("{}", "out", 1, 0, 0); }));
+    const std::size_t made = _log.count("Success to create mqtt client");
+    EXPECT_TRUE(await([&] { return kel::mqttStatistics().background.used <= idle; }));
+    EXPECT_EQ(made, _log.count("Success to create mqtt client"));
+
     const Broker locked(Broker::Login::kPassword);
     for (const auto& [password, code] : std::map<std::string, int>{{"wrong", 5}, {"secret", 0}}) {
         const auto guest = MqttClient::createInstance(locked.address(), "edge-1", "edge", password);

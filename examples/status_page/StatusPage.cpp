@@ -12,12 +12,11 @@
 #include <Poco/Logger.h>
 #include <Poco/Net/IPAddress.h>
 #include <Poco/Net/MediaType.h>
-#include <Poco/Net/NetException.h>
-#include <Poco/Net/StreamSocket.h>
 #include <Poco/NumberParser.h>
 #include <Poco/StreamCopier.h>
 #include <Poco/String.h>
 #include <Poco/StringTokenizer.h>
+#include <common/HttpServer.h>
 #include <common/Logger.h>
 #include <common/ThreadPool.h>
 #include <common/Tls.h>
@@ -49,26 +48,6 @@ constexpr std::streamsize kLongestBody = 256 * 1024;
 
 // --- Listening ---------------------------------------------------------------------------------
 
-bool answers(const SocketAddress& address) {
-    try {
-        const bool everywhere = address.host().isWildcard();
-        const Poco::Timespan limit(1, 0);
-        Poco::Net::StreamSocket().connect(
-            everywhere ? SocketAddress("127.0.0.1", address.port()) : address, limit);
-        return true;
-    } catch (const Poco::Exception&) {
-        return false;
-    }
-}
-
-// The port of a host that has just ended can be had at once only by reusing its address. On some
-// systems that would share the port of one that runs: hence the question.
-void expectFree(const SocketAddress& address) {
-    if (address.port() != 0 && answers(address)) {
-        throw Poco::Net::NetException("Address already in use", address.toString());
-    }
-}
-
 // Whoever listens in on a network would learn the key.
 void expectPrivate(const SocketAddress& address, bool openToNetwork) {
     if (address.host().isLoopback() || openToNetwork) return;
@@ -77,19 +56,6 @@ void expectPrivate(const SocketAddress& address, bool openToNetwork) {
                      "http.address): set http.openToNetwork to true if that is wanted, or provide "
                      "the certificate %s",
                      address.host().toString(), kel::serverCertificateFile()));
-}
-
-ServerSocket listenInTheClear(const SocketAddress& address) {
-    expectFree(address);
-    ServerSocket socket;
-    socket.bind(address, true, false);
-    socket.listen();
-    return socket;
-}
-
-ServerSocket listenOverTls(const SocketAddress& address) {
-    expectFree(address);
-    return kel::secureServerSocket(address);
 }
 
 // The library's defaults name a certificate that most machines do not have.
@@ -237,9 +203,9 @@ ServerSocket StatusPage::listen(const PageSettings& settings) {
     const Poco::UInt16 port = overTls ? settings.tlsPort : settings.port;
     try {
         const SocketAddress address(settings.address, port);
-        if (overTls) return listenOverTls(address);
+        if (overTls) return kel::secureServerSocket(address);
         expectPrivate(address, settings.openToNetwork);
-        return listenInTheClear(address);
+        return kel::serverSocket(address);
     } catch (const Poco::InvalidAccessException&) {
         throw;
     } catch (const Poco::Exception& exc) {

@@ -11,6 +11,7 @@
 #include <sstream>
 #include <vector>
 
+#include "internal/config/Store.h"
 #include "internal/json/ParseObject.h"
 #include "internal/log/UnitLog.h"
 #include "internal/platform/Paths.h"
@@ -148,10 +149,7 @@ std::size_t addMissingTo(const std::string& store, const std::string& defaults) 
 }  // namespace
 
 Poco::Util::JSONConfiguration& configInstance() {
-    using Store = Poco::Util::JSONConfiguration;
-    // On the heap, since a host may share the ownership of what POCO counts the references of.
-    static NeverDestroyed<Poco::AutoPtr<Store>> store(new Store);
-    return **store;
+    return configStore();
 }
 
 void loadConfig() {

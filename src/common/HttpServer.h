@@ -90,4 +90,14 @@ private:
     const std::unique_ptr<Inside> _inside;
 };
 
+/// A listening socket for WebApiBasic::start() and HttpServer, whose port no other process can
+/// listen on meanwhile. A port whose last owner has just ended can be had at once.
+/// @param address  to bind; port 0 takes a free one.
+/// @param backlog  connections that may wait to be accepted.
+/// @throws Poco::Net::NetException  the address cannot be bound, because the port is taken for
+///         example.
+/// Threads: any.
+KEL_API Poco::Net::ServerSocket serverSocket(const Poco::Net::SocketAddress& address,
+                                             int backlog = 64);
+
 }  // namespace kel

@@ -30,7 +30,9 @@ namespace kel {
 /// "LoggerImpl instance created" and "... destroyed" on standard output.
 ///
 /// A forked child writes each line at once, on the thread that logs it; there loadLogging() and
-/// deleteLogger() do nothing.
+/// deleteLogger() do nothing. It uses loggers that were looked up before the fork: where another
+/// thread of the parent was looking one up at that moment, POCO's look-up waits for ever in the
+/// child.
 /// @throws Poco::Exception  the log directory cannot be created. What was logged to before stays in
 ///         use, the console at least; each later set-up tries again.
 /// After stopLibrary() it starts everything anew; after deleteLogger() it does nothing. Threads:

@@ -19,7 +19,7 @@
 
 #include "internal/json/ParseObject.h"
 #include "internal/log/UnitLog.h"
-#include "internal/mqtt/ServerUri.h"
+#include "internal/net/ServerUri.h"
 #include "internal/platform/Paths.h"
 #include "internal/platform/Platform.h"
 

@@ -35,10 +35,7 @@ class HttpServer;
 ///       }
 ///       result.set("half", number / 2);
 ///   });
-///   Poco::Net::ServerSocket socket;
-///   socket.bind({"127.0.0.1", 9528}, true, false);  // false: shares the port with nobody
-///   socket.listen();
-///   api->start(socket);
+///   api->start(kel::serverSocket({"127.0.0.1", 9528}));
 /// @endcode
 /// A path is matched exactly, letter case and a trailing slash included; the method is looked at
 /// only where the route names some. An unknown path is answered with {"code": -1, "msg": "api not

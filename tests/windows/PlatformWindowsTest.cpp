@@ -5,6 +5,8 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -63,6 +65,40 @@ void switchesTheModeOfAConsole() {
     platform::prepareConsole();
     ::GetConsoleMode(console, &switched);
     expect(switched == (plain | ENABLE_VIRTUAL_TERMINAL_PROCESSING), "adds the colour flag");
+}
+
+// The other is this executable again; it waits for a request to end.
+void keepsRequestsToEndTheProcess() {
+    const std::vector<std::pair<std::string, bool (*)(DWORD)>> requests{
+        {"Ctrl-Break",
+         [](DWORD pid) { return ::GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, pid) != 0; }},
+        {"the named event", [](DWORD pid) {
+             std::array<char, 16> name{};
+             std::snprintf(name.data(), name.size(), "POCOTRM%08lX", pid);
+             const HANDLE event = ::OpenEventA(EVENT_MODIFY_STATE, FALSE, name.data());
+             return event && ::SetEvent(event) && ::CloseHandle(event);
+         }}};
+    const HANDLE ready = ::CreateEventA(nullptr, FALSE, FALSE, "kel-test-ready");
+    for (const auto& [what, ask] : requests) {
+        STARTUPINFOA startup{};
+        startup.cb = sizeof(startup);
+        PROCESS_INFORMATION child{};
+        std::string command = "\"" + platform::executablePath() + "\" --await-end";
+        ::CreateProcessA(nullptr, command.data(), nullptr, nullptr, FALSE, CREATE_NEW_PROCESS_GROUP,
+                         nullptr, nullptr, &startup, &child);
+        ::WaitForSingleObject(ready, 60000);
+        DWORD code = 1;
+        expect(ask(child.dwProcessId), what + " can be sent");
+        expect(::WaitForSingleObject(child.hProcess, 60000) == WAIT_OBJECT_0 &&
+                   ::GetExitCodeProcess(child.hProcess, &code) && code == 0,
+               what + " ends the wait, not the process");
+    }
+}
+
+void awaitEnd() {
+    platform::catchTerminationRequests();
+    ::SetEvent(::OpenEventA(EVENT_MODIFY_STATE, FALSE, "kel-test-ready"));
+    platform::waitForTerminationRequest();
 }
 
 // In a folder whose name no 8-bit code page can hold, with both separators, longer than MAX_PATH.
@@ -131,7 +167,11 @@ void pingsWithoutAnAdministrator() {
 int main(int argc, char** argv) {
     const std::string argument = argc > 1 ? argv[1] : "";
     if (argument == "--wait") ::Sleep(60000);
-    if (argument == "--on-a-console") switchesTheModeOfAConsole();
+    if (argument == "--await-end") awaitEnd();
+    if (argument == "--on-a-console") {
+        switchesTheModeOfAConsole();
+        keepsRequestsToEndTheProcess();
+    }
     if (!argument.empty()) return failures;
     findsProcessesByExactNameAndKillsByTheCommand();
     replacesFilesInOneStep();

@@ -6,6 +6,7 @@
 
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "UnitLog.h"
 
@@ -37,13 +38,13 @@ void createLogDirectory(const std::string& directory) {
     }
 }
 
-bool FileSink::use(const std::string& path) {
-    _path = path;
+bool FileSink::use(std::string path) noexcept {
+    _path = std::move(path);
     try {
         open();
         return true;
     } catch (const std::exception& exc) {
-        log.error("Cannot open the log file: " + exceptionText(exc));
+        logExceptions(log, [&] { log.error("Cannot open the log file: " + exceptionText(exc)); });
         return false;
     }
 }

@@ -9,6 +9,7 @@
 
 #include "../process/NeverDestroyed.h"
 #include "../process/PublishedText.h"
+#include "LogPipeline.h"
 
 namespace kel {
 
@@ -51,6 +52,17 @@ std::string escapeOf(unsigned char c) {
     }
 }
 
+// Where the pipeline is at the logger, a line reaches it without a message: POCO asks the system
+// for the process's id to make one, which takes longer than everything else.
+void writeTo(Poco::Logger& logger, const char* file, int line, Poco::Message::Priority priority,
+             const std::string& text) {
+    Poco::AutoPtr<Poco::Channel> channel = logger.getChannel();
+    if (auto* const pipeline = dynamic_cast<PipelineChannel*>(channel.get())) {
+        if (pipeline->tryLog(recordOfNow(logger.name(), text, priority, file, line))) return;
+    }
+    logger.log(Poco::Message(logger.name(), text, priority, file, line));
+}
+
 void write(const char* file, int line, Poco::Message::Priority priority,
            const std::string& text) noexcept {
     if (stopped) return;
@@ -58,9 +70,9 @@ void write(const char* file, int line, Poco::Message::Priority priority,
         Poco::Logger& logger = Poco::Logger::get(loggerName());
         if (logger.getLevel() < priority) return;
         if (hasControls(text)) {
-            logger.log(Poco::Message(logger.name(), withoutControls(text), priority, file, line));
+            writeTo(logger, file, line, priority, withoutControls(text));
         } else {
-            logger.log(Poco::Message(logger.name(), text, priority, file, line));
+            writeTo(logger, file, line, priority, text);
         }
     } catch (...) {
         // There is nobody left to tell.

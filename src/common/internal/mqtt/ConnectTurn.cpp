@@ -11,9 +11,6 @@ namespace kel {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-constexpr auto kUntilVisible = std::chrono::seconds(1);
 constexpr auto kAskAgain = std::chrono::milliseconds(100);
 
 struct State {
@@ -21,7 +18,6 @@ struct State {
     std::condition_variable freed;
     // Guarded by mutex.
     bool taken = false;
-    Clock::time_point since;
     std::multiset<unsigned> waiting;  // the ranks
 };
 
@@ -42,7 +38,6 @@ ConnectTurn::ConnectTurn(unsigned rank, const GiveUp& giveUp) {
     turn.waiting.erase(place);
     if (_mine) {
         turn.taken = true;
-        turn.since = Clock::now();
     } else {
         turn.freed.notify_all();  // another may be next now
     }
@@ -53,12 +48,6 @@ ConnectTurn::~ConnectTurn() {
     const std::lock_guard<std::mutex> lock(state().mutex);
     state().taken = false;
     state().freed.notify_all();
-}
-
-void ConnectTurn::awaitVisible() {
-    State& turn = state();
-    std::unique_lock<std::mutex> lock(turn.mutex);
-    turn.freed.wait_until(lock, turn.since + kUntilVisible, [&] { return !turn.taken; });
 }
 
 }  // namespace kel

@@ -43,13 +43,14 @@
 #include <utility>
 
 #include "../log/UnitLog.h"
+#include "../net/ServerUri.h"
 #include "../platform/Platform.h"
 #include "../process/NeverDestroyed.h"
 #include "BrokerHost.h"
 #include "ConnectTurn.h"
 #include "Dispatcher.h"
 #include "Messaging.h"
-#include "ServerUri.h"
+#include "ReceiveThread.h"
 #include "Topics.h"
 
 namespace kel {
@@ -64,9 +65,6 @@ constexpr UnitLog log("src/common/MqttClient++");
 constexpr int kDisconnectTimeoutMs = 2000;
 constexpr auto kUnsure = std::chrono::seconds(1);
 constexpr auto kLookAgain = std::chrono::milliseconds(100);
-// The library waits 0.4 s for the receive thread that it begins.
-constexpr auto kThreadTooLate = std::chrono::milliseconds(350);
-constexpr auto kThreadSurelyRuns = std::chrono::milliseconds(1500);
 constexpr auto kPatienceWithPort = std::chrono::seconds(3);
 constexpr auto kPatienceAfterStop = std::chrono::seconds(3);
 
@@ -87,15 +85,10 @@ int checkMessage(const std::string& payload, const std::string& topic, int qos) 
     return fits ? MQTTCLIENT_SUCCESS : MQTTCLIENT_FAILURE;
 }
 
-// The library shuts down with its last handle, also while another thread just makes one. This
-// handle, which is never connected, keeps it up.
-void keepLibraryUp() {
-    static const int rc = [] {
-        MQTTClient keeper = nullptr;
-        return MQTTClient_create(&keeper, "127.0.0.1", "keeper", MQTTCLIENT_PERSISTENCE_NONE,
-                                 nullptr);
-    }();
-    static_cast<void>(rc);
+// Where only a stop ends a wait.
+bool libraryStopped() {
+    Messaging* const running = Messaging::running();
+    return !running || running->stopped();
 }
 
 }  // namespace
@@ -277,7 +270,7 @@ std::shared_ptr<Connection> Connection::create(const ConnectOptions& options, in
     const std::shared_ptr<Connection> connection(new Connection);
     rc = MQTTCLIENT_FAILURE;
     if (!inDeliveryCallback) {
-        keepLibraryUp();
+        ReceiveThread::prepare();
         beingCreated = connection.get();
         rc = MQTTClient_create(&connection->_handle, options.address.c_str(),
                                options.clientId.c_str(), MQTTCLIENT_PERSISTENCE_USER,
@@ -331,20 +324,16 @@ void Connection::silenceAll() {
 
 // While the process ends, or after a stop, a handle that is in use for long is left as it is.
 void Connection::destroyWhenUnused() {
-    const auto stopped = [] {
-        Messaging* const running = Messaging::running();
-        return !running || running->stopped();
-    };
     const auto begin = Clock::now();
     endLastSession();
     std::unique_lock<std::mutex> lock(_mutex);
     while (_calls > 0 || _callbacks > 0 || Clock::now() < _unsureSince + kUnsure) {
-        if (stopped() && Clock::now() > begin + kPatienceAfterStop) return;
+        if (libraryStopped() && Clock::now() > begin + kPatienceAfterStop) return;
         _returned.wait_for(lock, kLookAgain);
     }
     lock.unlock();
     endLastSession();  // an attempt that was in progress may have made one
-    if (const ConnectTurn turn(0, stopped); turn) destroyHandle();
+    if (const ConnectTurn turn(0, libraryStopped); turn) destroyHandle();
 }
 
 void Connection::endLastSession() {
@@ -363,7 +352,8 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
     const Call call(*this);
     if (!call) return MQTTCLIENT_DISCONNECTED;
     // A second connect on a connected handle would leave the first connection's socket behind.
-    leaveSession();
+    endSession();
+    if (!ReceiveThread::ensure(libraryStopped)) return MQTTCLIENT_FAILURE;
     LibraryOptions form(options);
     const std::lock_guard<std::mutex> answer(_answerMutex);
     {
@@ -385,30 +375,21 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
     return rc;
 }
 
-// MQTT 3.1.1, else 3.1. The library's default does the same, but makes the second attempt at once,
-// also where the first failed because the receive thread did not begin in time: it begins another
-// one then, and the two free each other's messages.
+// MQTT 3.1.1, else 3.1. The library's default does the same, but with the time-out for each.
 int Connection::tryVersions(MQTTClient_connectOptions& form, const std::string& address) {
     if (platform::kRefusedConnectIsSlow && brokerPortRefuses(address, kPatienceWithPort)) {
         return MQTTCLIENT_FAILURE;
     }
-    const auto begin = Clock::now();
-    const auto deadline = begin + std::chrono::seconds(form.connectTimeout);
+    const ReceiveThread::Awake awake;
+    const auto deadline = Clock::now() + std::chrono::seconds(form.connectTimeout);
     form.MQTTVersion = MQTTVERSION_3_1_1;
     int rc = MQTTClient_connect(_handle, &form);
-    const bool lateThread = Clock::now() - begin > kThreadTooLate;
-    if (rc == MQTTCLIENT_FAILURE && lateThread && Clock::now() < begin + kThreadSurelyRuns) {
-        std::this_thread::sleep_until(begin + kThreadSurelyRuns);
-        rc = MQTTClient_connect(_handle, &form);
-    }
     const auto left = std::chrono::floor<std::chrono::seconds>(deadline - Clock::now());
     if (rc != 0 && left.count() > 0) {
         form.MQTTVersion = MQTTVERSION_3_1;
         form.connectTimeout = static_cast<int>(left.count());
         rc = MQTTClient_connect(_handle, &form);
     }
-    // Ends the receive thread where it has nothing to do any more.
-    if (rc != 0) MQTTClient_disconnect(_handle, 0);
     return rc;
 }
 
@@ -417,11 +398,6 @@ void Connection::awaitAnswers() {
 }
 
 int Connection::endSession() {
-    ConnectTurn::awaitVisible();
-    return leaveSession();
-}
-
-int Connection::leaveSession() {
     _up = false;
     _window.close();
     if (!MQTTClient_isConnected(_handle)) return 0;

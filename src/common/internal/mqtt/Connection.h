@@ -103,7 +103,6 @@ private:
     void silence();
     std::shared_ptr<ConnectionEvents> events() const;
     int endSession();
-    int leaveSession();
     void endLastSession();
     void destroyWhenUnused();
     void destroyHandle();

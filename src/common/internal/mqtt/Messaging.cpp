@@ -19,6 +19,7 @@
 #include "../process/LibraryStop.h"
 #include "../process/NeverDestroyed.h"
 #include "Connection.h"
+#include "ReceiveThread.h"
 
 namespace kel {
 
@@ -64,8 +65,8 @@ Messaging::Messaging() {
         stop();
         return;
     }
-    _handlers = std::make_unique<ThreadPool>(1, 32, 60, 0);
-    _background = std::make_unique<ThreadPool>("mqttBackground", 1, 1024, 60, 0);
+    _handlers = std::make_unique<TaskPool>("", 32);
+    _background = std::make_unique<TaskPool>("mqttBackground", 1024);
     inBackground([this] { _dispatcher.run(); });
 }
 
@@ -89,6 +90,7 @@ void Messaging::stopRunning() {
     if (!last) return;
     Connection::silenceAll();
     last->stop();
+    ReceiveThread::stop();
 }
 
 // The dispatcher hands out what it has, for which it needs the handlers.

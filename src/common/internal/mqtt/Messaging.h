@@ -8,9 +8,9 @@
 #include <functional>
 #include <memory>
 
-#include "../../Statistics.h"
-#include "../../ThreadPool.h"
+#include "../../MqttStatistics.h"
 #include "../process/StopSignal.h"
+#include "../tasks/TaskPool.h"
 #include "Dispatcher.h"
 
 namespace kel {
@@ -29,7 +29,7 @@ public:
     Messaging();
 
     /// The documented pool of 1 to 32 threads.
-    ThreadPool& handlers() { return *_handlers; }
+    TaskPool& handlers() { return *_handlers; }
 
     /// Hands `task` to the handlers, waiting a few milliseconds for a place: tiny handlers finish
     /// in microseconds, yet a burst of messages finds all threads taken. After a wait in vain there
@@ -56,8 +56,8 @@ private:
     void stop();
 
     // Set at construction, own locking. Null while the process ends.
-    std::unique_ptr<ThreadPool> _handlers;
-    std::unique_ptr<ThreadPool> _background;
+    std::unique_ptr<TaskPool> _handlers;
+    std::unique_ptr<TaskPool> _background;
     Dispatcher _dispatcher;
     StopSignal _stop;
 

@@ -19,11 +19,13 @@
 #include <icmpapi.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <future>
 #include <iostream>
 #include <memory>
+#include <new>
 #include <system_error>
 #include <thread>
 
@@ -187,8 +189,14 @@ bool renameOver(const std::wstring& from, const std::wstring& to) {
     });
 }
 
+// By the name that Poco::Process::requestTermination() sets: the one request for a process without
+// a console.
 HANDLE terminationRequest() {
-    static const HANDLE event = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    static const HANDLE event = [] {
+        std::array<wchar_t, 16> name{};
+        ::swprintf_s(name.data(), name.size(), L"POCOTRM%08lX", ::GetCurrentProcessId());
+        return ::CreateEventW(nullptr, FALSE, FALSE, name.data());
+    }();
     return event;
 }
 
@@ -319,6 +327,16 @@ bool AppendedFile::empty() const noexcept {
     return ::GetFileSizeEx(asHandle(_handle), &size) && size.QuadPart == 0;
 }
 
+void* allocatePages(std::size_t bytes) {
+    void* const pages = ::VirtualAlloc(nullptr, bytes, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+    if (!pages) throw std::bad_alloc();
+    return pages;
+}
+
+void freePages(void* pages, std::size_t) noexcept {
+    ::VirtualFree(pages, 0, MEM_RELEASE);
+}
+
 std::string_view lineEnd() noexcept {
     return "\r\n";
 }
@@ -424,6 +442,10 @@ bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& r
 }
 
 void sendAtOnceTo(std::uint16_t) {}
+
+bool reusesListeningAddress() noexcept {
+    return false;
+}
 
 const bool kRefusedConnectIsSlow = true;
 

@@ -10,7 +10,8 @@
 #include <mutex>
 
 #include "../../Tls.h"
-#include "../mqtt/ServerUri.h"
+#include "../net/ServerUri.h"
+#include "../platform/Platform.h"
 #include "Context.h"
 #include "Settings.h"
 #include "Sockets.h"
@@ -36,7 +37,7 @@ tls::Settings announcedServerSettings() {
 Poco::Net::ServerSocket secureServerSocket(const Poco::Net::SocketAddress& address, int backlog) {
     SecureServerSocket socket(new tls::SecureServerSocketImpl(
         std::make_shared<tls::RenewedContext>(announcedServerSettings())));
-    socket.bind(address, true, false);
+    socket.bind(address, platform::reusesListeningAddress(), false);
     socket.listen(backlog);
     return socket;
 }
