@@ -3,7 +3,7 @@
 #include <Poco/Exception.h>
 
 #include "Fuzz.h"
-#include "common/internal/mqtt/ServerUri.h"
+#include "common/internal/net/ServerUri.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text = fuzz::textOf(data, size);

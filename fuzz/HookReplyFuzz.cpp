@@ -1,6 +1,6 @@
 // What a management endpoint sends in reply to a hook. The hook's callback is called in any case.
 
-#include <Poco/Net/NetException.h>
+#include <Poco/Exception.h>
 #include <Poco/Net/ServerSocket.h>
 
 #include <future>
@@ -19,7 +19,7 @@ void answer(Poco::Net::ServerSocket& server, const std::uint8_t* data, std::size
         peer.sendBytes(data, static_cast<int>(size));
         peer.shutdownSend();
         while (peer.receiveBytes(request, sizeof request) > 0) continue;
-    } catch (const Poco::Net::NetException&) {
+    } catch (const Poco::IOException&) {
         // The hook has closed already.
     }
 }

@@ -36,7 +36,9 @@ Result failEach(const std::function<void()>& action, const std::function<bool()>
             ++thrown;
         }
         spared = untilFailure.exchange(0) > 0 ? spared + 1 : 0;
-        if (!works()) return {false, "does not go on after failure " + std::to_string(n) + "; " + errorIn(log)};
+        if (!works())
+            return {false,
+                    "does not go on after failure " + std::to_string(n) + "; " + errorIn(log)};
     }
     return {n <= kMost, std::to_string(n - 4) + " places, " + std::to_string(thrown) +
                             " exceptions to the caller; " + errorIn(log) + "; went on each time"};
