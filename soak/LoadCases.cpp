@@ -199,12 +199,13 @@ Result logLines(double scale) {
 }
 
 Result clients(double scale) {
+    constexpr int kAtATime = 100;  // each is a background thread, which ends a minute later
     const long total = scaled(10'000, scale);
     Broker broker;
     connected(broker.address(), "first");  // what the first one starts stays
     std::atomic<long> done{0}, next{0}, failed{0};
     Watch watch(total);
-    onThreads(100, [&](int) {
+    onThreads(kAtATime, [&](int) {
         for (long i = next++; i < total; i = next++) {
             try {
                 connected(broker.address(), "client" + std::to_string(i))->Disconnect();
@@ -215,7 +216,7 @@ Result clients(double scale) {
         }
     });
     return watch.end(failed == 0, "clients made, connected and released",
-                     std::to_string(failed) + " failed", kPoolThreads + kMqttThreads);
+                     std::to_string(failed) + " failed", kAtATime + kMqttThreads);
 }
 
 // A client whose broker ends `ends` sessions at random moments, under traffic.
@@ -249,6 +250,8 @@ struct Restarted {
 // Many clients at once, since each waits for seconds before it connects again.
 Result restarts(double scale) {
     constexpr int kPairs = 40;
+    const ScriptedBroker broker{ScriptedBroker::Manner::kAcknowledges};
+    connected(broker.address(), "first");  // what the first one starts stays
     const long each = std::max(2L, scaled(2000, scale) / kPairs), total = each * kPairs;
     Watch watch(total);
     std::atomic<long> ends{0}, confirmed{0}, wrong{0};
@@ -268,7 +271,7 @@ Result restarts(double scale) {
 std::vector<Case> loadCases() {
     return {{"load", "messages", messages, 600}, {"load", "tasks", tasks},
             {"load", "requests", requests},      {"load", "log lines", logLines, 300},
-            {"load", "clients", clients, 300},   {"load", "broker restarts", restarts, 300}};
+            {"load", "clients", clients, 600},   {"load", "broker restarts", restarts, 300}};
 }
 
 }  // namespace soak
