@@ -147,17 +147,18 @@ HttpStatistics ConnectionServer::statistics() const {
 void ConnectionServer::accept() {
     while (running()) {
         try {
+            lookAfterConnections();
             if (_socket.poll(Poco::Timespan(0, kSlice.count() * 1000), StreamSocket::SELECT_READ)) {
                 Sockets accepted;
                 accepted.push_back(_socket.acceptConnection());
                 admit(accepted);
             }
-        } catch (const Poco::Exception& exc) {
+        } catch (...) {
             if (!running()) break;
-            Poco::ErrorHandler::handle(exc);
-            Poco::Thread::sleep(50);  // out of descriptors, for example: others need time to close
+            reportExceptions([] { throw; });
+            // Out of memory or descriptors, for example: others need time to release theirs.
+            Poco::Thread::sleep(50);
         }
-        lookAfterConnections();
     }
     _refused.clear();
 }
@@ -202,16 +203,14 @@ void ConnectionServer::lookAfterConnections() {
 
 // The caller holds the mutex. A new thread counts as idle until it has taken a connection.
 void ConnectionServer::provideThreads() {
-    try {
+    reportExceptions([this] {
         while (_queue.size() > _idleThreads && _threads < _maxThreads) {
             threads().start("HttpConnection", _params->getThreadPriority(),
                             [self = shared_from_this()] { self->work(); });
             ++_threads;
             ++_idleThreads;
         }
-    } catch (const Poco::Exception& exc) {
-        Poco::ErrorHandler::handle(exc);
-    }
+    });
 }
 
 // The caller holds the mutex.
