@@ -22,10 +22,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
+#include <semaphore>
 #include <string>
 #include <thread>
+#include <vector>
 
-#include "Await.h"
 #include "Rounds.h"
 #include "common/HttpClient.h"
 #include "common/ThreadPool.h"
@@ -157,7 +159,7 @@ void serve(const bench::Rounds& rounds) {
                 return bench::Job(
                     [=] { return std::vector<double>{requestsPerSecond(url, connections)}; });
             };
-            rounds.contest(title + ", " + std::to_string(connections) + " connections",
+            rounds.contest(title + ", kept connections: " + std::to_string(connections),
                            {"requests/s"}, ask(urlOf(ours.socket, path)),
                            {{"POCO's HTTPServer", ask(urlOf(bare.socket, path)), 1.0}});
         }
@@ -176,55 +178,53 @@ bool getByHand(const Poco::Net::SocketAddress& address) {
     return response.getStatus() == HTTPResponse::HTTP_OK;
 }
 
-// `getOne` takes the counter of those that succeeded, and may return before it is raised. No more
-// than kClients are under way at a time.
-template <typename GetOne>
-std::vector<double> getsPerSecond(GetOne&& getOne) {
-    std::atomic<int> begun{0}, succeeded{0};
+double getsPerSecond(const std::function<int()>& getAll) {
     const auto begin = std::chrono::steady_clock::now();
-    getOne(begun, succeeded);
-    bench::check(await([&] { return succeeded == kGets; }), "not every request has succeeded");
+    bench::check(getAll() == kGets, "not every request has succeeded");
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
-    return {kGets / took.count()};
+    return kGets / took.count();
 }
 
-std::vector<double> getByClient(const std::string& url) {
-    return getsPerSecond([&](std::atomic<int>& begun, std::atomic<int>& succeeded) {
-        const auto client = kel::HttpClient::defaultHttpClient();
-        while (begun < kGets) {
-            if (begun - succeeded >= kClients) {
-                std::this_thread::yield();
-                continue;
-            }
-            ++begun;
-            client->doHttpRequest(url, [&](auto status, std::istream& body) {
-                Poco::NullOutputStream none;
-                Poco::StreamCopier::copyStream(body, none);
-                succeeded += status == HTTPResponse::HTTP_OK;
-            });
-        }
-    });
+// kClients requests are under way at a time; whoever submits them sleeps until one has ended.
+int getByClient(const std::string& url) {
+    const auto client = kel::HttpClient::defaultHttpClient();
+    std::counting_semaphore<kClients> places(kClients);
+    std::atomic<int> succeeded{0};
+    for (int i = 0; i < kGets; ++i) {
+        places.acquire();
+        client->doHttpRequest(url, [&](auto status, std::istream& body) {
+            Poco::NullOutputStream none;
+            Poco::StreamCopier::copyStream(body, none);
+            succeeded += status == HTTPResponse::HTTP_OK;
+            places.release();
+        });
+    }
+    for (int i = 0; i < kClients; ++i) places.acquire();
+    return succeeded;
 }
 
-std::vector<double> getBySessions(const Poco::Net::SocketAddress& address) {
-    return getsPerSecond([&](std::atomic<int>& begun, std::atomic<int>& succeeded) {
-        std::vector<std::thread> threads;
-        for (int i = 0; i < kClients; ++i) {
-            threads.emplace_back([&] {
-                while (begun++ < kGets) succeeded += getByHand(address);
-            });
-        }
-        for (std::thread& thread : threads) thread.join();
-    });
+int getBySessions(const Poco::Net::SocketAddress& address) {
+    std::atomic<int> begun{0}, succeeded{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kClients; ++i) {
+        threads.emplace_back([&] {
+            while (begun++ < kGets) succeeded += getByHand(address);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    return succeeded;
 }
 
 void request(const bench::Rounds& rounds) {
     BareServer server;
     const auto address = server.socket.address();
+    const auto rateOf = [](std::function<int()> getAll) {
+        return bench::Job([=] { return std::vector<double>{getsPerSecond(getAll)}; });
+    };
     rounds.contest(
         "GETs, 8 at a time, a connection each", {"requests/s"},
-        [&] { return getByClient(urlOf(server.socket, "/json")); },
-        {{"HTTPClientSession on 8 threads", [&] { return getBySessions(address); }, 1.0}});
+        rateOf([url = urlOf(server.socket, "/json")] { return getByClient(url); }),
+        {{"HTTPClientSession on 8 threads", rateOf([&] { return getBySessions(address); }), 1.0}});
 }
 
 }  // namespace

@@ -1,9 +1,9 @@
+#include <Poco/Event.h>
 #include <Poco/Exception.h>
 #include <Poco/NotificationCenter.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <latch>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -55,13 +55,13 @@ TEST_F(Notifications, ReachEveryObserverAndLeaveNothingBehind) {
 
 TEST_F(Notifications, NothingOfAnObserverIsLeftOnceItIsRemoved) {
     for (int round = 0; round < 100; ++round) {
-        std::latch posting(1), others(1);
+        Poco::Event posting, others;
         std::atomic<bool> ended{false};
         std::string calls;
         auto owned = std::make_shared<int>();
         const std::weak_ptr<int> left = owned;
         add("a", [&, owned = std::move(owned)](auto*) {
-            posting.count_down();
+            posting.set();
             others.wait();
             for (int i = 0; i < 100; ++i) std::this_thread::yield();
             ended = true;
@@ -71,7 +71,7 @@ TEST_F(Notifications, NothingOfAnObserverIsLeftOnceItIsRemoved) {
         posting.wait();  // by now POCO has its list of whom to call
         _center->removeObserver("b");
         add("c", [&](auto*) { calls += "latter"; });
-        others.count_down();
+        others.set();
         _center->removeObserver("a");
         EXPECT_TRUE(ended);
         EXPECT_TRUE(left.expired()) << "what the callback holds is not destroyed yet";

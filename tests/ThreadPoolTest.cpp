@@ -63,12 +63,12 @@ TEST(ThreadPool, RefusesWorkWhenFullLogsWhatATaskThrowsAndGoesOn) {
     EXPECT_TRUE(await([&] { return pool.pendingTasks() == 0; }));
     pool.start([] { throw 42; });  // nobody's exception type; must not end the process
     pool.start({});
-    pool.start([] { throw Poco::TimeoutException("the valve"); });
+    pool.start([] { throw Poco::TimeoutException("the tap"); });
     pool.start([] { throw std::runtime_error("the pump"); });
     pool.stop();
     EXPECT_EQ(3u, log.count(""));
     EXPECT_EQ(36, log.find("exception: No thread available").getSourceLine());
-    EXPECT_EQ(49, log.find("Timeout: the valve").getSourceLine());
+    EXPECT_EQ(49, log.find("Timeout: the tap").getSourceLine());
     EXPECT_EQ(52, log.find("the pump").getSourceLine());
     EXPECT_STREQ("src/common/ThreadPool", log.find("").getSourceFile());
 }
@@ -108,7 +108,7 @@ TEST(ThreadPool, NoTaskWaitsBehindABlockedOne) {
         const auto submitter = [&] {
             for (int i = 0; i < 2; ++i) {
                 pool.start([&] { ++tiny; });
-                pool.start([&] { gate.wait(); }, "valve");
+                pool.start([&] { gate.wait(); }, "tap");
             }
         };
         std::thread other(submitter);
@@ -153,11 +153,11 @@ TEST(ThreadPool, NamesItsThreadsAndClearsTheirLocalsForEachTask) {
         names.push_back(Poco::Thread::current()->name());
         EXPECT_EQ(0, (*local)++);
     };
-    for (const char* name : {"valve", "", "pump"}) {
+    for (const char* name : {"tap", "", "pump"}) {
         pool.start(note, name);
         pool.joinAll();
     }
-    EXPECT_EQ(names, std::vector<std::string>({"valve (crew[#1])", "crew[#1]", "pump (crew[#1])"}));
+    EXPECT_EQ(names, std::vector<std::string>({"tap (crew[#1])", "crew[#1]", "pump (crew[#1])"}));
 }
 
 // Its threads end with it, also where one of its tasks releases it.

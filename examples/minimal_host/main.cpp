@@ -3,6 +3,7 @@
 #include <Poco/Event.h>
 #include <Poco/Logger.h>
 #include <common/Config.h>
+#include <common/HttpServer.h>
 #include <common/Library.h>
 #include <common/Logger.h>
 #include <common/MqttClient++.h>
@@ -31,15 +32,12 @@ int main() {
     kel::loadConfig();  // ... unless there is a ~/.config/kelhost/minimal_host.json
     const std::string broker = kel::configInstance().getString("mqtt.address", "127.0.0.1");
 
-    Poco::Net::ServerSocket socket;
-    socket.bind({"127.0.0.1", 9528}, true, false);  // throws if the port is taken
-    socket.listen();
     auto web = kel::WebApiBasic::instance();
     web->apiRegist("/index/api/on_server_started", [](auto&, auto&, auto&, auto& result) {
         result.set("code", 0);
         reported.set();
     });
-    web->start(socket);
+    web->start(kel::serverSocket({"127.0.0.1", 9528}));  // throws if the port is taken
     kel::WebHookBasic::defaultWebHook()->reportServerStarted();
 
     // Any part of the host can listen to any other, without knowing it.

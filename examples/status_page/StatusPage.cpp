@@ -1,6 +1,6 @@
 // StatusPage.cpp - requests run on threads of the web server, several at a time, and may go on
-// after stop(): every handler holds the page weakly and sends nothing once it has gone. No handler
-// waits for the broker: what is to be published is put into a queue.
+// after stop(): every handler holds the page weakly and sends nothing once it is destroyed. No
+// handler waits for the broker: what is to be published is put into a queue.
 //
 // What a request has to show stands in one place, whyRefused(). It is asked before the body is
 // read, so that whoever has no key cannot have one parsed.
@@ -12,12 +12,11 @@
 #include <Poco/Logger.h>
 #include <Poco/Net/IPAddress.h>
 #include <Poco/Net/MediaType.h>
-#include <Poco/Net/NetException.h>
-#include <Poco/Net/StreamSocket.h>
 #include <Poco/NumberParser.h>
 #include <Poco/StreamCopier.h>
 #include <Poco/String.h>
 #include <Poco/StringTokenizer.h>
+#include <common/HttpServer.h>
 #include <common/Logger.h>
 #include <common/ThreadPool.h>
 #include <common/Tls.h>
@@ -49,26 +48,6 @@ constexpr std::streamsize kLongestBody = 256 * 1024;
 
 // --- Listening ---------------------------------------------------------------------------------
 
-bool answers(const SocketAddress& address) {
-    try {
-        const bool everywhere = address.host().isWildcard();
-        const Poco::Timespan limit(1, 0);
-        Poco::Net::StreamSocket().connect(
-            everywhere ? SocketAddress("127.0.0.1", address.port()) : address, limit);
-        return true;
-    } catch (const Poco::Exception&) {
-        return false;
-    }
-}
-
-// The port of a host that has just ended can be had at once only by reusing its address. On some
-// systems that would share the port of one that runs: hence the question.
-void expectFree(const SocketAddress& address) {
-    if (address.port() != 0 && answers(address)) {
-        throw Poco::Net::NetException("Address already in use", address.toString());
-    }
-}
-
 // Whoever listens in on a network would learn the key.
 void expectPrivate(const SocketAddress& address, bool openToNetwork) {
     if (address.host().isLoopback() || openToNetwork) return;
@@ -79,23 +58,27 @@ void expectPrivate(const SocketAddress& address, bool openToNetwork) {
                      address.host().toString(), kel::serverCertificateFile()));
 }
 
-ServerSocket listenInTheClear(const SocketAddress& address) {
-    expectFree(address);
-    ServerSocket socket;
-    socket.bind(address, true, false);
-    socket.listen();
-    return socket;
-}
-
-ServerSocket listenOverTls(const SocketAddress& address) {
-    expectFree(address);
-    return kel::secureServerSocket(address);
-}
-
 // The library's defaults name a certificate that most machines do not have.
 bool hasCertificate() {
     const std::string file = kel::serverCertificateFile();
     return !file.empty() && Poco::File(file).exists();
+}
+
+ServerSocket listenAt(const std::string& host, const PageSettings& settings, bool overTls) {
+    const Poco::UInt16 port = overTls ? settings.tlsPort : settings.port;
+    try {
+        const SocketAddress address(host, port);
+        if (overTls) return kel::secureServerSocket(address);
+        expectPrivate(address, settings.openToNetwork);
+        return kel::serverSocket(address);
+    } catch (const Poco::InvalidAccessException&) {
+        throw;
+    } catch (const Poco::Exception& exc) {
+        throw Poco::IOException(
+            Poco::format("no web API at %s, port %hu (settings http.address, %s): %s", host, port,
+                         std::string(overTls ? "http.sslport, openSSL.server.*" : "http.port"),
+                         exc.displayText()));
+    }
 }
 
 // --- Replies -----------------------------------------------------------------------------------
@@ -232,30 +215,18 @@ const char* typeOf(const std::string& file) {
 
 }  // namespace
 
-ServerSocket StatusPage::listen(const PageSettings& settings) {
-    const bool overTls = hasCertificate();
-    const Poco::UInt16 port = overTls ? settings.tlsPort : settings.port;
-    try {
-        const SocketAddress address(settings.address, port);
-        if (overTls) return listenOverTls(address);
-        expectPrivate(address, settings.openToNetwork);
-        return listenInTheClear(address);
-    } catch (const Poco::InvalidAccessException&) {
-        throw;
-    } catch (const Poco::Exception& exc) {
-        throw Poco::IOException(Poco::format(
-            "no web API at %s, port %hu (settings http.address, %s): %s", settings.address, port,
-            std::string(overTls ? "http.sslport, openSSL.server.*" : "http.port"),
-            exc.displayText()));
-    }
+std::vector<ServerSocket> StatusPage::listen(const PageSettings& settings) {
+    if (!hasCertificate()) return {listenAt(settings.address, settings, false)};
+    std::vector<ServerSocket> sockets = {listenAt(settings.address, settings, true)};
+    if (settings.besideTls) sockets.push_back(listenAt("127.0.0.1", settings, false));
+    return sockets;
 }
 
-StatusPage::StatusPage(const PageSettings& settings, const ServerSocket& socket)
+StatusPage::StatusPage(const PageSettings& settings, const std::vector<ServerSocket>& sockets)
     : _settings(settings),
-      _socket(socket),
-      _scheme(socket.secure() ? "https" : settings.scheme),
+      _sockets(sockets),
       _hostNames(namesIn(settings.hostNames)),
-      _access(settings.key, _hostNames, _scheme),
+      _access(settings.key, _hostNames, settings.scheme),
       _disclosure(settings.shownSettings) {}
 
 void StatusPage::start(const std::shared_ptr<Host>& host) {
@@ -265,7 +236,7 @@ void StatusPage::start(const std::shared_ptr<Host>& host) {
     });
     registerPage();
     registerRoutes();
-    _api->start(_socket);
+    _api->start(_sockets);
     replaceBuiltIns();
     poco_notice(Poco::Logger::get(kel::logName()), "status page: " + address());
 }
@@ -276,13 +247,14 @@ void StatusPage::stop() {
 }
 
 std::string StatusPage::address() const {
-    SocketAddress at = _socket.address();
+    const ServerSocket& socket = _sockets.front();
+    SocketAddress at = socket.address();
     const bool everywhere = at.host().isWildcard();
     if (everywhere) at = SocketAddress("127.0.0.1", at.port());
-    const bool byName = everywhere && _socket.secure() && !_hostNames.empty();
+    const bool byName = everywhere && socket.secure() && !_hostNames.empty();
     const std::string authority =
         byName ? _hostNames.front() + ":" + std::to_string(at.port()) : at.toString();
-    return _scheme + "://" + authority + "/status";
+    return (socket.secure() ? "https" : _settings.scheme) + "://" + authority + "/status";
 }
 
 // --- Routes ------------------------------------------------------------------------------------

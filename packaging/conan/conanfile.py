@@ -9,7 +9,7 @@ from conan.tools.files import copy
 
 class KelCommon(ConanFile):
     name = "kelcommon"
-    version = "1.0.0"
+    version = "1.1.0"
     description = "Shared runtime library of the service processes on an edge host"
     package_type = "shared-library"
     settings = "os", "compiler", "build_type", "arch"

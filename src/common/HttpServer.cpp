@@ -159,4 +159,11 @@ HttpStatistics HttpServer::statistics() const {
     return server ? server->statistics() : HttpStatistics();
 }
 
+Poco::Net::ServerSocket serverSocket(const Poco::Net::SocketAddress& address, int backlog) {
+    Poco::Net::ServerSocket socket;
+    socket.bind(address, platform::reusesListeningAddress(), false);
+    socket.listen(backlog);
+    return socket;
+}
+
 }  // namespace kel

@@ -26,15 +26,16 @@
 #include <utility>
 #include <vector>
 
+#include "Utils.h"
 #include "internal/log/UnitLog.h"
 #include "internal/mqtt/BrokerHost.h"
 #include "internal/mqtt/ConnectTurn.h"
 #include "internal/mqtt/Connection.h"
 #include "internal/mqtt/Delivery.h"
 #include "internal/mqtt/Messaging.h"
-#include "internal/mqtt/ServerUri.h"
 #include "internal/mqtt/Subscriptions.h"
 #include "internal/mqtt/Topics.h"
+#include "internal/net/ServerUri.h"
 #include "internal/process/LibraryStop.h"
 
 namespace kel {
@@ -394,7 +395,7 @@ bool MqttClient::Impl::awaitBrokerHost(Messaging& messaging, const Weak& weak, u
         if (!client || client->_released) return false;
         if (client->_connected || client->_losses != loss) return false;
         if (!client->connection()) return true;
-        if (brokerHostAnswers(client->options.address)) {
+        if (brokerHostAnswers(client->options.address, pingIp)) {
             log.information("ping succeed, ip: " + withoutCredentials(client->options.address));
             return true;
         }

@@ -7,17 +7,13 @@
 
 #include "ThreadPool.h"
 
-#include <Poco/ErrorHandler.h>
-#include <Poco/Exception.h>
-#include <Poco/Format.h>
 #include <Poco/Thread.h>
 
 #include <algorithm>
 
-#include "internal/log/UnitLog.h"
 #include "internal/process/LibraryStop.h"
 #include "internal/process/NeverDestroyed.h"
-#include "internal/process/TaskThreads.h"
+#include "internal/tasks/TaskPool.h"
 
 namespace kel {
 
@@ -25,26 +21,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr UnitLog log("src/common/ThreadPool");
-
-// Line numbers that operators filter on.
-constexpr int kRefusedLine = 36;
-constexpr int kPocoExceptionLine = 49;
-constexpr int kStdExceptionLine = 52;
-
 constexpr std::chrono::milliseconds kStopPatience = 10s;
-
-void runLogged(const std::function<void()>& func) {
-    try {
-        if (func) func();
-    } catch (const Poco::Exception& exc) {
-        log.error(exc.displayText(), kPocoExceptionLine);
-    } catch (const std::exception& exc) {
-        log.error(std::string(exc.what()), kStdExceptionLine);
-    } catch (...) {
-        Poco::ErrorHandler::handle();  // as on a thread of POCO's
-    }
-}
 
 bool always() {
     return true;
@@ -52,8 +29,8 @@ bool always() {
 
 std::shared_ptr<TaskThreads> makeThreads(const std::string& name, int kept, int idleTime,
                                          bool (*mayBegin)()) {
-    return std::make_shared<TaskThreads>(TaskThreads::Settings{
-        name, static_cast<std::size_t>(kept), std::chrono::seconds(idleTime), runLogged, mayBegin});
+    return makeLoggingThreads(name, static_cast<std::size_t>(kept), std::chrono::seconds(idleTime),
+                              mayBegin);
 }
 
 // The default pool's threads begin anew after a stop of the library, which has to stop them again.
@@ -93,28 +70,11 @@ void ThreadPool::start(std::function<void()> func) {
 }
 
 void ThreadPool::start(std::function<void()> func, const std::string& name) {
-    try {
-        TaskThreads::Task task{std::move(func), name};
-        switch (_threads->accept(task, places(), 0ms, getStackSize())) {
-            case TaskThreads::Answer::kAccepted:
-                return;
-            case TaskThreads::Answer::kFull:
-                throw Poco::NoThreadAvailableException();
-            case TaskThreads::Answer::kStopped:
-                throw Poco::IllegalStateException("thread pool is stopped");
-        }
-    } catch (const std::exception& exc) {
-        log.error(Poco::format("exception: %s", std::string(exc.what())), kRefusedLine);
-        throw;
-    }
+    startOrThrow(*_threads, {std::move(func), name}, places(), getStackSize());
 }
 
 bool ThreadPool::tryStart(std::function<void()>&& func, std::chrono::milliseconds patience) {
-    TaskThreads::Task task{std::move(func), ""};
-    const auto answer = _threads->accept(task, places(), patience, getStackSize());
-    if (answer == TaskThreads::Answer::kAccepted) return true;
-    func = std::move(task.func);
-    return false;
+    return tryToStart(*_threads, std::move(func), places(), patience, getStackSize());
 }
 
 // What runs on POCO's own threads takes places as well.
@@ -127,10 +87,7 @@ std::size_t ThreadPool::pendingTasks() {
 }
 
 void ThreadPool::stop() {
-    const std::size_t left = _threads->stop(kStopPatience);
-    if (left != 0) {
-        log.error(Poco::format("thread pool %s stops with %z tasks running", name(), left));
-    }
+    stopOrLog(*_threads, name());
     if (Poco::ThreadPool::used() == 0) Poco::ThreadPool::stopAll();
 }
 

@@ -2,7 +2,7 @@
 
 // The one place that holds the version; CMake reads it from here.
 #define KEL_VERSION_MAJOR 1
-#define KEL_VERSION_MINOR 0
+#define KEL_VERSION_MINOR 1
 #define KEL_VERSION_PATCH 0
 
 #include "Export.h"

@@ -1,12 +1,17 @@
 // ConnectionServer.cpp - the threads between a listening socket and the connections' requests.
 //
 // state                           who may touch it
+// _socket                         start() and stop(), and the acceptor's thread between them
 // _refused, _lookedAfter          the acceptor's thread
-// _queue, _open, thread counts    any thread, with _mutex
+// _queue, _open, the counts       any thread, with _mutex
 // _state                          any thread; atomic
 //
 // A worker owns its connection; others reach it through _open only, where it stands from before its
 // first byte is read until after its last is written. Nothing is called out with _mutex held.
+//
+// An accepted socket has one reference, which the acceptor hands to a worker under _mutex: with
+// two, either thread might be the one that destroys the socket. A connection counts until that is
+// done.
 
 #include "ConnectionServer.h"
 
@@ -68,13 +73,13 @@ ConnectionServer::ConnectionServer(const ServerSocket& socket,
                                    Poco::AutoPtr<HTTPServerParams> params,
                                    std::shared_ptr<const HttpConnection::Callback> callback,
                                    const ServerTimes& times)
-    : _socket(socket),
-      _params(params),
+    : _params(params),
       _callback(std::move(callback)),
       _state(std::make_shared<ServerState>(times)),
       _process(platform::currentProcessId()),
       _maxThreads(threadsOf(*params)),
-      _maxQueued(static_cast<std::size_t>(std::max(0, params->getMaxQueued()))) {}
+      _maxQueued(static_cast<std::size_t>(std::max(0, params->getMaxQueued()))),
+      _socket(socket) {}
 
 void ConnectionServer::start() {
     listenAgain();
@@ -94,11 +99,19 @@ void ConnectionServer::stop() {
     const bool stillListening = !wakeAcceptor();
     if (_acceptor) _acceptor->join();
     if (stillListening) _socket.close();
-    std::deque<StreamSocket> waiting;
-    const std::lock_guard<std::mutex> lock(_mutex);
-    waiting.swap(_queue);
-    for (GuardedSocket* connection : _open) connection->closeIfIdle();
-    _arrived.notify_all();
+    _socket = ServerSocket();  // requests in progress must not keep the host's from being destroyed
+    closeWaiting();
+}
+
+void ConnectionServer::closeWaiting() {
+    Sockets waiting;
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        waiting.swap(_queue);
+        for (GuardedSocket* connection : _open) connection->closeIfIdle();
+        _arrived.notify_all();
+    }
+    waiting.clear();
 }
 
 // The host may hold the socket for long: its port must not take connections that nobody serves.
@@ -115,7 +128,7 @@ bool ConnectionServer::wakeAcceptor() {
 bool ConnectionServer::awaitRequestsInProgress(Clock::time_point end) {
     const std::size_t own = servingOnThisThread == this ? 1 : 0;
     std::unique_lock<std::mutex> lock(_mutex);
-    return _ended.wait_until(lock, end, [&] { return _open.size() <= own; });
+    return _ended.wait_until(lock, end, [&] { return _serving <= own; });
 }
 
 void ConnectionServer::abortConnections() {
@@ -126,7 +139,7 @@ void ConnectionServer::abortConnections() {
 HttpStatistics ConnectionServer::statistics() const {
     HttpStatistics numbers = _state->counters.snapshot();
     const std::lock_guard<std::mutex> lock(_mutex);
-    numbers.connections = _open.size();
+    numbers.connections = _serving;
     numbers.queued = _queue.size();
     return numbers;
 }
@@ -134,27 +147,30 @@ HttpStatistics ConnectionServer::statistics() const {
 void ConnectionServer::accept() {
     while (running()) {
         try {
+            lookAfterConnections();
             if (_socket.poll(Poco::Timespan(0, kSlice.count() * 1000), StreamSocket::SELECT_READ)) {
-                admit(_socket.acceptConnection());
+                Sockets accepted;
+                accepted.push_back(_socket.acceptConnection());
+                admit(accepted);
             }
-        } catch (const Poco::Exception& exc) {
+        } catch (...) {
             if (!running()) break;
-            Poco::ErrorHandler::handle(exc);
-            Poco::Thread::sleep(50);  // out of descriptors, for example: others need time to close
+            reportExceptions([] { throw; });
+            // Out of memory or descriptors, for example: others need time to release theirs.
+            Poco::Thread::sleep(50);
         }
-        lookAfterConnections();
     }
     _refused.clear();
 }
 
-void ConnectionServer::admit(const StreamSocket& accepted) {
+void ConnectionServer::admit(Sockets& accepted) {
     std::unique_lock<std::mutex> lock(_mutex);
     const std::size_t freeThreads = _maxThreads - (_threads - _idleThreads);
     if (_queue.size() >= freeThreads + _maxQueued) {
         lock.unlock();
-        return refuse(accepted);
+        return refuse(accepted.front());
     }
-    _queue.push_back(accepted);
+    _queue.splice(_queue.end(), accepted);
     provideThreads();
     noteCrowd();
     _arrived.notify_one();
@@ -165,8 +181,12 @@ void ConnectionServer::refuse(const StreamSocket& accepted) {
     _state->countRefusal();
     if (accepted.secure()) return;
     StreamSocket socket(accepted);
-    socket.sendBytes(kRefusal.data(), static_cast<int>(kRefusal.size()));
-    socket.shutdownSend();
+    try {
+        socket.sendBytes(kRefusal.data(), static_cast<int>(kRefusal.size()));
+        socket.shutdownSend();
+    } catch (const Poco::Exception&) {
+        return;  // the client has closed it; those who wait to be accepted need not wait for that
+    }
     _refused.push_back({socket, Clock::now() + kRefusalTime});
     if (_refused.size() > kMaxRefused) _refused.pop_front();
 }
@@ -183,16 +203,14 @@ void ConnectionServer::lookAfterConnections() {
 
 // The caller holds the mutex. A new thread counts as idle until it has taken a connection.
 void ConnectionServer::provideThreads() {
-    try {
+    reportExceptions([this] {
         while (_queue.size() > _idleThreads && _threads < _maxThreads) {
             threads().start("HttpConnection", _params->getThreadPriority(),
                             [self = shared_from_this()] { self->work(); });
             ++_threads;
             ++_idleThreads;
         }
-    } catch (const Poco::Exception& exc) {
-        Poco::ErrorHandler::handle(exc);
-    }
+    });
 }
 
 // The caller holds the mutex.
@@ -206,12 +224,12 @@ void ConnectionServer::work() {
     const auto needed = [this] { return !running() || !_queue.empty(); };
     std::unique_lock<std::mutex> lock(_mutex);
     while (_arrived.wait_for(lock, idle, needed) && !_queue.empty()) {
-        StreamSocket accepted = _queue.front();
-        _queue.pop_front();
+        Sockets taken;
+        taken.splice(taken.end(), _queue, _queue.begin());
         --_idleThreads;
         noteCrowd();
         lock.unlock();
-        reportExceptions([&] { serve(accepted); });
+        reportExceptions([&] { serve(taken); });
         lock.lock();
         ++_idleThreads;
         noteCrowd();
@@ -220,21 +238,38 @@ void ConnectionServer::work() {
     --_idleThreads;
 }
 
-void ConnectionServer::serve(const StreamSocket& accepted) {
-    HttpConnection connection(accepted, _state, _params, *_callback);
+void ConnectionServer::serve(Sockets& accepted) {
     struct Serving {
         ConnectionServer& server;
-        HttpConnection& connection;
-        Serving(ConnectionServer& s, HttpConnection& c) : server(s), connection(c) {
-            servingOnThisThread = &server;
-            server.list(connection.socket());
+        explicit Serving(ConnectionServer& its) : server(its) { server.begin(); }
+        ~Serving() { server.end(); }
+    };
+    struct Listed {
+        ConnectionServer& server;
+        GuardedSocket& socket;
+        Listed(ConnectionServer& its, GuardedSocket& listed) : server(its), socket(listed) {
+            server.list(socket);
         }
-        ~Serving() {
-            server.unlist(connection.socket());
-            servingOnThisThread = nullptr;
-        }
-    } serving(*this, connection);
+        ~Listed() { server.unlist(socket); }
+    };
+    const Serving serving(*this);
+    HttpConnection connection(accepted.front(), _state, _params, *_callback);
+    accepted.clear();
+    const Listed listed(*this, connection.socket());
     connection.serve();
+}
+
+void ConnectionServer::begin() {
+    servingOnThisThread = this;
+    const std::lock_guard<std::mutex> lock(_mutex);
+    ++_serving;
+}
+
+void ConnectionServer::end() {
+    servingOnThisThread = nullptr;
+    const std::lock_guard<std::mutex> lock(_mutex);
+    --_serving;
+    _ended.notify_all();
 }
 
 void ConnectionServer::list(GuardedSocket& connection) {
@@ -245,7 +280,6 @@ void ConnectionServer::list(GuardedSocket& connection) {
 void ConnectionServer::unlist(GuardedSocket& connection) {
     const std::lock_guard<std::mutex> lock(_mutex);
     _open.erase(&connection);
-    _ended.notify_all();
 }
 
 }  // namespace kel

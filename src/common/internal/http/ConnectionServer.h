@@ -8,6 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -40,7 +41,8 @@ public:
 
     bool running() const noexcept { return !_state->stopping; }
 
-    /// Waits until no connection is open, but for the one whose callback calls this.
+    /// Waits until every connection is closed, but for the one whose callback calls this. One that
+    /// a callback has handed over, to a WebSocket for example, does not count.
     /// @return false if `end` passed first.
     bool awaitRequestsInProgress(Clock::time_point end);
 
@@ -53,22 +55,26 @@ public:
     static StoppableThreads& threads();
 
 private:
+    // Elements of a list change hands without being copied.
+    using Sockets = std::list<Poco::Net::StreamSocket>;
+
     void accept();
-    void acceptOne();
-    void admit(const Poco::Net::StreamSocket& accepted);
+    void admit(Sockets& accepted);
     void refuse(const Poco::Net::StreamSocket& accepted);
     void lookAfterConnections();
     void provideThreads();
     bool wakeAcceptor();
+    void closeWaiting();
     void listenAgain();
 
     void work();
-    void serve(const Poco::Net::StreamSocket& accepted);
+    void serve(Sockets& accepted);
+    void begin();
+    void end();
     void list(GuardedSocket& connection);
     void unlist(GuardedSocket& connection);
     void noteCrowd();
 
-    Poco::Net::ServerSocket _socket;
     const Poco::AutoPtr<Poco::Net::HTTPServerParams> _params;
     const std::shared_ptr<const HttpConnection::Callback> _callback;
     const std::shared_ptr<ServerState> _state;
@@ -78,6 +84,7 @@ private:
 
     // start() and stop() only, which do not run at the same time.
     std::unique_ptr<Poco::Thread> _acceptor;
+    Poco::Net::ServerSocket _socket;  // also the acceptor's thread's between them
 
     // The acceptor's thread only.
     struct Refused {
@@ -89,8 +96,9 @@ private:
 
     mutable std::mutex _mutex;
     // Guarded by _mutex.
-    std::deque<Poco::Net::StreamSocket> _queue;
-    std::set<GuardedSocket*> _open;
+    Sockets _queue;
+    std::set<GuardedSocket*> _open;  // that may be closed by another thread than their own
+    std::size_t _serving = 0;        // connections, until they are closed
     std::size_t _threads = 0;
     std::size_t _idleThreads = 0;  // those without a connection
 

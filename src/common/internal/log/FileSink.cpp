@@ -6,6 +6,7 @@
 
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "UnitLog.h"
 
@@ -15,7 +16,7 @@ namespace {
 
 constexpr UnitLog log("src/common/Logger");
 
-// Where the line stands that byte `position` of the block belongs to.
+// Where the line begins that byte `position` of the block belongs to.
 std::size_t lineStart(const LineBlock& block, std::size_t position) {
     std::size_t start = 0;
     for (const auto& line : block.lines) {
@@ -37,13 +38,13 @@ void createLogDirectory(const std::string& directory) {
     }
 }
 
-bool FileSink::use(const std::string& path) {
-    _path = path;
+bool FileSink::use(std::string path) noexcept {
+    _path = std::move(path);
     try {
         open();
         return true;
     } catch (const std::exception& exc) {
-        log.error("Cannot open the log file: " + exceptionText(exc));
+        logExceptions(log, [&] { log.error("Cannot open the log file: " + exceptionText(exc)); });
         return false;
     }
 }
@@ -59,13 +60,13 @@ bool FileSink::openIfClosed() noexcept {
         if (!_file) open();
         return true;
     } catch (const std::exception&) {
-        return false;  // the set-up has told why
+        return false;  // the set-up has logged the reason
     }
 }
 
 bool FileSink::write(const LineBlock& block, Progress& progress) {
     if (!openIfClosed()) return false;
-    // A line that was cut off by a failure is whole in a file that does not have its beginning.
+    // Where a failure has cut a line in two, a file without the first half gets the whole line.
     if (_file->empty()) _written = lineStart(block, _written);
     if (!writeRest(block, progress)) return false;
     _written = 0;

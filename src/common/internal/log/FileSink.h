@@ -19,9 +19,9 @@ void createLogDirectory(const std::string& directory);
 class FileSink : public LogSink {
 public:
     /// Writes to `path` from now on, opened anew. Where that fails, the failure is logged and the
-    /// file in use stays in use; if there is none, each write tries again.
+    /// file in use stays in use; if there is none, each write tries again. Never throws.
     /// @return whether it could be opened.
-    bool use(const std::string& path);
+    bool use(std::string path) noexcept;
 
     bool write(const LineBlock& block, Progress& progress) override;
 

@@ -2,9 +2,9 @@
 
 #include <cstddef>
 #include <memory>
-#include <string>
 #include <string_view>
-#include <vector>
+
+#include "PageAllocator.h"
 
 namespace kel {
 
@@ -20,8 +20,8 @@ struct LineBlock {
         return std::string_view(text).substr(begin, lines[index].end - begin);
     }
 
-    std::string text;
-    std::vector<Line> lines;
+    PagedText text;
+    PagedVector<Line> lines;
 };
 
 using LineBlockPtr = std::shared_ptr<const LineBlock>;

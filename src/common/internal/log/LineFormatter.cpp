@@ -23,7 +23,7 @@ std::string_view priorityName(int priority) {
     return names[std::clamp(priority, 1, static_cast<int>(std::size(names))) - 1];
 }
 
-void appendNumber(std::string& text, std::int64_t number) {
+void appendNumber(PagedText& text, std::int64_t number) {
     char digits[24];
     const auto end = std::to_chars(std::begin(digits), std::end(digits), number).ptr;
     text.append(digits, end);
@@ -41,7 +41,7 @@ const std::string& LineFormatter::secondText(std::int64_t second) {
 }
 
 void LineFormatter::append(const LogRecord& record, LineBlock& block) {
-    std::string& text = block.text;
+    PagedText& text = block.text;
     text += secondText(record.microseconds / kMicroseconds);
     appendNumber(text, record.microseconds % kMicroseconds / kTenth);
     text += '-';
@@ -61,6 +61,7 @@ void LineFormatter::append(const LogRecord& record, LineBlock& block) {
 LineBlockPtr LineFormatter::format(const RecordBlock& records) {
     auto block = std::make_shared<LineBlock>();
     block->text.reserve(records.used() + records.used() / 4);
+    block->lines.reserve(records.count());
     for (std::size_t position = 0; position < records.used();) {
         append(records.read(position), *block);
     }

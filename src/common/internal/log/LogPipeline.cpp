@@ -4,7 +4,8 @@
 //   queue, counts, Output but sink   any thread                             _mutex
 //   Output::sink                     its thread, while that one runs        none
 //                                    afterwards whoever logs                _directMutex
-//   _formatter                       the thread that has set _formatting    none
+//   _formatter, _inHand              the thread that has set _formatting    none
+//                                    any thread while nobody has            _mutex
 //   successor, _directFormatter      whoever logs once the threads ended    _directMutex
 //
 // Where both locks are held, _directMutex is taken first. Nothing is written, and no file is
@@ -13,6 +14,7 @@
 #include "LogPipeline.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "../platform/Platform.h"
@@ -85,6 +87,20 @@ public:
     InSink& operator=(const InSink&) = delete;
 };
 
+enum class Attempt { kDone, kFailed, kNoMemory };
+
+// Nothing may leave one of the two threads, which would end the process.
+template <typename Call>
+Attempt attempted(Call&& call) noexcept {
+    try {
+        return call() ? Attempt::kDone : Attempt::kFailed;
+    } catch (const std::bad_alloc&) {
+        return Attempt::kNoMemory;
+    } catch (...) {
+        return Attempt::kFailed;
+    }
+}
+
 LineBlockPtr gapLine(std::uint64_t lines, const char* reason) {
     const std::string& name = loggerName();
     const std::string text = std::to_string(lines) + " lines were dropped: " + reason;
@@ -112,10 +128,17 @@ void LogPipeline::start(bool coloredConsole) {
     _successor = nullptr;
     _console = std::make_shared<Output>(std::make_unique<ConsoleSink>(coloredConsole));
     _file = std::make_shared<Output>(std::make_unique<FileSink>());
+    _spare.reserve(kSpareBlocks);
     _closing = false;
     _running = true;
-    startThread(_console, "log-console");
-    startThread(_file, "log-file");
+    try {
+        startThread(_console, "log-console");
+        startThread(_file, "log-file");
+    } catch (...) {
+        _running = false;
+        if (_console->thread.joinable()) endThread(*_console, true);
+        throw;
+    }
 }
 
 void LogPipeline::startThread(const OutputPtr& output, const char* name) {
@@ -142,28 +165,30 @@ LogPipeline::FileState LogPipeline::awaitFile() {
 }
 
 void LogPipeline::log(const Poco::Message& message) {
-    if (inSink) return;
-    if (inForkedChild) {
+    if (inForkedChild && !inSink) {
         const InSink noRecursion;
         logInForkedChild(message);
         return;
     }
     const LogRecord record = recordOf(message);
+    while (!tryLog(record) && !writeAtOnce(message)) continue;
+}
+
+bool LogPipeline::tryLog(const LogRecord& record) {
+    if (inSink) return true;
+    if (inForkedChild) return false;
     Lock lock(_mutex);
     const auto mayPass = [this] {
         return !_running || (!_closing && _queuedBytes < _limits.queueBytes);
     };
     if (!onPipelineThread) _room.wait(lock, mayPass);
-    if (!_running) {
-        lock.unlock();
-        writeAtOnce(message);
-        return;
-    }
+    if (!_running) return false;
     const bool urgent = record.priority <= Poco::Message::PRIO_ERROR;
     const bool wake = (_records.empty() && _resting > 0) || urgent;
     append(record);
     lock.unlock();
     if (wake) _work.notify_one();
+    return true;
 }
 
 void LogPipeline::append(const LogRecord& record) {
@@ -216,7 +241,7 @@ void LogPipeline::rest(Output& output, Lock& lock) {
         return;
     }
     ++_resting;
-    if (_records.empty() && output.backlog.empty()) {
+    if (!hasRecords() && output.backlog.empty()) {
         _work.wait(lock);
     } else {
         _work.wait_for(lock, kLookAgain);
@@ -225,11 +250,11 @@ void LogPipeline::rest(Output& output, Lock& lock) {
 }
 
 void LogPipeline::exchangeFile(Output& output, Lock& lock) {
-    const std::string path = *std::exchange(_wantedFile, std::nullopt);
+    std::string path = *std::exchange(_wantedFile, std::nullopt);
     output.busy = true;
     output.progress.made();
     lock.unlock();
-    const bool opened = static_cast<FileSink&>(*output.sink).use(path);
+    const bool opened = static_cast<FileSink&>(*output.sink).use(std::move(path));
     lock.lock();
     output.busy = false;
     output.notBefore = {};
@@ -238,10 +263,9 @@ void LogPipeline::exchangeFile(Output& output, Lock& lock) {
     _room.notify_all();
 }
 
-// At the end a file that failed gets one more attempt, at once.
 bool LogPipeline::mayWrite(const Output& output) const {
     if (output.backlog.empty()) return false;
-    return !output.failing || _closing || Progress::Clock::now() >= output.notBefore;
+    return !output.failing || Progress::Clock::now() >= output.notBefore;
 }
 
 void LogPipeline::writeNext(Output& output, Lock& lock) {
@@ -249,12 +273,14 @@ void LogPipeline::writeNext(Output& output, Lock& lock) {
     output.busy = true;
     output.awake = true;
     lock.unlock();
-    const bool written = output.sink->write(*block, output.progress);
+    const Attempt attempt = attempted([&] { return output.sink->write(*block, output.progress); });
     lock.lock();
     output.busy = false;
     if (output.givenUp) return;
-    output.failing = !written;
-    if (!written) {
+    output.failing = attempt != Attempt::kDone;
+    if (attempt == Attempt::kNoMemory) {
+        output.notBefore = Progress::Clock::now() + kLookAgain;
+    } else if (attempt == Attempt::kFailed) {
         output.notBefore = Progress::Clock::now() + _limits.retryPause;
         if (_closing) giveUp(output);
     } else {
@@ -263,7 +289,7 @@ void LogPipeline::writeNext(Output& output, Lock& lock) {
         output.written += block->lines.size();
         if (output.gap > 0 && hasRoom(output)) tellGap(output);
     }
-    if (!_records.empty()) _work.notify_all();
+    if (hasRecords()) _work.notify_all();
     if (_closing) _room.notify_all();
 }
 
@@ -277,54 +303,88 @@ bool LogPipeline::mayDrop(const Output& output) const {
 }
 
 bool LogPipeline::mayFormat() const {
-    if (_formatting || _records.empty()) return false;
+    if (_formatting || !hasRecords()) return false;
+    if (_noMemorySince && Progress::Clock::now() < _formatNotBefore) return false;
     return (hasRoom(*_console) || mayDrop(*_console)) && (hasRoom(*_file) || mayDrop(*_file));
 }
 
-// The console gets the lines first: a file that cannot be written has something to tell there.
+// The console gets the lines first, because a file that cannot be written is reported there.
 void LogPipeline::formatNext(Lock& lock) {
     _formatting = true;
-    RecordBlock records = takeRecords();
+    if (!_inHand) _inHand = takeRecords();
     lock.unlock();
     _room.notify_all();
-    LineBlockPtr block = _formatter.format(records);
+    Backlog forConsole, forFile;
+    const Attempt attempt = attempted([&] {
+        const LineBlockPtr block = _formatter.format(*_inHand);
+        forConsole.push_back(block);
+        forFile.push_back(block);
+        return true;
+    });
     lock.lock();
-    recycle(std::move(records));
-    give(*_console, block);
-    give(*_file, block);
     _formatting = false;
+    if (attempt == Attempt::kNoMemory) {
+        formatLater();
+        return;
+    }
+    _noMemorySince.reset();
+    if (attempt == Attempt::kDone) {
+        give(*_console, std::move(forConsole));
+        give(*_file, std::move(forFile));
+    } else {
+        for (Output* output : {_console.get(), _file.get()}) drop(*output, _inHand->count());
+    }
+    recycle(*std::exchange(_inHand, std::nullopt));
     _work.notify_all();
 }
 
-void LogPipeline::give(Output& output, const LineBlockPtr& block) {
+void LogPipeline::formatLater() {
+    const TimePoint now = Progress::Clock::now();
+    if (!_noMemorySince) _noMemorySince = now;
+    _formatNotBefore = now + kLookAgain;
+}
+
+// `block` is a list of one, so that nothing has to be allocated here.
+void LogPipeline::give(Output& output, Backlog block) {
+    const std::size_t lines = block.front()->lines.size();
     if (output.givenUp || (!hasRoom(output) && mayDrop(output))) {
-        output.gap += block->lines.size();
-        output.dropped += block->lines.size();
+        drop(output, lines);
         return;
     }
     if (output.gap > 0) tellGap(output);
     if (output.backlog.empty() && !output.busy) output.progress.made();
-    output.backlog.push_back(block);
-    output.bytes += block->text.size();
+    output.bytes += block.front()->text.size();
+    output.backlog.splice(output.backlog.end(), block);
 }
 
+void LogPipeline::drop(Output& output, std::size_t lines) {
+    output.gap += lines;
+    output.dropped += lines;
+}
+
+// Where there is no memory for this line, the gap stays open and a later line tells it.
 void LogPipeline::tellGap(Output& output) {
     const bool file = &output == _file.get();
-    const LineBlockPtr line =
-        gapLine(output.gap, file ? "the log file could not be written" : "the console took none");
+    Backlog line;
+    const Attempt attempt = attempted([&] {
+        line.push_back(gapLine(
+            output.gap, file ? "the log file could not be written" : "the console took none"));
+        return true;
+    });
+    if (attempt != Attempt::kDone) return;
     output.gap = 0;
-    output.backlog.push_back(line);
-    output.bytes += line->text.size();
+    output.bytes += line.front()->text.size();
+    output.backlog.splice(output.backlog.end(), line);
 }
 
-// The other output's lines may still be unformatted, so nothing to do is no lack of progress.
+// An output that has nothing to write is not hopeless: its lines may not have been formatted yet.
 bool LogPipeline::hopeless(const Output& output) const {
     return (output.busy || !output.backlog.empty()) && output.progress.noneFor(_limits.patience);
 }
 
 bool LogPipeline::finished(const Output& output) const {
     if (output.givenUp) return true;
-    return _records.empty() && !_formatting && output.backlog.empty() && !output.busy;
+    return !hasRecords() && !_formatting && output.backlog.empty() && !output.busy;
 }
 
 void LogPipeline::giveUp(Output& output) {
@@ -334,10 +394,23 @@ void LogPipeline::giveUp(Output& output) {
     output.givenUp = true;
 }
 
+// These are lines that could not be formatted for want of memory.
+void LogPipeline::giveUpRecords() {
+    while (hasRecords()) {
+        if (!_inHand) _inHand = takeRecords();
+        for (Output* output : {_console.get(), _file.get()}) drop(*output, _inHand->count());
+        recycle(*std::exchange(_inHand, std::nullopt));
+    }
+}
+
 void LogPipeline::awaitOutputs(Lock& lock) {
     while (!finished(*_console) || !finished(*_file)) {
         for (Output* output : {_console.get(), _file.get()}) {
             if (!finished(*output) && hopeless(*output)) giveUp(*output);
+        }
+        if (!_formatting && _noMemorySince &&
+            Progress::Clock::now() - *_noMemorySince >= _limits.patience) {
+            giveUpRecords();
         }
         _work.notify_all();
         _room.wait_for(lock, kLookAgain);
@@ -348,8 +421,11 @@ void LogPipeline::stop() {
     Lock lock(_mutex);
     if (!_running || _closing) return;
     _closing = true;
-    _console->progress.made();
-    _file->progress.made();
+    for (Output* output : {_console.get(), _file.get()}) {
+        output->progress.made();
+        output->notBefore = {};  // one that failed gets one more attempt, at once
+    }
+    _noMemorySince.reset();
     awaitOutputs(lock);
     _running = false;
     _spare.clear();
@@ -381,11 +457,13 @@ void LogPipeline::handOver(Poco::AutoPtr<Poco::Channel> successor) {
     if (!_file->givenUp) static_cast<FileSink&>(*_file->sink).close();
 }
 
-void LogPipeline::writeAtOnce(const Poco::Message& message) {
-    const std::lock_guard<std::mutex> lock(_directMutex);
+// Does nothing if start() has come first: the sinks belong to the threads then.
+bool LogPipeline::writeAtOnce(const Poco::Message& message) {
+    const std::lock_guard<std::mutex> noStart(_directMutex);
+    if (isRunning()) return false;
     if (_successor) {
         _successor->log(message);
-        return;
+        return true;
     }
     const InSink noRecursion;
     LineBlock block;
@@ -393,6 +471,12 @@ void LogPipeline::writeAtOnce(const Poco::Message& message) {
     for (Output* output : {_console.get(), _file.get()}) {
         if (!output->givenUp) output->sink->write(block, output->progress);
     }
+    return true;
+}
+
+bool LogPipeline::isRunning() const {
+    const Lock lock(_mutex);
+    return _running;
 }
 
 LogPipeline::Counters LogPipeline::counters() const {

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -33,6 +34,9 @@ namespace kel {
 /// `backlogBytes` of formatted lines for one output nothing more is formatted until that one has
 /// gone on. The exceptions: a console that has taken nothing for `patience`, and a file that
 /// refuses to be written, lose their lines beyond that bound; a line in their place tells how many.
+///
+/// Where the two threads get no memory they try again soon, with the lines as they are. Where log()
+/// gets none, it throws std::bad_alloc.
 ///
 /// Threads: any, unless an operation says otherwise. Must never be destroyed once it has started,
 /// since a thread that waits for a disk may have to be left behind.
@@ -63,6 +67,7 @@ public:
     LogPipeline& operator=(const LogPipeline&) = delete;
 
     /// Starts the two threads, unless they run. Not at the same time as stop().
+    /// @throws std::system_error  a thread could not be started; there is none then.
     void start(bool coloredConsole);
 
     /// Has the file exchanged between two lines by the thread that writes it.
@@ -75,10 +80,15 @@ public:
     /// One line. Waits only while the queue is full, or while stop() writes out what there is.
     void log(const Poco::Message& message);
 
+    /// The same for a line of which there is no message.
+    /// @return false, with nothing done, where log() has to be called: after stop(), and in a
+    ///         forked child.
+    bool tryLog(const LogRecord& record);
+
     /// Writes out what there is, however long it takes, as long as an output makes progress; one
-    /// that makes none for `patience` is given up. Ends the threads and closes the file. Lines
-    /// logged afterwards are written by the thread that logs them. Not on a thread that holds a
-    /// lock which a logging thread needs. Repeatable.
+    /// that makes none for `patience` is given up, and so are lines for which there is no memory.
+    /// Ends the threads and closes the file. Lines logged afterwards are written by the thread that
+    /// logs them. Not on a thread that holds a lock which a logging thread needs. Repeatable.
     void stop();
 
     /// Gives every later line to `successor`. After stop().
@@ -95,6 +105,8 @@ public:
 
 private:
     using Lock = std::unique_lock<std::mutex>;
+    using TimePoint = Progress::Clock::time_point;
+    using Backlog = std::list<LineBlockPtr>;  // takes over an element without asking for memory
 
     // One of the two ends, with what it still has to write. The sink belongs to its thread, and to
     // whoever holds _directMutex when the thread has ended; all else is guarded by _mutex.
@@ -103,13 +115,13 @@ private:
 
         const std::unique_ptr<LogSink> sink;
         Progress progress;  // own locking
-        std::deque<LineBlockPtr> backlog;
+        Backlog backlog;
         std::size_t bytes = 0;
         bool busy = false;     // its thread is in the sink
         bool awake = false;    // has written since it last found nothing to do
         bool failing = false;  // the last write failed
         bool givenUp = false;
-        Progress::Clock::time_point notBefore;  // the next attempt, while it is failing
+        TimePoint notBefore;    // the next attempt, while it is failing
         std::uint64_t gap = 0;  // lines lost since the last one that is in the backlog
         std::uint64_t dropped = 0;
         std::uint64_t written = 0;
@@ -123,12 +135,15 @@ private:
     void writeNext(Output& output, Lock& lock);
     void exchangeFile(Output& output, Lock& lock);
     bool mayFormat() const;
+    bool hasRecords() const { return _inHand || !_records.empty(); }
     void formatNext(Lock& lock);
+    void formatLater();
     void rest(Output& output, Lock& lock);
 
     bool hasRoom(const Output& output) const;
     bool mayDrop(const Output& output) const;
-    void give(Output& output, const LineBlockPtr& block);
+    void give(Output& output, Backlog block);
+    static void drop(Output& output, std::size_t lines);
     void tellGap(Output& output);
 
     void append(const LogRecord& record);
@@ -139,8 +154,10 @@ private:
     bool hopeless(const Output& output) const;
     void awaitOutputs(Lock& lock);
     void giveUp(Output& output);
+    void giveUpRecords();
     static void endThread(Output& output, bool leftBehind);
-    void writeAtOnce(const Poco::Message& message);
+    bool writeAtOnce(const Poco::Message& message);
+    bool isRunning() const;
 
     const Limits _limits;
 
@@ -157,12 +174,17 @@ private:
     bool _running = false;
     bool _closing = false;
     bool _formatting = false;
+    std::optional<TimePoint> _noMemorySince;  // for the records in hand
+    TimePoint _formatNotBefore;
     std::optional<std::string> _wantedFile;
     FileState _fileState = FileState::kNotYetKnown;
     OutputPtr _console;  // these two change under _directMutex too
     OutputPtr _file;
 
-    LineFormatter _formatter;  // belongs to whoever has set _formatting
+    // Whoever has set _formatting uses these without a lock. What is in hand is formatted next, or
+    // again; it is exchanged with _mutex held.
+    LineFormatter _formatter;
+    std::optional<RecordBlock> _inHand;
 
     // Guarded by _directMutex, which may be held while something is written.
     std::mutex _directMutex;
@@ -174,11 +196,14 @@ private:
 LogPipeline::Counters logCounters();
 
 /// The channel at the library's POCO logger.
-class PipelineChannel : public Poco::Channel {
+class PipelineChannel final : public Poco::Channel {
 public:
     explicit PipelineChannel(LogPipeline& pipeline) : _pipeline(pipeline) {}
 
     void log(const Poco::Message& message) override { _pipeline.log(message); }
+
+    /// As LogPipeline::tryLog().
+    bool tryLog(const LogRecord& record) { return _pipeline.tryLog(record); }
 
 private:
     LogPipeline& _pipeline;

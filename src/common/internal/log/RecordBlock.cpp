@@ -1,5 +1,7 @@
 #include "RecordBlock.h"
 
+#include <Poco/Timestamp.h>
+
 #include <cstring>
 
 #include "../platform/Platform.h"
@@ -25,11 +27,6 @@ std::string_view baseName(const char* path) noexcept {
     return name;
 }
 
-void put(char*& to, std::string_view text) noexcept {
-    if (!text.empty()) std::memcpy(to, text.data(), text.size());
-    to += text.size();
-}
-
 }  // namespace
 
 LogRecord recordOf(const Poco::Message& message) noexcept {
@@ -41,6 +38,12 @@ LogRecord recordOf(const Poco::Message& message) noexcept {
             message.getText()};
 }
 
+LogRecord recordOfNow(std::string_view source, std::string_view text, int priority,
+                      const char* sourceFile, int line) noexcept {
+    const std::int64_t now = Poco::Timestamp().epochMicroseconds();
+    return {now, priority, line, source, baseName(sourceFile), text};
+}
+
 std::size_t RecordBlock::sizeOf(const LogRecord& record) noexcept {
     return sizeof(Head) + record.source.size() + record.file.size() + record.text.size();
 }
@@ -48,18 +51,19 @@ std::size_t RecordBlock::sizeOf(const LogRecord& record) noexcept {
 void RecordBlock::append(const LogRecord& record) noexcept {
     const Head head{record.microseconds, record.source.size(), record.file.size(),
                     record.text.size(),  record.priority,      record.line};
-    char* to = _bytes.get() + _used;
-    std::memcpy(to, &head, sizeof(head));
-    to += sizeof(head);
-    put(to, record.source);
-    put(to, record.file);
-    put(to, record.text);
-    _used = static_cast<std::size_t>(to - _bytes.get());
+    _bytes.append(reinterpret_cast<const char*>(&head), sizeof(head));
+    _bytes.append(record.source).append(record.file).append(record.text);
+    ++_count;
+}
+
+void RecordBlock::clear() noexcept {
+    _bytes.clear();
+    _count = 0;
 }
 
 LogRecord RecordBlock::read(std::size_t& position) const noexcept {
     Head head;
-    const char* from = _bytes.get() + position;
+    const char* from = _bytes.data() + position;
     std::memcpy(&head, from, sizeof(head));
     from += sizeof(head);
     const std::string_view texts(from, head.sourceSize + head.fileSize + head.textSize);

@@ -7,8 +7,7 @@
 
 #include <algorithm>
 
-#include "../../Utils.h"
-#include "ServerUri.h"
+#include "../net/ServerUri.h"
 
 namespace kel {
 
@@ -93,10 +92,10 @@ private:
 
 }  // namespace
 
-bool brokerHostAnswers(const std::string& serverUri) {
+bool brokerHostAnswers(const std::string& serverUri, const PingHost& ping) {
     const auto begin = Clock::now();
     PortProbe port(serverUri);
-    return port.answersUntil(begin + kPatienceBeforePing) || pingIp(serverUri) ||
+    return port.answersUntil(begin + kPatienceBeforePing) || ping(serverUri) ||
            port.answersUntil(begin + kPatience);
 }
 

@@ -5,7 +5,7 @@
 #include <filesystem>
 
 #include "../log/UnitLog.h"
-#include "ServerUri.h"
+#include "../net/ServerUri.h"
 #include "Topics.h"
 
 namespace kel {

@@ -44,6 +44,7 @@
 #include <utility>
 
 #include "../log/UnitLog.h"
+#include "../net/ServerUri.h"
 #include "../platform/Platform.h"
 #include "../process/NeverDestroyed.h"
 #include "BrokerHost.h"
@@ -51,7 +52,6 @@
 #include "Dispatcher.h"
 #include "Messaging.h"
 #include "ReceiveThread.h"
-#include "ServerUri.h"
 #include "Topics.h"
 
 namespace kel {
@@ -315,8 +315,24 @@ void Connection::silence() {
     _window.close();
     _window.abandon();
     _up = false;
+    _lossUntold = false;
     const std::lock_guard<std::mutex> lock(_mutex);
     _events.reset();
+}
+
+void Connection::tellSilentLosses() {
+    std::vector<std::shared_ptr<Connection>> all;
+    {
+        Table& table = Table::instance();
+        const std::lock_guard<std::mutex> lock(table.mutex);
+        for (const auto& [ticket, connection] : table.connections) all.push_back(connection);
+    }
+    for (const auto& connection : all) connection->tellIfSilentlyLost();
+}
+
+void Connection::tellIfSilentlyLost() {
+    const bool seenBefore = std::exchange(_seenUntold, _lossUntold);
+    if (seenBefore && _seenUntold) Hooks::connlost(_ticket, nullptr);
 }
 
 void Connection::silenceAll() {
@@ -402,6 +418,7 @@ void Connection::awaitAnswers() {
 
 int Connection::endSession() {
     _up = false;
+    _lossUntold = false;
     _window.close();
     if (!MQTTClient_isConnected(_handle)) return 0;
     const Dispatcher::WaitsForBroker wait;
@@ -561,7 +578,7 @@ void Connection::cleared() {
         const std::lock_guard<std::mutex> lock(_mutex);
         const bool byConnect = std::this_thread::get_id() == _connecting;
         _lostElsewhere = !byConnect;
-        _up = false;
+        if (_up.exchange(false)) _lossUntold = !byConnect;
         ++_clears;
         if (_queued > 0) _unsureSince = Clock::now();
         _queued = 0;
@@ -579,6 +596,7 @@ void Connection::cleared() {
 }
 
 void Connection::lost(const std::string& cause) {
+    _lossUntold = false;
     _window.close();
     _window.abandon();
     std::shared_ptr<ConnectionEvents> told;

@@ -86,6 +86,11 @@ public:
     /// Whether the calling thread is in the delivery callback.
     static bool libraryHoldsItsLock();
 
+    /// Tells of sessions that are over although the library has not said so, which it does on a new
+    /// thread each time, or never where the system has none. From one thread, every few seconds:
+    /// the second call that finds a session so tells.
+    static void tellSilentLosses();
+
     /// The library is stopped: no connection tells its client anything until its next connect().
     static void silenceAll();
 
@@ -101,6 +106,7 @@ private:
     void setCallbacks();
     int tryVersions(MQTTClient_connectOptions& form, const std::string& address);
     void silence();
+    void tellIfSilentlyLost();
     std::shared_ptr<ConnectionEvents> events() const;
     int endSession();
     void holdBack();
@@ -125,6 +131,9 @@ private:
     std::atomic<bool> _up{false};
     std::atomic<bool> _closed{false};
     std::atomic<int> _calls{0};  // into the library
+
+    std::atomic<bool> _lossUntold{false};  // the session has ended by itself
+    bool _seenUntold = false;              // of the thread that calls tellSilentLosses()
 
     // Held across calls that await an answer: the library keeps only one answer for each handle.
     std::mutex _answerMutex;

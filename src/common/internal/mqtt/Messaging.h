@@ -7,10 +7,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <vector>
 
-#include "../../Statistics.h"
-#include "../../ThreadPool.h"
+#include "../../MqttStatistics.h"
 #include "../process/StopSignal.h"
+#include "../tasks/TaskPool.h"
 #include "Dispatcher.h"
 
 namespace kel {
@@ -29,7 +31,7 @@ public:
     Messaging();
 
     /// The documented pool of 1 to 32 threads.
-    ThreadPool& handlers() { return *_handlers; }
+    TaskPool& handlers() { return *_handlers; }
 
     /// Hands `task` to the handlers, waiting a few milliseconds for a place: tiny handlers finish
     /// in microseconds, yet a burst of messages finds all threads taken. After a wait in vain there
@@ -42,7 +44,8 @@ public:
     /// Fills in the queue and the pools.
     void describe(MqttStatistics& numbers) const;
 
-    /// Runs `task` on a thread that may wait as long as it likes. What it throws is logged.
+    /// Runs `task` on a thread that may wait as long as it likes; where the system has none at the
+    /// moment, some seconds after it has one again. What it throws is logged.
     /// @return false, with the task not run, after the stop.
     bool inBackground(std::function<void()> task);
 
@@ -54,14 +57,20 @@ private:
     static void stopRunning();
 
     void stop();
+    bool tryInBackground(const std::function<void()>& task);
+    void startPostponed();
+    void lookAfter();
 
     // Set at construction, own locking. Null while the process ends.
-    std::unique_ptr<ThreadPool> _handlers;
-    std::unique_ptr<ThreadPool> _background;
+    std::unique_ptr<TaskPool> _handlers;
+    std::unique_ptr<TaskPool> _background;
     Dispatcher _dispatcher;
     StopSignal _stop;
 
     bool _exhausted = false;  // the dispatching thread's
+
+    std::mutex _postponedMutex;
+    std::vector<std::function<void()>> _postponed;  // guarded by it; for want of a thread
 };
 
 /// Figures since the start of the process; of all clients together.

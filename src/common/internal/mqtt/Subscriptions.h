@@ -1,19 +1,21 @@
 #pragma once
 
+#include <MQTTClient.h>
+#include <Poco/JSON/Object.h>
+
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
-#include "../../MqttClient++.h"
-
 namespace kel {
 
 /// A host's handler: one of the two, or neither where the host gave an empty JSON handler.
 struct SubscribedHandler {
-    MqttClient::MessageHandler raw;
-    MqttClient::JsonMessageHandler json;
+    std::function<void(MQTTClient_message*, std::string)> raw;
+    std::function<void(const Poco::JSON::Object&, std::string)> json;
 };
 
 /// The handlers of one client, by filter. Threads: any.

@@ -67,6 +67,14 @@ private:
     std::intptr_t _handle;
 };
 
+/// Memory in pages of its own, which the system has back as soon as they are freed. What comes and
+/// goes in large blocks would otherwise leave the process's heap larger for good.
+/// @throws std::bad_alloc  there is none.
+void* allocatePages(std::size_t bytes);
+
+/// @param bytes  as they were asked for.
+void freePages(void* pages, std::size_t bytes) noexcept;
+
 /// What ends a line in a text file.
 std::string_view lineEnd() noexcept;
 
@@ -130,6 +138,10 @@ bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& r
 /// is sent at once and not behind the peer's delayed acknowledgement, some 40 ms later. For a
 /// library that gives no access to its socket. Does nothing on Windows; failures are ignored.
 void sendAtOnceTo(std::uint16_t port);
+
+/// Whether a listening socket has to reuse its address, so that a host which is started again finds
+/// its port at once. Not on Windows, where that would let two processes share a port.
+bool reusesListeningAddress() noexcept;
 
 /// Whether a library that waits for a non-blocking connect to become writable learns of a refusal
 /// only by its time-out, as on Windows, where select() reports a refusal as an exception.

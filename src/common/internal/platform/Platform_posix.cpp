@@ -12,6 +12,7 @@
 #include <semaphore.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -27,6 +28,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <new>
 #include <system_error>
 #include <thread>
 
@@ -397,6 +399,17 @@ bool AppendedFile::empty() const noexcept {
            status.st_size == 0;
 }
 
+void* allocatePages(std::size_t bytes) {
+    constexpr int kAnonymous = MAP_PRIVATE | MAP_ANONYMOUS;
+    void* const pages = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, kAnonymous, -1, 0);
+    if (pages == MAP_FAILED) throw std::bad_alloc();
+    return pages;
+}
+
+void freePages(void* pages, std::size_t bytes) noexcept {
+    ::munmap(pages, bytes);
+}
+
 std::string_view lineEnd() noexcept {
     return "\n";
 }
@@ -502,6 +515,10 @@ void sendAtOnceTo(std::uint16_t port) {
         const int on = 1;
         ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     }
+}
+
+bool reusesListeningAddress() noexcept {
+    return true;
 }
 
 const bool kRefusedConnectIsSlow = false;

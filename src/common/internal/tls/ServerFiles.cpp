@@ -6,8 +6,8 @@
 #include <Poco/Path.h>
 #include <Poco/String.h>
 
-#include "../../Config.h"
 #include "../../Tls.h"
+#include "../config/Store.h"
 #include "../platform/Paths.h"
 
 namespace kel {
@@ -17,19 +17,19 @@ namespace {
 // The two references that the defaults contain have a meaning also where the host gives none.
 std::string expanded(std::string value) {
     const auto fillIn = [&value](const std::string& key, const std::string& meaning) {
-        if (!configInstance().has(key)) Poco::replaceInPlace(value, "${" + key + "}", meaning);
+        if (!configStore().has(key)) Poco::replaceInPlace(value, "${" + key + "}", meaning);
     };
     fillIn("application.configDir",
            paths::applicationDirectory(Poco::Path::configHome()).toString());
     fillIn("application.name", paths::executable().getBaseName());
-    return configInstance().expand(value);
+    return configStore().expand(value);
 }
 
 }  // namespace
 
 std::string tls::expandedSetting(const std::string& key, const std::string& otherwise) {
     try {
-        return expanded(configInstance().getRawString(key, otherwise));
+        return expanded(configStore().getRawString(key, otherwise));
     } catch (const Poco::Exception& exc) {
         throw Poco::InvalidArgumentException(key, exc.displayText());
     }

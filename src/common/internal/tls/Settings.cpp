@@ -5,7 +5,7 @@
 #include <Poco/Net/Utility.h>
 #include <Poco/StringTokenizer.h>
 
-#include "../../Config.h"
+#include "../config/Store.h"
 #include "../log/UnitLog.h"
 #include "ServerFiles.h"
 #include "ShippedDefaults.h"
@@ -32,18 +32,18 @@ class Reader {
 public:
     explicit Reader(std::string prefix) : _prefix(std::move(prefix)) {}
 
-    bool has(const std::string& name) const { return configInstance().has(_prefix + name); }
+    bool has(const std::string& name) const { return configStore().has(_prefix + name); }
 
     std::string text(const std::string& name, const std::string& otherwise = "") const {
         return expandedSetting(_prefix + name, otherwise);
     }
 
     int number(const std::string& name, int otherwise) const {
-        return naming(name, [&] { return configInstance().getInt(_prefix + name, otherwise); });
+        return naming(name, [&] { return configStore().getInt(_prefix + name, otherwise); });
     }
 
     bool flag(const std::string& name, bool otherwise) const {
-        return naming(name, [&] { return configInstance().getBool(_prefix + name, otherwise); });
+        return naming(name, [&] { return configStore().getBool(_prefix + name, otherwise); });
     }
 
     std::optional<int> optionalNumber(const std::string& name) const {
@@ -130,6 +130,7 @@ Settings serverSettings() {
 Settings clientSettings() {
     const Reader read("openSSL.client.");
     Settings settings = commonSettings(read, false);
+    if (settings.keyFile.empty()) settings.keyFile = settings.certificateFile;
     settings.systemAuthorities = read.flag("loadDefaultCAFile", settings.authorities.empty());
     settings.verification = verificationMode(read, "strict");
     settings.checkName = read.flag("extendedVerification", true);

@@ -8,9 +8,12 @@
 #include <openssl/crypto.h>
 
 #include <mutex>
+#include <optional>
 
 #include "../../Tls.h"
-#include "../mqtt/ServerUri.h"
+#include "../net/ServerUri.h"
+#include "../platform/Platform.h"
+#include "../process/NeverDestroyed.h"
 #include "Context.h"
 #include "Settings.h"
 #include "Sockets.h"
@@ -31,12 +34,30 @@ tls::Settings announcedServerSettings() {
     return settings;
 }
 
+struct Announced {
+    std::mutex mutex;
+    std::optional<tls::Settings> settings;  // guarded by mutex
+};
+
+// Those of the client are read for each request: only changed ones are warned of.
+tls::Settings announcedClientSettings() {
+    static NeverDestroyed<Announced> announced;
+    const tls::Settings settings = tls::clientSettings();
+    std::optional<tls::Settings> previous = settings;
+    {
+        const std::lock_guard<std::mutex> lock(announced->mutex);
+        announced->settings.swap(previous);
+    }
+    if (previous != settings) tls::warnOfUnsafe(settings);
+    return settings;
+}
+
 }  // namespace
 
 Poco::Net::ServerSocket secureServerSocket(const Poco::Net::SocketAddress& address, int backlog) {
     SecureServerSocket socket(new tls::SecureServerSocketImpl(
         std::make_shared<tls::RenewedContext>(announcedServerSettings())));
-    socket.bind(address, true, false);
+    socket.bind(address, platform::reusesListeningAddress(), false);
     socket.listen(backlog);
     return socket;
 }
@@ -87,7 +108,8 @@ void prepare() {
 
 Poco::Net::StreamSocket clientSocket(const std::string& host) {
     prepare();
-    return Poco::Net::StreamSocket(new ClientConnection(makeContext(clientSettings(), host), host));
+    return Poco::Net::StreamSocket(
+        new ClientConnection(makeContext(announcedClientSettings(), host), host));
 }
 
 void shakeHands(const Poco::Net::StreamSocket& socket) {
