@@ -10,6 +10,8 @@ help:
 	@echo "make test-browser  build, use the status page in a headless Chromium (100 MB to install)"
 	@echo "make test-windows  run the Windows platform file under Wine; PREFIX=<POCO, Paho> all else too"
 	@echo "make bench         measure beside other libraries; AREA=mqtt|pool|logging|tls, all without"
+	@echo "make soak          load, faults and exits, as a table; SHORT=1 for a few minutes"
+	@echo "make fuzz          fuzz what comes from outside, 10 minutes a target; SECONDS=... for less"
 	@echo "make check         all checks; CI runs the first of them"
 	@echo "make lint          static analysis; FILES=... for these alone"
 	@echo "make format        format the C++ files"
@@ -43,6 +45,14 @@ test-windows:
 bench:
 	@scripts/bench $(AREA)
 
+soak:
+	@scripts/install-deps
+	@scripts/soak $(if $(SHORT),--short)
+
+fuzz:
+	@scripts/install-deps base ci
+	@scripts/fuzz $(SECONDS)
+
 check:
 	@.ci/run all
 
@@ -67,4 +77,4 @@ deps:
 clean:
 	rm -rf build
 
-.PHONY: help demo demo-bridge test test-browser build test-windows bench check lint format package docs deps clean
+.PHONY: help demo demo-bridge test test-browser build test-windows bench soak fuzz check lint format package docs deps clean

@@ -177,7 +177,7 @@ TEST(Dispatcher, HoldsTheReceiverBackAtItsBoundButNotForAWaitThatNeedsIt) {
             while (!wait.giveUp()()) std::this_thread::yield();
             gaveUp = true;
         }));
-        std::jthread runner([&] { dispatcher.run(); });
+        std::jthread runner([&] { dispatcher.run([] {}); });
         std::atomic<std::size_t> taken{0}, handled{0};
         const std::size_t all = 2 * bound + 10;
         std::jthread receiver([&] {

@@ -69,6 +69,7 @@ std::string findConfigPath() {
 
 std::string storeAsText() {
     std::ostringstream text;
+    text.exceptions(std::ios::badbit);  // else a failed allocation would cut the text
     configInstance().save(text, 2);
     return text.str();
 }
@@ -77,7 +78,9 @@ std::string storeAsText() {
 std::string readFile(const std::string& path) {
     if (!Poco::File(path).isFile()) throw Poco::OpenFileException("no regular file", path);
     Poco::FileInputStream in(path);
+    in.exceptions(std::ios::badbit);  // else a failed read or allocation would cut the text
     std::ostringstream text;
+    text.exceptions(std::ios::badbit);
     text << in.rdbuf();
     const std::string mark = "\xEF\xBB\xBF";
     return text.str().substr(text.str().starts_with(mark) ? mark.size() : 0);
@@ -139,6 +142,7 @@ std::size_t addMissingTo(const std::string& store, const std::string& defaults) 
     addMissing(*target, *parseJsonObject(defaults), "", keys);
     if (keys.empty()) return 0;
     std::ostringstream text;
+    text.exceptions(std::ios::badbit);
     target->stringify(text);
     replaceStore(text.str());
     log.information("config keys added: " + Poco::cat(std::string(", "), keys.begin(), keys.end()));

@@ -54,6 +54,7 @@ constexpr std::array<std::uint32_t, 256> kCrcTable = makeCrcTable();
 // Compact text, keys sorted.
 std::string stringify(const Poco::JSON::Object& object) {
     std::ostringstream text;
+    text.exceptions(std::ios::badbit);  // else a failed allocation would cut the text
     object.stringify(text, 0, -1);
     return text.str();
 }

@@ -7,7 +7,8 @@
 
 namespace {
 
-constexpr int kConnect = 1, kSubscribe = 8, kUnsubscribe = 10, kPing = 12;
+constexpr int kConnect = 1, kPublish = 3, kRelease = 6, kSubscribe = 8, kUnsubscribe = 10,
+              kPing = 12;
 
 char byteFrom(Poco::Net::StreamSocket& peer) {
     char byte = 0;
@@ -37,30 +38,30 @@ ScriptedBroker::~ScriptedBroker() {
 void ScriptedBroker::serve(const std::stop_token& stop) {
     std::vector<Poco::Net::StreamSocket> mute;
     while (!stop.stop_requested()) {
+        const Manner manner = _manner;
+        if (manner != Manner::kMute) mute.clear();
         if (!_server.poll({0, 20000}, Poco::Net::Socket::SELECT_READ)) continue;
         const Poco::Net::StreamSocket peer = _server.acceptConnection();
-        if (_manner == Manner::kMute) {
-            mute.push_back(peer);
-            continue;
-        }
+        ++_session;
+        if (manner == Manner::kMute) mute.push_back(peer);
+        if (manner == Manner::kMute || manner == Manner::kClosesAtOnce) continue;
         {
             const std::lock_guard<std::mutex> lock(_mutex);
             _peer = peer;
             _peer.setNoDelay(true);
-            ++_session;
         }
         try {
-            converse(stop);
+            converse(stop, manner);
         } catch (const Poco::Exception&) {  // the client has gone, or drop() came
         }
     }
 }
 
-void ScriptedBroker::converse(const std::stop_token& stop) {
+void ScriptedBroker::converse(const std::stop_token& stop, Manner manner) {
     Poco::Net::StreamSocket peer = _peer;  // this thread alone changes it
     while (!stop.stop_requested()) {
         if (!peer.poll({0, 20000}, Poco::Net::Socket::SELECT_READ)) continue;
-        const int type = static_cast<unsigned char>(byteFrom(peer)) >> 4;
+        const int head = static_cast<unsigned char>(byteFrom(peer)), type = head >> 4;
         std::size_t length = 0;
         for (unsigned shift = 0, more = 128; more != 0; shift += 7) {
             const auto byte = static_cast<unsigned char>(byteFrom(peer));
@@ -69,21 +70,38 @@ void ScriptedBroker::converse(const std::stop_token& stop) {
         }
         std::string body;
         while (body.size() < length) body += byteFrom(peer);
-        {
+        if (type == kPublish) ++_messages;
+        if (manner < Manner::kAcknowledges) {
             const std::lock_guard<std::mutex> lock(_mutex);
             _received.push_back({type, body, _session});
         }
         const bool newer = body.compare(0, 6, std::string("\0\4MQTT", 6)) == 0;
-        if (type == kConnect && _manner == Manner::kOld && newer) return peer.close();
-        if (type == kConnect) send({"\x20\x02\x00\x00", 4});
-        if (type == kPing) send({"\xd0\x00", 2});
-        if (type == kUnsubscribe) send("\xb0\x02" + body.substr(0, 2));
-        if (type == kSubscribe) {
-            const std::string granted(filters(body), '\0');
-            send('\x90' + std::string(1, static_cast<char>(granted.size() + 2)) +
-                 body.substr(0, 2) + granted);
-        }
+        if (type == kConnect && manner == Manner::kOld && newer) return peer.close();
+        answer(manner, head, body);
+        if (manner == Manner::kSendsHalfAPacket) return peer.close();
     }
+}
+
+void ScriptedBroker::answer(Manner manner, int head, const std::string& body) {
+    const int type = head >> 4, qos = head / 2 % 4;
+    const std::string id = body.substr(0, 2);
+    if (type == kConnect) {
+        send({"\x20\x02\x00\x00", 4});
+        if (manner == Manner::kSendsGarbage) send("\x05\xff\xff\xff\xff\xff\xff garbage");
+        if (manner == Manner::kSendsHalfAPacket) send("\x30\x7f half of a packet");
+    }
+    if (type == kPing) send({"\xd0\x00", 2});
+    if (type == kUnsubscribe) send("\xb0\x02" + id);
+    if (type == kSubscribe) {
+        const std::string granted(filters(body), '\0');
+        send('\x90' + std::string(1, static_cast<char>(granted.size() + 2)) + id + granted);
+    }
+    if (manner < Manner::kAcknowledges) return;
+    if (type == kRelease) send("\x70\x02" + id);
+    if (type != kPublish || qos == 0) return;
+    const auto topic = 2U + static_cast<unsigned char>(body[1]);
+    const std::string ack = (qos == 1 ? "\x40\x02" : "\x50\x02") + body.substr(topic, 2);
+    send(manner == Manner::kAcknowledgesTwice ? ack + ack : ack);
 }
 
 void ScriptedBroker::send(const std::string& packet) const {
@@ -98,7 +116,10 @@ void ScriptedBroker::acknowledge(int token) const {
 
 void ScriptedBroker::drop() {
     const std::lock_guard<std::mutex> lock(_mutex);
-    _peer.shutdown();
+    try {
+        _peer.shutdown();
+    } catch (const Poco::Exception&) {  // the client was faster
+    }
 }
 
 std::vector<ScriptedBroker::Packet> ScriptedBroker::received(int type, int session) const {

@@ -86,6 +86,11 @@ public:
     /// Whether the calling thread is in the delivery callback.
     static bool libraryHoldsItsLock();
 
+    /// Tells of sessions that are over although the library has not said so, which it does on a new
+    /// thread each time, or never where the system has none. From one thread, every few seconds:
+    /// the second call that finds a session so tells.
+    static void tellSilentLosses();
+
     /// The library is stopped: no connection tells its client anything until its next connect().
     static void silenceAll();
 
@@ -101,8 +106,10 @@ private:
     void setCallbacks();
     int tryVersions(MQTTClient_connectOptions& form, const std::string& address);
     void silence();
+    void tellIfSilentlyLost();
     std::shared_ptr<ConnectionEvents> events() const;
     int endSession();
+    void holdBack();
     void endLastSession();
     void destroyWhenUnused();
     void destroyHandle();
@@ -125,6 +132,9 @@ private:
     std::atomic<bool> _closed{false};
     std::atomic<int> _calls{0};  // into the library
 
+    std::atomic<bool> _lossUntold{false};  // the session has ended by itself
+    bool _seenUntold = false;              // of the thread that calls tellSilentLosses()
+
     // Held across calls that await an answer: the library keeps only one answer for each handle.
     std::mutex _answerMutex;
 
@@ -138,6 +148,7 @@ private:
     char* _spentTopic = nullptr;   // handed on; the library is about to forget them
     MQTTClient_message* _spent = nullptr;
     int _callbacks = 0;           // in progress, or on their way back
+    int _heldBack = 0;            // how many end the session: no message is handed out meanwhile
     bool _lostElsewhere = false;  // the session ended on another thread than the connecting one
     std::thread::id _connecting;
     std::chrono::steady_clock::time_point _unsureSince;

@@ -7,11 +7,16 @@
 #include "Dispatcher.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 namespace kel {
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kBetweenLooks = std::chrono::seconds(2);
 
 thread_local Dispatcher* runningHere = nullptr;
 
@@ -70,7 +75,7 @@ void Dispatcher::push(std::shared_ptr<Item> item) {
 std::shared_ptr<Dispatcher::Item> Dispatcher::next() {
     std::unique_lock<std::mutex> lock(_mutex);
     _busy = false;
-    _filled.wait(lock, [this] { return _stopped || !_queue.empty(); });
+    _filled.wait_for(lock, kBetweenLooks, [this] { return _stopped || !_queue.empty(); });
     if (_queue.empty()) return {};
     _busy = true;
     std::shared_ptr<Item> item = std::move(_queue.front());
@@ -80,9 +85,19 @@ std::shared_ptr<Dispatcher::Item> Dispatcher::next() {
     return item;
 }
 
-void Dispatcher::run() {
+bool Dispatcher::over() const {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    return _stopped && _queue.empty();
+}
+
+void Dispatcher::run(const std::function<void()>& lookAfter) {
     runningHere = this;
-    while (const std::shared_ptr<Item> item = next()) item->handOut();
+    for (auto looked = Clock::now(); !over();) {
+        if (const std::shared_ptr<Item> item = next()) item->handOut();
+        if (Clock::now() < looked + kBetweenLooks) continue;
+        lookAfter();
+        looked = Clock::now();
+    }
     runningHere = nullptr;
 }
 

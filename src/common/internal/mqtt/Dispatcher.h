@@ -63,7 +63,8 @@ public:
     void push(std::shared_ptr<Item> item);
 
     /// The dispatching thread; returns after stop(), once the queue is empty.
-    void run();
+    /// @param lookAfter  called every other second, between two messages.
+    void run(const std::function<void()>& lookAfter);
 
     void stop();
 
@@ -77,6 +78,7 @@ private:
     bool mayGrow() const;
     void append(std::shared_ptr<Item> item);
     std::shared_ptr<Item> next();
+    bool over() const;
 
     mutable std::mutex _mutex;
     std::condition_variable _filled;

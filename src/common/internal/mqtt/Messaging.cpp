@@ -67,18 +67,40 @@ Messaging::Messaging() {
     }
     _handlers = std::make_unique<TaskPool>("", 32);
     _background = std::make_unique<TaskPool>("mqttBackground", 1024);
-    inBackground([this] { _dispatcher.run(); });
+    inBackground([this] { _dispatcher.run([this] { lookAfter(); }); });
 }
 
 bool Messaging::inBackground(std::function<void()> task) {
     if (!_background || stopped()) return false;
+    startPostponed();
+    if (tryInBackground(task)) return true;
+    if (stopped()) return false;
+    const std::lock_guard<std::mutex> lock(_postponedMutex);
+    _postponed.push_back(std::move(task));
+    return true;
+}
+
+bool Messaging::tryInBackground(const std::function<void()>& task) {
     try {
-        _background->start([task = std::move(task)] { logExceptions(log, task); },
-                           "mqttBackground");
+        _background->start([task] { logExceptions(log, task); }, "mqttBackground");
         return true;
     } catch (const std::exception&) {
         return false;  // logged by the pool
     }
+}
+
+void Messaging::startPostponed() {
+    const std::lock_guard<std::mutex> lock(_postponedMutex);
+    std::erase_if(_postponed, [this](const auto& task) { return tryInBackground(task); });
+}
+
+// A client must not stay away for good because the system had no thread when its session ended:
+// none for the MQTT library to tell of it, or none to connect again.
+void Messaging::lookAfter() {
+    logExceptions(log, [this] {
+        startPostponed();
+        Connection::tellSilentLosses();
+    });
 }
 
 void Messaging::stopRunning() {

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <vector>
 
 #include "../../MqttStatistics.h"
 #include "../process/StopSignal.h"
@@ -42,7 +44,8 @@ public:
     /// Fills in the queue and the pools.
     void describe(MqttStatistics& numbers) const;
 
-    /// Runs `task` on a thread that may wait as long as it likes. What it throws is logged.
+    /// Runs `task` on a thread that may wait as long as it likes; where the system has none at the
+    /// moment, some seconds after it has one again. What it throws is logged.
     /// @return false, with the task not run, after the stop.
     bool inBackground(std::function<void()> task);
 
@@ -54,6 +57,9 @@ private:
     static void stopRunning();
 
     void stop();
+    bool tryInBackground(const std::function<void()>& task);
+    void startPostponed();
+    void lookAfter();
 
     // Set at construction, own locking. Null while the process ends.
     std::unique_ptr<TaskPool> _handlers;
@@ -62,6 +68,9 @@ private:
     StopSignal _stop;
 
     bool _exhausted = false;  // the dispatching thread's
+
+    std::mutex _postponedMutex;
+    std::vector<std::function<void()>> _postponed;  // guarded by it; for want of a thread
 };
 
 /// Figures since the start of the process; of all clients together.

@@ -21,6 +21,7 @@ bool isValidText(const std::string& text) {
 std::vector<std::string> levels(const std::string& filter) {
     std::vector<std::string> all;
     std::istringstream in(filter + "/");
+    in.exceptions(std::ios::badbit);  // else a failed allocation would end the loop
     for (std::string level; std::getline(in, level, '/');) all.push_back(level);
     return all;
 }

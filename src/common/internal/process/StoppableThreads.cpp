@@ -7,12 +7,14 @@ namespace kel {
 
 void StoppableThreads::start(const std::string& name, Poco::Thread::Priority priority,
                              std::function<void()> work) {
-    auto thread = std::make_unique<Poco::Thread>(name);
-    if (priority != Poco::Thread::PRIO_NORMAL) thread->setPriority(priority);
+    std::list<std::unique_ptr<Poco::Thread>> started;  // nothing may fail once the thread runs
+    started.push_back(std::make_unique<Poco::Thread>(name));
+    Poco::Thread& thread = *started.front();
+    if (priority != Poco::Thread::PRIO_NORMAL) thread.setPriority(priority);
     const std::lock_guard<std::mutex> lock(_mutex);
     joinEnded();
-    thread->startFunc(std::move(work));
-    _threads.push_back(std::move(thread));
+    thread.startFunc(std::move(work));
+    _threads.splice(_threads.end(), started);
 }
 
 // The caller holds the mutex.

@@ -1,0 +1,277 @@
+// Load: full counts, after which nothing is lost or left behind.
+
+#include <Poco/Logger.h>
+#include <Poco/Net/HTTPClientSession.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPResponse.h>
+#include <Poco/Net/ServerSocket.h>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <thread>
+
+#include "Await.h"
+#include "Broker.h"
+#include "ScriptedBroker.h"
+#include "Soak.h"
+#include "common/Logger.h"
+#include "common/MqttClient++.h"
+#include "common/ThreadPool.h"
+#include "common/WebApiBasic.h"
+
+namespace soak {
+
+namespace {
+
+using kel::MqttClient;
+
+constexpr int kPoolThreads = 32;
+constexpr int kMqttThreads = 8;  // receive, dispatching and background threads
+constexpr std::chrono::seconds kPatience{120};
+constexpr auto kAlways = [](auto&&...) { return true; };
+
+long scaled(long full, double scale) {
+    return std::max(10L, static_cast<long>(static_cast<double>(full) * scale));
+}
+
+// Runs `work(thread)` on so many threads, and waits for them.
+void onThreads(int count, const std::function<void(int)>& work) {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < count; ++i) threads.emplace_back(work, i);
+}
+
+std::shared_ptr<MqttClient> connected(const std::string& address, const std::string& id) {
+    const auto client = MqttClient::createInstance(address, id, "", "");
+    client->Connect(kAlways, kAlways);
+    const auto ready = [&] { return client->PublishMessage("{}", "ready", 0, 0, 0); };
+    if (!await(ready, kPatience)) throw std::runtime_error("not connected: " + id);
+    return client;
+}
+
+// From one client to another, every QoS in turn; each message is ticked off as it comes.
+Result messages(double scale) {
+    const long total = scaled(1'000'000, scale);
+    Broker broker;
+    const auto sender = connected(broker.address(), "sender");
+    const auto receiver = connected(broker.address(), "receiver");
+    std::vector<std::atomic<char>> seen(static_cast<std::size_t>(total));
+    std::atomic<long> received{0}, doubled{0}, begun{0};
+    receiver->Subscribe(
+        [&](const Poco::JSON::Object& object, const std::string&) {
+            const long number = object.getValue<long>("n");
+            if (number < 0) {
+                ++begun;
+                return;
+            }
+            if (seen[static_cast<std::size_t>(number)]++ != 0) ++doubled;
+            ++received;
+        },
+        "load", 2);
+    await([&] { return sender->PublishMessage(R"({"n":-1})", "load", 1, 0, 0) && begun > 0; });
+    Watch watch(total);
+    long refused = 0;
+    for (long i = 0; i < total; ++i) {
+        const std::string payload = R"({"n":)" + std::to_string(i) + "}";
+        if (!sender->PublishMessage(payload, "load", static_cast<int>(i % 3), 0, 0)) ++refused;
+        if (i % 1000 == 0) await([&] { return i - received < 4000; });
+        watch.at(i + 1);
+    }
+    await([&] { return received + refused >= total; });
+    return watch.end(
+        received == total && doubled == 0, "messages",
+        std::to_string(total - received) + " lost, " + std::to_string(doubled) + " doubled",
+        kPoolThreads);
+}
+
+Result tasks(double scale) {
+    const long total = scaled(1'000'000, scale);
+    Watch watch(total);
+    std::atomic<long> done{0};
+    {
+        kel::ThreadPool pool;
+        for (long i = 0; i < total; ++i) {
+            while (!pool.tryStart([&] { ++done; }, std::chrono::milliseconds(100))) continue;
+            watch.at(i + 1);
+        }
+        pool.stop();
+    }
+    return watch.end(done == total, "tasks", std::to_string(total - done) + " lost");
+}
+
+// One client: a new connection for every hundred requests, and after a failure.
+void request(const Poco::Net::SocketAddress& address, long count, std::atomic<long>& answered,
+             std::atomic<long>& failed) {
+    std::unique_ptr<Poco::Net::HTTPClientSession> session;
+    for (long i = 0; i < count; ++i) {
+        if (i % 100 == 0 || !session) {
+            session = std::make_unique<Poco::Net::HTTPClientSession>(address);
+            session->setKeepAlive(true);
+            session->setTimeout({60, 0});
+        }
+        try {
+            Poco::Net::HTTPRequest get("GET", "/n?n=" + std::to_string(i), "HTTP/1.1");
+            session->sendRequest(get);
+            Poco::Net::HTTPResponse response;
+            std::istream& body = session->receiveResponse(response);
+            const std::string text{std::istreambuf_iterator<char>(body), {}};
+            (text == "{\"n\":\"" + std::to_string(i) + "\"}" ? answered : failed)++;
+        } catch (const Poco::Exception&) {
+            session.reset();
+            ++failed;
+        }
+    }
+}
+
+Result requests(double scale) {
+    constexpr int kConnections = 64;
+    const long each = scaled(200'000, scale) / kConnections, total = each * kConnections;
+    const auto api = kel::WebApiBasic::instance();
+    api->apiRegist("/n", [](auto&, auto&, const auto& params, auto& result) {
+        result.set("n", params.at("n"));
+    });
+    const Poco::Net::ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", 0));
+    Watch watch(total);
+    std::atomic<long> answered{0}, failed{0};
+    api->start(socket);
+    std::jthread clients([&] {
+        onThreads(kConnections, [&](int) { request(socket.address(), each, answered, failed); });
+    });
+    await([&] { return answered + failed >= total / 10; }, kPatience);
+    watch.at(answered);
+    clients.join();
+    api->stop();
+    return watch.end(answered == total, "requests over 64 connections",
+                     std::to_string(failed) + " failed", kPoolThreads);
+}
+
+// Lines of the log files, of each thread; those out of order are counted as wrong.
+std::vector<long> linesOf(std::size_t threads, long& wrong) {
+    std::vector<long> next(threads, 0);
+    for (const auto& file : std::filesystem::directory_iterator(homeFolder())) {
+        std::ifstream in(file.path());
+        for (std::string line; std::getline(in, line);) {
+            const std::size_t at = line.rfind(":line ");
+            if (at == line.npos) continue;
+            std::istringstream numbers(line.substr(at + 6));
+            std::size_t thread = 0;
+            long number = -1;
+            numbers >> thread >> number;
+            if (next.at(thread)++ != number) ++wrong;
+        }
+    }
+    return next;
+}
+
+// Every thread numbers its lines; the files must have each thread's lines whole and in order.
+Result logLines(double scale) {
+    constexpr int kThreads = 8, kSetups = 50;
+    const long each = scaled(10'000'000, scale) / kThreads, total = each * kThreads;
+    silenceConsole();
+    kel::loadLogging();
+    Watch watch(total);
+    std::atomic<long> written{0};
+    std::jthread writers([&] {
+        onThreads(kThreads, [&](int thread) {
+            Poco::Logger& logger = Poco::Logger::get(kel::logName());
+            const std::string begin = "line " + std::to_string(thread) + " ";
+            for (long i = 0; i < each; ++i, ++written)
+                logger.information(begin + std::to_string(i), __FILE__, __LINE__);
+        });
+    });
+    for (int i = 1; i <= kSetups; ++i) {
+        await([&] { return written >= total / kSetups * i; }, kPatience);
+        watch.at(written);
+        kel::loadLogging();
+    }
+    writers.join();
+    kel::deleteLogger();
+    long found = 0, wrong = 0;
+    for (const long count : linesOf(kThreads, wrong)) found += count;
+    return watch.end(
+        found == total && wrong == 0, "lines from 8 threads across 50 set-ups",
+        std::to_string(total - found) + " lost, " + std::to_string(wrong) + " out of order");
+}
+
+Result clients(double scale) {
+    constexpr int kAtATime = 100;  // each is a background thread, which ends a minute later
+    const long total = scaled(10'000, scale);
+    Broker broker;
+    connected(broker.address(), "first");  // what the first one starts stays
+    std::atomic<long> done{0}, next{0}, failed{0};
+    Watch watch(total);
+    onThreads(kAtATime, [&](int) {
+        for (long i = next++; i < total; i = next++) {
+            try {
+                connected(broker.address(), "client" + std::to_string(i))->Disconnect();
+            } catch (const std::exception&) {
+                ++failed;
+            }
+            if (++done == total / 10) watch.at(done);
+        }
+    });
+    return watch.end(failed == 0, "clients made, connected and released",
+                     std::to_string(failed) + " failed", kAtATime + kMqttThreads);
+}
+
+// A client whose broker ends `ends` sessions at random moments, under traffic.
+struct Restarted {
+    ScriptedBroker broker{ScriptedBroker::Manner::kAcknowledges};
+    std::atomic<long> confirmed{0};
+    std::shared_ptr<MqttClient> client;
+
+    // Whether it always came back, and nothing was confirmed that had not come.
+    bool survives(unsigned seed, long ends, const std::function<void()>& ended) {
+        std::mt19937 random(seed);
+        client = MqttClient::createInstance(broker.address(), std::to_string(seed), "", "");
+        client->SetDeliveryCompleteCallback([&](int) { ++confirmed; });
+        client->Connect(kAlways, kAlways);
+        for (long i = 0; i <= ends; ++i) {
+            long more = 5 + static_cast<long>(random() % 200);
+            const auto sent = [&] {
+                while (more > 0 && client->PublishMessage("{}", "t", 1, 0, 0)) --more;
+                return more == 0;
+            };
+            if (!await(sent, kPatience)) return false;
+            if (i == ends) break;
+            broker.drop();
+            ended();
+        }
+        client->Disconnect();
+        return confirmed <= broker.messages();
+    }
+};
+
+// Many clients at once, since each waits for seconds before it connects again.
+Result restarts(double scale) {
+    constexpr int kPairs = 40;
+    const ScriptedBroker broker{ScriptedBroker::Manner::kAcknowledges};
+    connected(broker.address(), "first");  // what the first one starts stays
+    const long each = std::max(2L, scaled(2000, scale) / kPairs), total = each * kPairs;
+    Watch watch(total);
+    std::atomic<long> ends{0}, confirmed{0}, wrong{0};
+    onThreads(kPairs, [&](int pair) {
+        Restarted one;
+        if (!one.survives(static_cast<unsigned>(pair), each, [&] { watch.at(++ends); })) ++wrong;
+        confirmed += one.confirmed;
+    });
+    return watch.end(wrong == 0 && ends == total, "sessions ended under traffic",
+                     std::to_string(wrong) + " of 40 clients stayed away or lost what was " +
+                         "confirmed; " + std::to_string(confirmed) + " messages confirmed",
+                     kPoolThreads + kPairs + kMqttThreads);
+}
+
+}  // namespace
+
+std::vector<Case> loadCases() {
+    return {{"load", "messages", messages, 600}, {"load", "tasks", tasks},
+            {"load", "requests", requests},      {"load", "log lines", logLines, 300},
+            {"load", "clients", clients, 600},   {"load", "broker restarts", restarts, 300}};
+}
+
+}  // namespace soak
