@@ -159,7 +159,7 @@ void serve(const bench::Rounds& rounds) {
                 return bench::Job(
                     [=] { return std::vector<double>{requestsPerSecond(url, connections)}; });
             };
-            rounds.contest(title + ", " + std::to_string(connections) + " connections",
+            rounds.contest(title + ", kept connections: " + std::to_string(connections),
                            {"requests/s"}, ask(urlOf(ours.socket, path)),
                            {{"POCO's HTTPServer", ask(urlOf(bare.socket, path)), 1.0}});
         }

@@ -1,7 +1,8 @@
-// What a line costs its caller, and how many lines a second are written: the library's logger, the
-// same POCO channels wired by hand, and spdlog's asynchronous logger, each with a console and a
-// file. Standard error, the console of all three, is /dev/null meanwhile. Each measurement is a
-// process of its own, all take turns, and a figure counts only when the file has every line.
+// What a line costs its caller, and how many lines a second are written: the library's logger, by
+// way of POCO's and by logLine(), the same POCO channels wired by hand, and spdlog's asynchronous
+// logger, each with a console and a file. Standard error, the console of all three, is /dev/null
+// meanwhile. Each measurement is a process of its own, all take turns, and a figure counts only
+// when the file has every line.
 
 #include <Poco/AsyncChannel.h>
 #include <Poco/ConsoleChannel.h>
@@ -16,6 +17,7 @@
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/spdlog.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -62,6 +64,12 @@ Contender library(const fs::path&) {
             [] { kel::deleteLogger(); }};
 }
 
+Contender libraryDirectly(const fs::path&) {
+    kel::loadLogging();
+    return {[](const std::string& text) { kel::logLine(Poco::Message::PRIO_INFORMATION, text); },
+            [] { kel::deleteLogger(); }};
+}
+
 Contender pocoByHand(const fs::path& folder) {
     Poco::AutoPtr<Poco::ColorConsoleChannel> console(new Poco::ColorConsoleChannel);
     Poco::AutoPtr<Poco::FileChannel> file(new Poco::FileChannel((folder / "poco.log").string()));
@@ -101,6 +109,7 @@ Contender spdlogAsync(const fs::path& folder) {
 
 struct Result {
     double callerNanoseconds = 0;  // for a line, on each thread
+    double callerProcessor = 0;    // the same in processor time, which other processes hardly touch
     double linesPerSecond = 0;     // until all are written
     long residentKilobytes = 0;    // once all are written
 };
@@ -117,6 +126,17 @@ long residentKilobytes() {
     return 0;
 }
 
+struct Cost {
+    double time = 0;
+    double processor = 0;
+};
+
+double threadProcessorNanoseconds() {
+    timespec used{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    return static_cast<double>(used.tv_sec) * 1e9 + static_cast<double>(used.tv_nsec);
+}
+
 std::size_t linesIn(const fs::path& folder) {
     std::size_t lines = 0;
     for (const auto& entry : fs::recursive_directory_iterator(folder)) {
@@ -129,21 +149,26 @@ std::size_t linesIn(const fs::path& folder) {
 
 Result measureHere(MakeContender make, int threads, int lines, const fs::path& folder) {
     const Contender contender = make(folder);
-    std::vector<double> took(static_cast<std::size_t>(threads));
-    const auto work = [&](double& seconds) {
+    std::vector<Cost> took(static_cast<std::size_t>(threads));
+    const auto work = [&](Cost& cost) {
         const auto begin = Clock::now();
+        const double processorBegin = threadProcessorNanoseconds();
         for (int i = 0; i < lines / threads; ++i) contender.log(textOf(i));
-        seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+        cost.processor = threadProcessorNanoseconds() - processorBegin;
+        cost.time = std::chrono::duration<double, std::nano>(Clock::now() - begin).count();
     };
     const auto begin = Clock::now();
     std::vector<std::thread> workers;
-    for (double& seconds : took) workers.emplace_back(work, std::ref(seconds));
+    for (Cost& cost : took) workers.emplace_back(work, std::ref(cost));
     for (auto& worker : workers) worker.join();
     Result result;
     contender.finish();
     result.residentKilobytes = residentKilobytes();
     result.linesPerSecond = lines / std::chrono::duration<double>(Clock::now() - begin).count();
-    for (double seconds : took) result.callerNanoseconds += seconds * 1e9 / lines;
+    for (const Cost& cost : took) {
+        result.callerNanoseconds += cost.time / lines;
+        result.callerProcessor += cost.processor / lines;
+    }
     return result;
 }
 
@@ -173,20 +198,23 @@ Result measure(MakeContender make, int threads, int lines) {
     return result;
 }
 
-void compare(const bench::Rounds& rounds, int threads) {
-    const std::string title = "threads that log: " + std::to_string(threads);
+void compare(const bench::Rounds& rounds, int threads, MakeContender ours, const std::string& by) {
+    const std::string title = by + ", threads that log: " + std::to_string(threads);
     const auto caller = [threads](MakeContender make) -> bench::Job {
-        return [=] { return std::vector{measure(make, threads, kLines).callerNanoseconds}; };
+        return [=] {
+            const Result result = measure(make, threads, kLines);
+            return std::vector{result.callerNanoseconds, result.callerProcessor};
+        };
     };
     const auto rate = [threads](MakeContender make) -> bench::Job {
         return [=] { return std::vector{measure(make, threads, kLines).linesPerSecond}; };
     };
-    rounds.contest(title, {"ns for a line, its caller"}, caller(library),
+    rounds.contest(title, {"ns for a line, its caller", "ns of it in processor time"}, caller(ours),
                    {{"POCO by hand", caller(pocoByHand), 0.2},
                     {"spdlog asynchronous", caller(spdlogAsync), 2}},
                    bench::Better::kLower);
     rounds.contest(
-        title, {"lines/s until written"}, rate(library),
+        title, {"lines/s until written"}, rate(ours),
         {{"POCO by hand", rate(pocoByHand), 1}, {"spdlog asynchronous", rate(spdlogAsync), 0.8}});
 }
 
@@ -204,7 +232,10 @@ int main(int argc, char** argv) {
         rounds.table("Logging", std::to_string(kLines) +
                                     " lines to a file and to a console that "
                                     "takes everything.");
-        for (const int threads : {1, 4}) compare(rounds, threads);
+        for (const int threads : {1, 4}) {
+            compare(rounds, threads, library, "POCO's logger");
+            compare(rounds, threads, libraryDirectly, "logLine()");
+        }
         if (argc < 3) printMemory();
     });
 }

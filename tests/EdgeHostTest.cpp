@@ -360,7 +360,8 @@ TEST(EdgeHost, SpeaksTlsToAllWhereItHasACertificate) {
     host.writeConfig(contentOf(files["shipped.key"]) + contentOf(files["good.pem"]),
                      "kelhost/any.pem");
     host.writeConfig(contentOf(files["root.pem"]), "kelhost/rootcert.pem");
-    const std::string port = std::to_string(freePort()), address = "https://localhost:" + port;
+    const std::string port = std::to_string(freePort()), beside = std::to_string(freePort());
+    const std::string address = "https://localhost:" + port;
     const std::string hook = "/index/api/on_server_started?secret=" + kHookSecret;
     host.start({"--default=mqtt.address=mqtts://localhost:" + std::to_string(broker.port()),
                 "--default=mqtt.authorities=" + files["root.pem"],
@@ -368,22 +369,25 @@ TEST(EdgeHost, SpeaksTlsToAllWhereItHasACertificate) {
                 "--default=mqtt.privateKey=" + files["good.key"],
                 "--default=openSSL.client.caConfig=" + files["root.pem"],
                 "--default=http.address=0.0.0.0", "--default=http.hostNames=localhost",
-                "--default=http.sslport=" + port, "--default=hook.enable=true",
+                "--default=http.sslport=" + port, "--default=http.besideTls=true",
+                "--default=http.port=" + beside, "--default=hook.enable=true",
                 "--default=hook.on_server_started=" + address + hook});
     EXPECT_TRUE(host.awaitLog("status page: " + address + "/status"));
     EXPECT_TRUE(host.awaitLog("connected to mqtts://localhost:"));
     EXPECT_TRUE(host.awaitLog("report 1 of a server at 127.0.0.1"));
+    const std::string plain = "http://localhost:" + port, local = "http://127.0.0.1:" + beside;
     const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
-        {"https", address, R"("connected":true)"},
-        {"https", "http://localhost:" + port, "pages of other sites"},
-        {"http", address, "curl: ("},
+        {address, address, R"("connected":true)"},
+        {address, plain, "pages of other sites"},
+        {plain, address, "curl: ("},
+        {local, local, R"("connected":true)"},
+        {local, "https://127.0.0.1:" + beside, "pages of other sites"},
     };
-    for (const auto& [scheme, origin, says] : cases) {
-        const std::string reply =
-            shell("curl -sS --max-time 20 --cacert " + files["root.pem"] +
-                  " -H 'Authorization: Bearer " + kKey + "' -H 'Origin: " + origin + "' " + scheme +
-                  "://localhost:" + port + "/index/api/state || true");
-        EXPECT_NE(std::string::npos, reply.find(says)) << scheme << " " << origin << "\n" << reply;
+    for (const auto& [url, origin, says] : cases) {
+        const std::string reply = shell(
+            "curl -sS --max-time 20 --cacert " + files["root.pem"] + " -H 'Authorization: Bearer " +
+            kKey + "' -H 'Origin: " + origin + "' " + url + "/index/api/state || true");
+        EXPECT_NE(std::string::npos, reply.find(says)) << url << " " << origin << "\n" << reply;
     }
     host.signal(SIGTERM);
     EXPECT_EQ(0, host.exitCode());

@@ -240,6 +240,23 @@ TEST_F(WebApi, StopsFromAHandlerForgetsItsRoutesAndServesNewClientsAfterwards) {
     }
 }
 
+TEST_F(WebApi, ServesOnSeveralSockets) {
+    api->stop();
+    EXPECT_THROW(api->start(std::vector<ServerSocket>()), Poco::InvalidArgumentException);
+    std::vector<ServerSocket> sockets;
+    for (int i = 0; i < 2; ++i) sockets.emplace_back(Poco::Net::SocketAddress("127.0.0.1", 0));
+    api->start(sockets);
+    for (const ServerSocket& socket : sockets) {
+        port = socket.address().port();
+        EXPECT_EQ(standardReply(kNotFound), get("/unknown"));
+    }
+    EXPECT_EQ(2u, api->statistics().requests);
+    EXPECT_THROW(api->start(sockets), Poco::LogicException);
+    api->stop();
+    for (const ServerSocket& socket : sockets)
+        EXPECT_THROW(RawClient{socket.address().port()}, Poco::Exception);
+}
+
 TEST_F(WebApi, IsEndedByAStopOfTheLibraryAndStartsAnew) {
     for (int round = 0; round < 2; ++round) {
         RawClient kept(port);

@@ -99,6 +99,4 @@ TEST_F(MqttReceiveThreadTest, StaysWhereTheLastSessionEnds) {
     client->Disconnect();
     kel::stopLibrary();
     EXPECT_TRUE(await([&] { return receiveThreads().empty(); }));
-    client->Connect({}, {});
-    EXPECT_TRUE(await([&] { return client->PublishMessage("{}", "out", 1, 0, 0); }));
 }

@@ -180,14 +180,16 @@ TEST_F(MqttReconnectTest, TheDecisionCallbackMayDoAnything) {
 TEST_F(MqttReconnectTest, MayBeReleasedInEveryStateOfTheLoss) {
     for (const bool inTheCallback : {true, false}) {
         ClientPtr client;
-        std::promise<void> decided;
+        std::promise<void> made, decided;
         const auto decide = [&](const std::string&) {
+            made.get_future().wait();
             if (inTheCallback) client.reset();
             decided.set_value();
             return true;
         };
         client = connected(inTheCallback ? "edge-1" : "edge-2", decide);
         const std::weak_ptr<MqttClient> weak = client;
+        made.set_value();
         _broker.restart();
         decided.get_future().wait();
         client.reset();

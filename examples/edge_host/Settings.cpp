@@ -84,6 +84,7 @@ void Settings::visit(Self& self, Visitor&& visitor) {
     visitor("http.address", self.page.address);
     visitor(kel::http::kPort.c_str(), self.page.port);
     visitor(kel::http::kSslPort.c_str(), self.page.tlsPort);
+    visitor("http.besideTls", self.page.besideTls);
     visitor("http.openToNetwork", self.page.openToNetwork);
     visitor("http.hostNames", self.page.hostNames);
     visitor("http.scheme", self.page.scheme);
@@ -109,6 +110,7 @@ std::vector<std::string> Settings::shownKeys() {
             "http.address",
             "http.port",
             "http.sslport",
+            "http.besideTls",
             "http.apiDebug",
             "http.openToNetwork",
             "http.hostNames",

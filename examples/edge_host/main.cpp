@@ -4,11 +4,12 @@
 //   loadLogging, the defaults on the empty store, loadConfig, then the services;
 //   web API, tasks, connections, saveConfig where settings changed, stopLibrary, deleteLogger.
 
-#include <Poco/Util/Application.h>
 #include <Poco/Util/HelpFormatter.h>
 #include <Poco/Util/Option.h>
+#include <Poco/Util/OptionProcessor.h>
 #include <Poco/Util/OptionSet.h>
 #include <Poco/Util/RegExpValidator.h>
+#include <Poco/Util/ServerApplication.h>
 #include <common/Config.h>
 #include <common/Library.h>
 #include <common/Logger.h>
@@ -37,7 +38,9 @@ int fail(int exitCode, const std::string& reason) {
     return exitCode;
 }
 
-class EdgeHost : public Poco::Util::Application {
+// POCO's class reports to the service manager where the host is started as a Windows service. Its
+// own options are left out: a service manager starts and stops the host on every system.
+class EdgeHost : public Poco::Util::ServerApplication {
 public:
     /// @return the process's exit code.
     int start(int argc, char** argv);
@@ -48,6 +51,9 @@ protected:
     int main(const std::vector<std::string>& arguments) override;
 
 private:
+    using Arguments = std::vector<std::string>;
+
+    void checkOptions(const Arguments& arguments, bool unixStyle);
     int showHelp();
     Settings loadSettings();
     Settings defaults() const;
@@ -60,15 +66,40 @@ private:
     bool _hasNewKeys = false;
 };
 
-// POCO reads "/role=server" on Windows and "--role=server" elsewhere; the latter is right anywhere.
+// POCO reads "/role=server" on Windows and "--role=server" elsewhere. Here the first one decides.
 int EdgeHost::start(int argc, char** argv) {
+    const Arguments arguments(argv, argv + argc);
+    const bool unixStyle = argc < 2 || argv[1][0] != '/';
     try {
-        if (argc > 1 && argv[1][0] == '-') setUnixOptions(true);
-        init(argc, argv);
-        return run();
+        checkOptions(arguments, unixStyle);
     } catch (const Poco::Exception& exc) {
         return fail(EXIT_USAGE, exc.displayText());
     }
+    setUnixOptions(unixStyle);
+    return run(arguments);
+}
+
+bool endsAtOnce(const std::string& option) {
+    return option == "help" || option == "version";
+}
+
+// Before POCO reads them, which would log what is wrong with them and end with another exit code.
+void EdgeHost::checkOptions(const Arguments& arguments, bool unixStyle) {
+    Poco::Util::OptionSet known;
+    defineOptions(known);
+    Poco::Util::OptionProcessor processor(known);
+    processor.setUnixStyle(unixStyle);
+    for (std::size_t i = 1; i < arguments.size(); ++i) {
+        std::string name, value;
+        if (!processor.process(arguments[i], name, value) || name.empty()) continue;
+        if (endsAtOnce(name)) return;
+        Poco::Util::Validator* const validator = known.getOption(name).validator();
+        if (validator) validator->validate(known.getOption(name), value);
+        if (name == "default" && value.find('=') == std::string::npos) {
+            throw Poco::InvalidArgumentException("no KEY=VALUE", value);
+        }
+    }
+    processor.checkRequired();
 }
 
 void EdgeHost::defineOptions(Poco::Util::OptionSet& options) {
@@ -84,17 +115,14 @@ void EdgeHost::defineOptions(Poco::Util::OptionSet& options) {
 }
 
 void EdgeHost::handleOption(const std::string& name, const std::string& value) {
-    Application::handleOption(name, value);  // validates
-    if (name == "help" || name == "version") {
+    ServerApplication::handleOption(name, value);
+    if (endsAtOnce(name)) {
         _show = name;
         stopOptionsProcessing();
     } else if (name == "role") {
         _role = value;
     } else if (name == "default") {
         const auto equals = value.find('=');
-        if (equals == std::string::npos) {
-            throw Poco::InvalidArgumentException("no KEY=VALUE", value);
-        }
         _defaults.emplace_back(value.substr(0, equals), value.substr(equals + 1));
     }
 }
@@ -170,8 +198,8 @@ void keepKeys(const StatusPage& page) {
 
 void EdgeHost::serve(const Settings& settings) {
     // First of all: with its port taken everything else is in vain.
-    const auto socket = StatusPage::listen(settings.page);
-    const auto web = std::make_shared<StatusPage>(settings.page, socket);
+    const auto sockets = StatusPage::listen(settings.page);
+    const auto web = std::make_shared<StatusPage>(settings.page, sockets);
     const Outages outages;
     const std::shared_ptr<Node> node = makeNode(settings);
     node->start();

@@ -33,8 +33,10 @@ bool isKey(const std::string& given, const std::string& expected) {
     return difference == 0;
 }
 
-Access::Access(std::string key, std::vector<std::string> hostNames, std::string scheme)
-    : _key(std::move(key)), _hostNames(std::move(hostNames)), _scheme(std::move(scheme)) {}
+Access::Access(std::string key, std::vector<std::string> hostNames, std::string plainScheme)
+    : _key(std::move(key)),
+      _hostNames(std::move(hostNames)),
+      _plainScheme(std::move(plainScheme)) {}
 
 bool Access::isOurs(const std::string& authority) const {
     try {
@@ -54,7 +56,7 @@ std::optional<Access::Refusal> Access::checkSource(const HTTPServerRequest& requ
         return Refusal{HTTPResponse::HTTP_FORBIDDEN,
                        "this host is asked by its address, or by a name in http.hostNames"};
     }
-    const std::string origin = _scheme + "://" + host;
+    const std::string origin = (request.secure() ? "https" : _plainScheme) + "://" + host;
     const std::string site = request.get("Sec-Fetch-Site", "none");
     const bool followedLink = page && request.get("Sec-Fetch-Mode", "") == "navigate";
     if (Poco::icompare(request.get("Origin", origin), origin) != 0 ||

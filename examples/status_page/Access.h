@@ -30,8 +30,9 @@ public:
     };
 
     /// @param hostNames  names by which browsers may ask, in lower case, without ports.
-    /// @param scheme     "http" or "https", as browsers see it.
-    Access(std::string key, std::vector<std::string> hostNames, std::string scheme);
+    /// @param plainScheme  of requests that come without TLS, as browsers see it: "http", or
+    ///                     "https" behind a proxy that speaks TLS.
+    Access(std::string key, std::vector<std::string> hostNames, std::string plainScheme);
 
     /// Nothing if the request may come from where it does.
     /// @param page  it is for the page itself, to which a link on another site may lead.
@@ -46,7 +47,7 @@ private:
 
     const std::string _key;
     const std::vector<std::string> _hostNames;
-    const std::string _scheme;
+    const std::string _plainScheme;
 };
 
 }  // namespace status_page

@@ -1,6 +1,6 @@
 // StatusPage.cpp - requests run on threads of the web server, several at a time, and may go on
-// after stop(): every handler holds the page weakly and sends nothing once it has gone. No handler
-// waits for the broker: what is to be published is put into a queue.
+// after stop(): every handler holds the page weakly and sends nothing once it is destroyed. No
+// handler waits for the broker: what is to be published is put into a queue.
 //
 // What a request has to show stands in one place, whyRefused(). It is asked before the body is
 // read, so that whoever has no key cannot have one parsed.
@@ -62,6 +62,23 @@ void expectPrivate(const SocketAddress& address, bool openToNetwork) {
 bool hasCertificate() {
     const std::string file = kel::serverCertificateFile();
     return !file.empty() && Poco::File(file).exists();
+}
+
+ServerSocket listenAt(const std::string& host, const PageSettings& settings, bool overTls) {
+    const Poco::UInt16 port = overTls ? settings.tlsPort : settings.port;
+    try {
+        const SocketAddress address(host, port);
+        if (overTls) return kel::secureServerSocket(address);
+        expectPrivate(address, settings.openToNetwork);
+        return kel::serverSocket(address);
+    } catch (const Poco::InvalidAccessException&) {
+        throw;
+    } catch (const Poco::Exception& exc) {
+        throw Poco::IOException(
+            Poco::format("no web API at %s, port %hu (settings http.address, %s): %s", host, port,
+                         std::string(overTls ? "http.sslport, openSSL.server.*" : "http.port"),
+                         exc.displayText()));
+    }
 }
 
 // --- Replies -----------------------------------------------------------------------------------
@@ -198,30 +215,18 @@ const char* typeOf(const std::string& file) {
 
 }  // namespace
 
-ServerSocket StatusPage::listen(const PageSettings& settings) {
-    const bool overTls = hasCertificate();
-    const Poco::UInt16 port = overTls ? settings.tlsPort : settings.port;
-    try {
-        const SocketAddress address(settings.address, port);
-        if (overTls) return kel::secureServerSocket(address);
-        expectPrivate(address, settings.openToNetwork);
-        return kel::serverSocket(address);
-    } catch (const Poco::InvalidAccessException&) {
-        throw;
-    } catch (const Poco::Exception& exc) {
-        throw Poco::IOException(Poco::format(
-            "no web API at %s, port %hu (settings http.address, %s): %s", settings.address, port,
-            std::string(overTls ? "http.sslport, openSSL.server.*" : "http.port"),
-            exc.displayText()));
-    }
+std::vector<ServerSocket> StatusPage::listen(const PageSettings& settings) {
+    if (!hasCertificate()) return {listenAt(settings.address, settings, false)};
+    std::vector<ServerSocket> sockets = {listenAt(settings.address, settings, true)};
+    if (settings.besideTls) sockets.push_back(listenAt("127.0.0.1", settings, false));
+    return sockets;
 }
 
-StatusPage::StatusPage(const PageSettings& settings, const ServerSocket& socket)
+StatusPage::StatusPage(const PageSettings& settings, const std::vector<ServerSocket>& sockets)
     : _settings(settings),
-      _socket(socket),
-      _scheme(socket.secure() ? "https" : settings.scheme),
+      _sockets(sockets),
       _hostNames(namesIn(settings.hostNames)),
-      _access(settings.key, _hostNames, _scheme),
+      _access(settings.key, _hostNames, settings.scheme),
       _disclosure(settings.shownSettings) {}
 
 void StatusPage::start(const std::shared_ptr<Host>& host) {
@@ -231,7 +236,7 @@ void StatusPage::start(const std::shared_ptr<Host>& host) {
     });
     registerPage();
     registerRoutes();
-    _api->start(_socket);
+    _api->start(_sockets);
     replaceBuiltIns();
     poco_notice(Poco::Logger::get(kel::logName()), "status page: " + address());
 }
@@ -242,13 +247,14 @@ void StatusPage::stop() {
 }
 
 std::string StatusPage::address() const {
-    SocketAddress at = _socket.address();
+    const ServerSocket& socket = _sockets.front();
+    SocketAddress at = socket.address();
     const bool everywhere = at.host().isWildcard();
     if (everywhere) at = SocketAddress("127.0.0.1", at.port());
-    const bool byName = everywhere && _socket.secure() && !_hostNames.empty();
+    const bool byName = everywhere && socket.secure() && !_hostNames.empty();
     const std::string authority =
         byName ? _hostNames.front() + ":" + std::to_string(at.port()) : at.toString();
-    return _scheme + "://" + authority + "/status";
+    return (socket.secure() ? "https" : _settings.scheme) + "://" + authority + "/status";
 }
 
 // --- Routes ------------------------------------------------------------------------------------

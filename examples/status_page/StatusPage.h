@@ -25,16 +25,17 @@ namespace status_page {
 /// are JSON objects with a "code", 0 or -1, and with "msg" where that is -1.
 class StatusPage : public std::enable_shared_from_this<StatusPage> {
 public:
-    /// A socket that listens where the settings say; it speaks TLS where there is a certificate.
+    /// Sockets that listen where the settings say. The first is the page's; it speaks TLS where
+    /// there is a certificate.
     /// @throws Poco::InvalidAccessException  the address is no loopback address, there is no
     ///         certificate, and without TLS it may not be served.
     /// @throws Poco::IOException  the port or the certificate cannot be had. Both name the settings
     ///         or the file.
-    static Poco::Net::ServerSocket listen(const PageSettings& settings);
+    static std::vector<Poco::Net::ServerSocket> listen(const PageSettings& settings);
 
     /// Takes a copy of the configuration for show.
-    /// @param socket  listening; one that speaks TLS makes the scheme "https".
-    StatusPage(const PageSettings& settings, const Poco::Net::ServerSocket& socket);
+    /// @param sockets  from listen().
+    StatusPage(const PageSettings& settings, const std::vector<Poco::Net::ServerSocket>& sockets);
 
     /// Serves `host` from now on.
     void start(const std::shared_ptr<Host>& host);
@@ -86,8 +87,7 @@ private:
     std::vector<Metric> ownMetrics() const;
 
     const PageSettings _settings;
-    const Poco::Net::ServerSocket _socket;
-    const std::string _scheme;
+    const std::vector<Poco::Net::ServerSocket> _sockets;
     const std::vector<std::string> _hostNames;
     const Access _access;
     const Disclosure _disclosure;

@@ -1,11 +1,17 @@
 // HttpClient.cpp - requests as tasks of the process-wide pool.
 //
 // A task owns everything it needs (its form excepted, which the caller keeps) and nothing of the
-// client, so that the client may go first. Each counts as under way from its submission, and while
-// it is connected its session is on a process-wide list. A stop of the library waits for those
-// under way, and cuts off what takes too long: a thread that a slow peer keeps busy would otherwise
-// still run while the library is unloaded, or while POCO's static objects go. What was begun before
-// a stop connects no more after it.
+// client, so that the client may be destroyed first. Each counts as under way from its submission,
+// and while it is connected its session is on a process-wide list. A stop of the library waits for
+// those under way, and cuts off what takes too long: a thread that a slow peer keeps busy would
+// otherwise still run while the library is unloaded, or while POCO's static objects are destroyed.
+// What was begun before a stop connects no more after it.
+//
+//   state                        who may touch it              lock
+//   Requests::underWay           any thread                    its own
+//   Requests::connected, stops   any thread                    Requests::mutex
+//   a session                    its task; shutdown() by a     Requests::mutex, under which it is
+//                                stop of the library           listed and taken off the list
 
 #include "HttpClient.h"
 
@@ -109,7 +115,7 @@ void submit(std::function<void(const Request&)> task) {
         [task = std::move(task), request = std::make_shared<Request>()] { task(*request); });
 }
 
-// On the list from before its first byte goes out, the handshake's included.
+// Is on the list before its first byte is sent, the handshake's included.
 class ListedSession : public HTTPClientSession {
 public:
     ListedSession(const Request& request, const Poco::Net::StreamSocket& socket)
@@ -222,7 +228,11 @@ std::shared_ptr<HttpClient> HttpClient::defaultHttpClient() {
     return *instance;
 }
 
-HttpClient::HttpClient() : _thread_pool(new ThreadPool(1, 32, 60, 0)) {}
+// POCO gives a pool its first thread at once, which would outlive the library in a client that is
+// never destroyed.
+HttpClient::HttpClient() : _thread_pool(new ThreadPool(1, 32, 60, 0)) {
+    _thread_pool->stop();
+}
 
 HttpClient::~HttpClient() = default;
 

@@ -36,8 +36,8 @@ namespace kel {
 /// Poco::ErrorHandler. A connection whose request body was not read to its end is closed after the
 /// reply. A reply whose head gives no length and is not chunked ends with its connection. A small
 /// reply is sent with one write, when the callback returns or flushes its stream. A status set
-/// without a reason phrase gets its own. What the callback captured goes with the server or, if
-/// that is later, with its last connection.
+/// without a reason phrase gets its own. What the callback captured is destroyed with the
+/// server or, if that is later, with its last connection.
 /// Threads: any, also from the callback. At the end of the process requests in progress get up to
 /// 10 s to finish; idle connections are closed.
 class KEL_API HttpServer {
@@ -59,7 +59,9 @@ public:
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
-    /// Accepts connections from now on; after a stop() anew.
+    /// Accepts connections from now on; after a stop() anew. The socket then listens with a backlog
+    /// of 64 connections, whatever it had before; those that it had not accepted at the stop have
+    /// been reset.
     /// @throws Poco::IllegalStateException  it does already.
     void start();
 

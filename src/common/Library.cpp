@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -32,6 +33,8 @@
 namespace kel {
 
 namespace {
+
+constexpr std::chrono::milliseconds kLastLines(2000);
 
 std::atomic<bool> ending{false};
 
@@ -83,7 +86,7 @@ struct AtProcessEnd {
     ~AtProcessEnd() {
         ending = true;
         if (platform::canJoinAtExit()) stopLibrary();
-        stopLogging();
+        stopLogging(areOfThisProcess(hooks()) ? kLastLines : std::chrono::milliseconds(0));
     }
 } atProcessEnd;
 

@@ -285,6 +285,11 @@ std::string logName() {
     return loggerName();
 }
 
+void logLine(Poco::Message::Priority priority, const std::string& text, const char* file,
+             int line) noexcept {
+    logAsIs(priority, text, file, line);
+}
+
 void deleteLogger() {
     if (LogPipeline::isForkedChild()) return;
     const std::lock_guard<std::mutex> lock(instance().mutex);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <Poco/Message.h>
+
 #include <string>
 
 #include "Export.h"
@@ -23,7 +25,7 @@ namespace kel {
 /// It loses what exceeds its 64 MiB; once it can be written again, one line says how many.
 ///
 /// A log file that cannot be opened is reported on the console and tried again, at least at each
-/// set-up.
+/// set-up. Where memory is short, lines wait until there is some.
 ///
 /// Console lines go to standard error. They have colours where that is a terminal; NO_COLOR in the
 /// environment turns them off, CLICOLOR_FORCE=1 turns them on. KEL_QUIET=1 suppresses the two lines
@@ -35,6 +37,7 @@ namespace kel {
 /// child.
 /// @throws Poco::Exception  the log directory cannot be created. What was logged to before stays in
 ///         use, the console at least; each later set-up tries again.
+/// @throws std::system_error  the system starts no thread; a later call tries again.
 /// After stopLibrary() it starts everything anew; after deleteLogger() it does nothing. Threads:
 /// any.
 KEL_API void loadLogging();
@@ -45,6 +48,15 @@ KEL_API void loadLogging();
 /// @return "" before the first loadLogging(); the last name after deleteLogger().
 /// Threads: any; never waits.
 KEL_API std::string logName();
+
+/// Logs one line as `Poco::Logger::get(kel::logName())` does, for half of what that costs its
+/// caller: POCO makes a message for each line, for which it asks the system for the process's id.
+///     kel::logLine(Poco::Message::PRIO_WARNING, "the text");
+/// @param text  written as it is, line ends included.
+/// @param file  a string literal; the call's own file and line unless given.
+/// Never throws; a line for which there is no memory is lost. Threads: any; waits as any line does.
+KEL_API void logLine(Poco::Message::Priority priority, const std::string& text,
+                     const char* file = __builtin_FILE(), int line = __builtin_LINE()) noexcept;
 
 /// Ends the refresh thread and the two writer threads. The host calls it last. It waits for as long
 /// as lines are being written; an output that takes nothing for two seconds is given up. Lines

@@ -9,7 +9,9 @@ namespace kel {
 /// Ctrl-Break, Poco::Process::requestTermination() of another process, and the closing of the
 /// console, logging off and shutting down, for which the system grants the process about 5 s. Call
 /// it first in main(), so that a request that comes while the host starts leads to an orderly end
-/// as well. Programs that the host starts are not affected.
+/// as well. Programs that the host starts are not affected. On Windows a service is not concerned
+/// when users log off, gets the service manager's requests here too if it is a
+/// Poco::Util::ServerApplication, and the library stays loaded from this call on.
 /// Repeatable. @throws std::system_error  the system refuses. Threads: any.
 KEL_API void catchTerminationRequests();
 

@@ -71,7 +71,7 @@ void prepareJsonReply(HTTPServerResponse& response) {
 }
 
 // POCO up to 1.14 takes a body without a length to end with the connection, which would hold the
-// thread until the client goes.
+// thread for as long as the client likes.
 bool hasBody(const HTTPServerRequest& request) {
     return request.getChunkedTransferEncoding() || request.hasContentLength();
 }
@@ -80,6 +80,18 @@ Poco::JSON::Object::Ptr jsonBody(HTTPServerRequest& request) {
     if (request.hasContentLength()) checkJsonBodyLength(request.getContentLength64());
     Poco::NullInputStream none;
     return readJsonObject(hasBody(request) ? request.stream() : static_cast<std::istream&>(none));
+}
+
+void add(const HttpStatistics& numbers, HttpStatistics& sum) {
+    sum.connections += numbers.connections;
+    sum.queued += numbers.queued;
+    sum.mostQueued = std::max(sum.mostQueued, numbers.mostQueued);
+    sum.refused += numbers.refused;
+    sum.requests += numbers.requests;
+    sum.status2xx += numbers.status2xx;
+    sum.status3xx += numbers.status3xx;
+    sum.status4xx += numbers.status4xx;
+    sum.status5xx += numbers.status5xx;
 }
 
 }  // namespace
@@ -170,53 +182,86 @@ void WebApiBasic::apiRegist(std::string path, Methods methods, ApiJsonBodyHandle
 }
 
 void WebApiBasic::start(const Poco::Net::ServerSocket& socket) {
-    Route formerRoot, formerList;  // declared before the lock: they go after it
+    start(std::vector<Poco::Net::ServerSocket>{socket});
+}
+
+void WebApiBasic::start(const std::vector<Poco::Net::ServerSocket>& sockets) {
+    if (sockets.empty()) throw Poco::InvalidArgumentException("no socket to serve on");
+    std::vector<Route> replaced;
+    start_l(sockets, replaced);
+}
+
+// What the built-in routes replace is destroyed by the caller, who holds no lock.
+void WebApiBasic::start_l(const std::vector<Poco::Net::ServerSocket>& sockets,
+                          std::vector<Route>& replaced) {
     const std::lock_guard<std::mutex> lifecycle(_lifecycle_mutex);
-    {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        // One that stopLibrary() has stopped is none any more.
-        if (_server && _server->running()) throw Poco::LogicException();
-    }
+    if (isServing()) throw Poco::LogicException();
     const auto noReply = [](HTTPServerRequest&, HTTPServerResponse&, const ApiParams&) {};
-    formerRoot = store("/", noReply);
-    formerList = store("/index/api/getApiList", noReply);
-    const auto server = HttpServer::createInstance(
-        socket, new Poco::Net::HTTPServerParams,
-        [this](HTTPServerRequest& request, HTTPServerResponse& response) {
-            dispatch(request, response);
-        });
-    exchangeServer(server);
+    for (const char* builtIn : {"/", "/index/api/getApiList"}) {
+        replaced.push_back(store(builtIn, noReply));
+    }
+    Servers servers;
+    for (const Poco::Net::ServerSocket& socket : sockets) {
+        servers.push_back(HttpServer::createInstance(
+            socket, new Poco::Net::HTTPServerParams,
+            [this](HTTPServerRequest& request, HTTPServerResponse& response) {
+                dispatch(request, response);
+            }));
+    }
+    startServers(servers);
+}
+
+void WebApiBasic::startServers(const Servers& servers) {
+    exchangeServers(servers);
     try {
-        server->start();
+        for (const auto& server : servers) server->start();
     } catch (...) {
-        exchangeServer(nullptr);
+        for (const auto& server : exchangeServers({})) server->stop();
         throw;
     }
 }
 
-void WebApiBasic::stop() {
-    std::map<std::string, Route> forgotten;  // declared before the locks: it goes after them
-    const std::lock_guard<std::mutex> lifecycle(_lifecycle_mutex);
-    if (const auto server = exchangeServer(nullptr)) server->stop();
+// Servers that stopLibrary() has stopped serve no more.
+bool WebApiBasic::isServing() {
     const std::lock_guard<std::mutex> lock(_mutex);
-    forgotten.swap(_apis);
+    return std::any_of(_servers.begin(), _servers.end(),
+                       [](const auto& server) { return server->running(); });
+}
+
+void WebApiBasic::stop() {
+    stop(std::chrono::milliseconds::zero());
 }
 
 bool WebApiBasic::stop(std::chrono::milliseconds patience) {
-    std::map<std::string, Route> forgotten;
-    const std::lock_guard<std::mutex> lifecycle(_lifecycle_mutex);
-    const auto server = exchangeServer(nullptr);
-    if (server) server->stop();
-    {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        forgotten.swap(_apis);
+    using Clock = std::chrono::steady_clock;
+    const auto end = Clock::now() + patience;
+    Routes forgotten;
+    const Servers servers = stop_l(forgotten);
+    forgotten.clear();
+    bool allEnded = true;
+    for (const auto& server : servers) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        allEnded = server->stop(left) && allEnded;
     }
-    return !server || server->stop(patience);
+    return allEnded;
+}
+
+// @param forgotten  takes the routes, to be destroyed by the caller, who holds no lock.
+// @return the servers, which may still answer requests that they have begun.
+WebApiBasic::Servers WebApiBasic::stop_l(Routes& forgotten) {
+    const std::lock_guard<std::mutex> lifecycle(_lifecycle_mutex);
+    Servers servers = exchangeServers({});
+    for (const auto& server : servers) server->stop();
+    const std::lock_guard<std::mutex> lock(_mutex);
+    forgotten.swap(_apis);
+    return servers;
 }
 
 HttpStatistics WebApiBasic::statistics() {
     const std::lock_guard<std::mutex> lock(_mutex);
-    return _server ? _server->statistics() : HttpStatistics();
+    HttpStatistics sum;
+    for (const auto& server : _servers) add(server->statistics(), sum);
+    return sum;
 }
 
 WebApiBasic::Route WebApiBasic::store(std::string path, ApiHandler handler) {
@@ -226,10 +271,11 @@ WebApiBasic::Route WebApiBasic::store(std::string path, ApiHandler handler) {
     return route;
 }
 
-std::shared_ptr<HttpServer> WebApiBasic::exchangeServer(std::shared_ptr<HttpServer> server) {
+// @return those from before.
+WebApiBasic::Servers WebApiBasic::exchangeServers(Servers servers) {
     const std::lock_guard<std::mutex> lock(_mutex);
-    _server.swap(server);
-    return server;
+    _servers.swap(servers);
+    return servers;
 }
 
 void WebApiBasic::dispatch(HTTPServerRequest& request, HTTPServerResponse& response) {
@@ -237,7 +283,8 @@ void WebApiBasic::dispatch(HTTPServerRequest& request, HTTPServerResponse& respo
     Route route;
     {
         const std::lock_guard<std::mutex> lock(_mutex);
-        if (!_server) return;  // a connection from before stop(); without a reply it is closed
+        if (_servers.empty())
+            return;  // a connection from before stop(); without a reply it is closed
         const auto found = _apis.find(uri.getPath());
         if (found != _apis.end()) route = found->second;
     }

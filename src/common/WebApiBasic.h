@@ -106,6 +106,12 @@ public:
     /// @throws Poco::LogicException  it is serving already; nothing changes.
     void start(const Poco::Net::ServerSocket& socket);
 
+    /// As above, on each of `sockets`, for example one that speaks TLS and one on the loopback
+    /// address that does not: HTTPServerRequest::secure() tells a handler which it was. Each has
+    /// its own connections.
+    /// @throws Poco::InvalidArgumentException  `sockets` is empty.
+    void start(const std::vector<Poco::Net::ServerSocket>& sockets);
+
     /// Accepts no further connection, answers no further request and forgets every route; returns
     /// within 250 ms. Requests in progress are not waited for. Does nothing more when not serving.
     /// Afterwards routes can be registered and start() be called again.
@@ -116,7 +122,8 @@ public:
     /// @return whether all had ended.
     bool stop(std::chrono::milliseconds patience);
 
-    /// The server's numbers since start(); zeroes while not serving.
+    /// The server's numbers since start(), of all sockets together; zeroes while not
+    /// serving.
     HttpStatistics statistics();
 
 private:
@@ -139,11 +146,20 @@ private:
     /// @return the route that was there before.
     Route store(std::string path, ApiHandler handler);
     void dispatch(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response);
-    std::shared_ptr<HttpServer> exchangeServer(std::shared_ptr<HttpServer> server);
+
+    using Servers = std::vector<std::shared_ptr<HttpServer>>;
+
+    using Routes = std::map<std::string, Route>;
+
+    void start_l(const std::vector<Poco::Net::ServerSocket>& sockets, std::vector<Route>& replaced);
+    Servers stop_l(Routes& forgotten);
+    void startServers(const Servers& servers);
+    bool isServing();
+    Servers exchangeServers(Servers servers);
 
     // Guarded by _mutex, which is never held while a handler runs.
-    std::shared_ptr<HttpServer> _server;
-    std::map<std::string, Route> _apis;
+    Servers _servers;  // empty while not serving
+    Routes _apis;
 
     std::mutex _lifecycle_mutex;  // one start() or stop() at a time; taken before _mutex
     std::mutex _mutex;

@@ -62,37 +62,68 @@ void switchesTheModeOfAConsole() {
     DWORD plain = 0, switched = 0;
     ::GetConsoleMode(console, &plain);
     ::SetConsoleMode(console, plain & ~DWORD{ENABLE_VIRTUAL_TERMINAL_PROCESSING});
+    ::SetConsoleOutputCP(437);
     platform::prepareConsole();
     ::GetConsoleMode(console, &switched);
+    expect(::GetConsoleOutputCP() == CP_UTF8, "takes UTF-8");
     expect(switched == (plain | ENABLE_VIRTUAL_TERMINAL_PROCESSING), "adds the colour flag");
 }
 
-// The other is this executable again; it waits for a request to end.
-void keepsRequestsToEndTheProcess() {
-    const std::vector<std::pair<std::string, bool (*)(DWORD)>> requests{
-        {"Ctrl-Break",
-         [](DWORD pid) { return ::GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, pid) != 0; }},
-        {"the named event", [](DWORD pid) {
-             std::array<char, 16> name{};
-             std::snprintf(name.data(), name.size(), "POCOTRM%08lX", pid);
-             const HANDLE event = ::OpenEventA(EVENT_MODIFY_STATE, FALSE, name.data());
-             return event && ::SetEvent(event) && ::CloseHandle(event);
-         }}};
-    const HANDLE ready = ::CreateEventA(nullptr, FALSE, FALSE, "kel-test-ready");
-    for (const auto& [what, ask] : requests) {
-        STARTUPINFOA startup{};
-        startup.cb = sizeof(startup);
-        PROCESS_INFORMATION child{};
-        std::string command = "\"" + platform::executablePath() + "\" --await-end";
-        ::CreateProcessA(nullptr, command.data(), nullptr, nullptr, FALSE, CREATE_NEW_PROCESS_GROUP,
-                         nullptr, nullptr, &startup, &child);
-        ::WaitForSingleObject(ready, 60000);
-        DWORD code = 1;
-        expect(ask(child.dwProcessId), what + " can be sent");
-        expect(::WaitForSingleObject(child.hProcess, 60000) == WAIT_OBJECT_0 &&
-                   ::GetExitCodeProcess(child.hProcess, &code) && code == 0,
-               what + " ends the wait, not the process");
+bool setsTheNamedEvent(const PROCESS_INFORMATION& host) {
+    std::array<char, 16> name{};
+    std::snprintf(name.data(), name.size(), "POCOTRM%08lX", host.dwProcessId);
+    const HANDLE event = ::OpenEventA(EVENT_MODIFY_STATE, FALSE, name.data());
+    return event && ::SetEvent(event) && ::CloseHandle(event);
+}
+
+// As the system does it: by a thread that it starts in the process, in a routine that stands at the
+// same address in all of them.
+template <DWORD event>
+bool sendsConsoleEvent(const PROCESS_INFORMATION& host) {
+    const auto routine = reinterpret_cast<LPTHREAD_START_ROUTINE>(
+        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleA("kernelbase"), "CtrlRoutine")));
+    void* const which = reinterpret_cast<void*>(std::uintptr_t{event});
+    return routine &&
+           ::CreateRemoteThread(host.hProcess, nullptr, 0, routine, which, 0, nullptr) != nullptr;
+}
+
+bool endsTheSession(const PROCESS_INFORMATION& host) {
+    for (int attempt = 0; attempt < 600; ++attempt) {
+        for (HWND window = nullptr;
+             (window = ::FindWindowExW(nullptr, window, L"KelCommonSession", nullptr));) {
+            DWORD pid = 0;
+            ::GetWindowThreadProcessId(window, &pid);
+            if (pid == host.dwProcessId) return ::PostMessageW(window, WM_ENDSESSION, TRUE, 0);
+        }
+        ::Sleep(100);  // the window is made in the background
     }
+    return false;
+}
+
+// The other is this executable again; it waits for a request to end.
+void keepsARequestToEnd(const std::string& what, bool (*ask)(const PROCESS_INFORMATION&)) {
+    const HANDLE ready = ::CreateEventA(nullptr, FALSE, FALSE, "kel-test-ready");
+    STARTUPINFOA startup{};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION child{};
+    std::string command = "\"" + platform::executablePath() + "\" --await-end";
+    ::CreateProcessA(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                     &startup, &child);
+    ::WaitForSingleObject(ready, 60000);
+    DWORD code = 1;
+    expect(ask(child), what + " can be sent");
+    expect(::WaitForSingleObject(child.hProcess, 60000) == WAIT_OBJECT_0 &&
+               ::GetExitCodeProcess(child.hProcess, &code) && code == 0,
+           what + " ends the wait, not the process");
+}
+
+void keepsRequestsToEndTheProcess() {
+    keepsARequestToEnd("the named event", setsTheNamedEvent);
+    keepsARequestToEnd("Ctrl-Break", sendsConsoleEvent<CTRL_BREAK_EVENT>);
+    keepsARequestToEnd("closing the console", sendsConsoleEvent<CTRL_CLOSE_EVENT>);
+    keepsARequestToEnd("logging off", sendsConsoleEvent<CTRL_LOGOFF_EVENT>);
+    keepsARequestToEnd("shutting down", sendsConsoleEvent<CTRL_SHUTDOWN_EVENT>);
+    keepsARequestToEnd("the end of the session", endsTheSession);
 }
 
 void awaitEnd() {
@@ -170,11 +201,11 @@ int main(int argc, char** argv) {
     if (argument == "--await-end") awaitEnd();
     if (argument == "--on-a-console") {
         switchesTheModeOfAConsole();
-        keepsRequestsToEndTheProcess();
     }
     if (!argument.empty()) return failures;
     findsProcessesByExactNameAndKillsByTheCommand();
     replacesFilesInOneStep();
     pingsWithoutAnAdministrator();
+    keepsRequestsToEndTheProcess();
     return failures;
 }

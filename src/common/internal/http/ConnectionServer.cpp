@@ -1,6 +1,7 @@
 // ConnectionServer.cpp - the threads between a listening socket and the connections' requests.
 //
 // state                           who may touch it
+// _socket                         start() and stop(), and the acceptor's thread between them
 // _refused, _lookedAfter          the acceptor's thread
 // _queue, _open, the counts       any thread, with _mutex
 // _state                          any thread; atomic
@@ -72,13 +73,13 @@ ConnectionServer::ConnectionServer(const ServerSocket& socket,
                                    Poco::AutoPtr<HTTPServerParams> params,
                                    std::shared_ptr<const HttpConnection::Callback> callback,
                                    const ServerTimes& times)
-    : _socket(socket),
-      _params(params),
+    : _params(params),
       _callback(std::move(callback)),
       _state(std::make_shared<ServerState>(times)),
       _process(platform::currentProcessId()),
       _maxThreads(threadsOf(*params)),
-      _maxQueued(static_cast<std::size_t>(std::max(0, params->getMaxQueued()))) {}
+      _maxQueued(static_cast<std::size_t>(std::max(0, params->getMaxQueued()))),
+      _socket(socket) {}
 
 void ConnectionServer::start() {
     listenAgain();
@@ -98,6 +99,7 @@ void ConnectionServer::stop() {
     const bool stillListening = !wakeAcceptor();
     if (_acceptor) _acceptor->join();
     if (stillListening) _socket.close();
+    _socket = ServerSocket();  // requests in progress must not keep the host's from being destroyed
     closeWaiting();
 }
 
@@ -183,7 +185,7 @@ void ConnectionServer::refuse(const StreamSocket& accepted) {
         socket.sendBytes(kRefusal.data(), static_cast<int>(kRefusal.size()));
         socket.shutdownSend();
     } catch (const Poco::Exception&) {
-        return;  // the client is gone; those who wait to be accepted must not wait for that
+        return;  // the client has closed it; those who wait to be accepted need not wait for that
     }
     _refused.push_back({socket, Clock::now() + kRefusalTime});
     if (_refused.size() > kMaxRefused) _refused.pop_front();

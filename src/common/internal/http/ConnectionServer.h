@@ -75,7 +75,6 @@ private:
     void unlist(GuardedSocket& connection);
     void noteCrowd();
 
-    Poco::Net::ServerSocket _socket;
     const Poco::AutoPtr<Poco::Net::HTTPServerParams> _params;
     const std::shared_ptr<const HttpConnection::Callback> _callback;
     const std::shared_ptr<ServerState> _state;
@@ -85,6 +84,7 @@ private:
 
     // start() and stop() only, which do not run at the same time.
     std::unique_ptr<Poco::Thread> _acceptor;
+    Poco::Net::ServerSocket _socket;  // also the acceptor's thread's between them
 
     // The acceptor's thread only.
     struct Refused {

@@ -54,7 +54,7 @@ GuardedSocket::~GuardedSocket() {
 bool GuardedSocket::awaitHead(milliseconds idle) {
     forgetRequest();
     const Patience patience{Clock::now(), idle, _state->times.crowdedIdle};
-    // Line ends between requests are put up with, as HTTP asks for.
+    // Line ends between requests are skipped, as HTTP asks for.
     while (_buffer.empty()) {
         if (!fillBuffer(patience)) return false;
         const auto first = _buffer.find_first_not_of("\r\n");
@@ -191,7 +191,7 @@ int GuardedSocket::receiveBlock(char* buffer, int length, const Patience& patien
     return 0;
 }
 
-// The time for `bytes` at the slowest rate that is put up with.
+// The time for `bytes` at the slowest rate that is allowed.
 GuardedSocket::Clock::duration GuardedSocket::slowestTime(std::int64_t bytes) const noexcept {
     return _state->times.grace + milliseconds(bytes * 1000 / HttpLimits::kMinimumRate);
 }
@@ -245,7 +245,7 @@ void GuardedSocket::linger() noexcept {
             taken += static_cast<std::size_t>(received);
         }
     } catch (const Poco::Exception&) {
-        // The peer is gone, or sends nothing more.
+        // The peer has closed the connection, or sends nothing more.
     }
 }
 

@@ -40,7 +40,7 @@ public:
     /// Status with which the request's body was refused while it was read; 0 if it was not.
     int refusedBody() const noexcept { return _refusedBody; }
 
-    /// Whether sending failed: the peer is gone, or took nothing for too long.
+    /// Whether sending failed: the peer has closed the connection, or took nothing for too long.
     bool sendingFailed() const noexcept { return _sendingFailed; }
 
     /// From now on everything passes as it is: the connection no longer speaks HTTP.

@@ -122,7 +122,7 @@ void HttpConnection::sendError(int status) {
         _socket->sendBytes(reply.data(), static_cast<int>(reply.size()));
         _socket->linger();
     } catch (const Poco::Exception&) {
-        // The client is gone.
+        // The client has closed the connection.
     }
 }
 

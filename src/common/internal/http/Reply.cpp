@@ -78,7 +78,7 @@ bool Reply::finish() {
     try {
         return _sent && _buffer.finish() && getKeepAlive() && !_socket.sendingFailed();
     } catch (const Poco::Exception&) {
-        return false;  // the client is gone
+        return false;  // the client has closed the connection
     }
 }
 

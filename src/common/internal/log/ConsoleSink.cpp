@@ -24,7 +24,8 @@ bool consoleWantsColors() {
     return (!force.empty() && force != "0") || platform::consoleIsTerminal();
 }
 
-// The reset stands before the line's end, so that a background never runs on.
+// The colours are reset before the line's end, because a terminal may otherwise colour the next
+// row.
 std::string ConsoleSink::colored(const LineBlock& block) {
     constexpr std::size_t kSequences = 16;
     std::string text;
@@ -39,7 +40,8 @@ std::string ConsoleSink::colored(const LineBlock& block) {
     return text;
 }
 
-// Where nobody listens any more there is nobody to fail.
+// A console that nobody reads any more is not a failure, since there is nobody who misses the
+// lines.
 bool ConsoleSink::write(const LineBlock& block, Progress& progress) {
     if (_colored) {
         writeText(colored(block), progress);

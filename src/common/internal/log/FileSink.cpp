@@ -16,7 +16,7 @@ namespace {
 
 constexpr UnitLog log("src/common/Logger");
 
-// Where the line stands that byte `position` of the block belongs to.
+// Where the line begins that byte `position` of the block belongs to.
 std::size_t lineStart(const LineBlock& block, std::size_t position) {
     std::size_t start = 0;
     for (const auto& line : block.lines) {
@@ -60,13 +60,13 @@ bool FileSink::openIfClosed() noexcept {
         if (!_file) open();
         return true;
     } catch (const std::exception&) {
-        return false;  // the set-up has told why
+        return false;  // the set-up has logged the reason
     }
 }
 
 bool FileSink::write(const LineBlock& block, Progress& progress) {
     if (!openIfClosed()) return false;
-    // A line that was cut off by a failure is whole in a file that does not have its beginning.
+    // Where a failure has cut a line in two, a file without the first half gets the whole line.
     if (_file->empty()) _written = lineStart(block, _written);
     if (!writeRest(block, progress)) return false;
     _written = 0;

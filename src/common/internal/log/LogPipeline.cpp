@@ -131,8 +131,14 @@ void LogPipeline::start(bool coloredConsole) {
     _spare.reserve(kSpareBlocks);
     _closing = false;
     _running = true;
-    startThread(_console, "log-console");
-    startThread(_file, "log-file");
+    try {
+        startThread(_console, "log-console");
+        startThread(_file, "log-file");
+    } catch (...) {
+        _running = false;
+        if (_console->thread.joinable()) endThread(*_console, true);
+        throw;
+    }
 }
 
 void LogPipeline::startThread(const OutputPtr& output, const char* name) {
@@ -159,13 +165,13 @@ LogPipeline::FileState LogPipeline::awaitFile() {
 }
 
 void LogPipeline::log(const Poco::Message& message) {
-    if (tryLog(recordOf(message))) return;
-    if (inForkedChild) {
+    if (inForkedChild && !inSink) {
         const InSink noRecursion;
         logInForkedChild(message);
-    } else {
-        writeAtOnce(message);
+        return;
     }
+    const LogRecord record = recordOf(message);
+    while (!tryLog(record) && !writeAtOnce(message)) continue;
 }
 
 bool LogPipeline::tryLog(const LogRecord& record) {
@@ -302,7 +308,7 @@ bool LogPipeline::mayFormat() const {
     return (hasRoom(*_console) || mayDrop(*_console)) && (hasRoom(*_file) || mayDrop(*_file));
 }
 
-// The console gets the lines first: a file that cannot be written has something to tell there.
+// The console gets the lines first, because a file that cannot be written is reported there.
 void LogPipeline::formatNext(Lock& lock) {
     _formatting = true;
     if (!_inHand) _inHand = takeRecords();
@@ -338,7 +344,7 @@ void LogPipeline::formatLater() {
     _formatNotBefore = now + kLookAgain;
 }
 
-// Adds one block at most, taken out of a list of its own.
+// `block` is a list of one, so that nothing has to be allocated here.
 void LogPipeline::give(Output& output, Backlog block) {
     const std::size_t lines = block.front()->lines.size();
     if (output.givenUp || (!hasRoom(output) && mayDrop(output))) {
@@ -356,7 +362,7 @@ void LogPipeline::drop(Output& output, std::size_t lines) {
     output.dropped += lines;
 }
 
-// Where there is no memory for the line, a later one tells the gap.
+// Where there is no memory for this line, the gap stays open and a later line tells it.
 void LogPipeline::tellGap(Output& output) {
     const bool file = &output == _file.get();
     Backlog line;
@@ -371,7 +377,7 @@ void LogPipeline::tellGap(Output& output) {
     output.backlog.splice(output.backlog.end(), line);
 }
 
-// The other output's lines may still be unformatted, so nothing to do is no lack of progress.
+// An output that has nothing to write is not hopeless: its lines may not have been formatted yet.
 bool LogPipeline::hopeless(const Output& output) const {
     return (output.busy || !output.backlog.empty()) && output.progress.noneFor(_limits.patience);
 }
@@ -388,7 +394,7 @@ void LogPipeline::giveUp(Output& output) {
     output.givenUp = true;
 }
 
-// Lines that cannot be formatted for want of memory.
+// These are lines that could not be formatted for want of memory.
 void LogPipeline::giveUpRecords() {
     while (hasRecords()) {
         if (!_inHand) _inHand = takeRecords();
@@ -451,11 +457,13 @@ void LogPipeline::handOver(Poco::AutoPtr<Poco::Channel> successor) {
     if (!_file->givenUp) static_cast<FileSink&>(*_file->sink).close();
 }
 
-void LogPipeline::writeAtOnce(const Poco::Message& message) {
-    const std::lock_guard<std::mutex> lock(_directMutex);
+// Does nothing if start() has come first: the sinks belong to the threads then.
+bool LogPipeline::writeAtOnce(const Poco::Message& message) {
+    const std::lock_guard<std::mutex> noStart(_directMutex);
+    if (isRunning()) return false;
     if (_successor) {
         _successor->log(message);
-        return;
+        return true;
     }
     const InSink noRecursion;
     LineBlock block;
@@ -463,6 +471,12 @@ void LogPipeline::writeAtOnce(const Poco::Message& message) {
     for (Output* output : {_console.get(), _file.get()}) {
         if (!output->givenUp) output->sink->write(block, output->progress);
     }
+    return true;
+}
+
+bool LogPipeline::isRunning() const {
+    const Lock lock(_mutex);
+    return _running;
 }
 
 LogPipeline::Counters LogPipeline::counters() const {

@@ -67,6 +67,7 @@ public:
     LogPipeline& operator=(const LogPipeline&) = delete;
 
     /// Starts the two threads, unless they run. Not at the same time as stop().
+    /// @throws std::system_error  a thread could not be started; there is none then.
     void start(bool coloredConsole);
 
     /// Has the file exchanged between two lines by the thread that writes it.
@@ -155,7 +156,8 @@ private:
     void giveUp(Output& output);
     void giveUpRecords();
     static void endThread(Output& output, bool leftBehind);
-    void writeAtOnce(const Poco::Message& message);
+    bool writeAtOnce(const Poco::Message& message);
+    bool isRunning() const;
 
     const Limits _limits;
 
@@ -179,7 +181,8 @@ private:
     OutputPtr _console;  // these two change under _directMutex too
     OutputPtr _file;
 
-    // These belong to whoever has set _formatting. What is in hand is formatted next.
+    // Whoever has set _formatting uses these without a lock. What is in hand is formatted next, or
+    // again; it is exchanged with _mutex held.
     LineFormatter _formatter;
     std::optional<RecordBlock> _inHand;
 

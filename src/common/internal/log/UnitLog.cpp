@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <thread>
 
 #include "../process/NeverDestroyed.h"
 #include "../process/PublishedText.h"
@@ -16,6 +17,16 @@ namespace kel {
 namespace {
 
 std::atomic<bool> stopped{false};
+std::atomic<int> linesInProgress{0};
+
+// POCO's loggers are destroyed at the process's end, while threads of the host may still log.
+class LineInProgress {
+public:
+    LineInProgress() { ++linesInProgress; }
+    ~LineInProgress() { --linesInProgress; }
+    LineInProgress(const LineInProgress&) = delete;
+    LineInProgress& operator=(const LineInProgress&) = delete;
+};
 
 PublishedText& publishedName() {
     static NeverDestroyed<PublishedText> name;
@@ -54,8 +65,8 @@ std::string escapeOf(unsigned char c) {
 
 // Where the pipeline is at the logger, a line reaches it without a message: POCO asks the system
 // for the process's id to make one, which takes longer than everything else.
-void writeTo(Poco::Logger& logger, const char* file, int line, Poco::Message::Priority priority,
-             const std::string& text) {
+void writeTo(Poco::Logger& logger, Poco::Message::Priority priority, const std::string& text,
+             const char* file, int line) {
     Poco::AutoPtr<Poco::Channel> channel = logger.getChannel();
     if (auto* const pipeline = dynamic_cast<PipelineChannel*>(channel.get())) {
         if (pipeline->tryLog(recordOfNow(logger.name(), text, priority, file, line))) return;
@@ -65,21 +76,27 @@ void writeTo(Poco::Logger& logger, const char* file, int line, Poco::Message::Pr
 
 void write(const char* file, int line, Poco::Message::Priority priority,
            const std::string& text) noexcept {
-    if (stopped) return;
+    if (!hasControls(text)) return logAsIs(priority, text, file, line);
     try {
-        Poco::Logger& logger = Poco::Logger::get(loggerName());
-        if (logger.getLevel() < priority) return;
-        if (hasControls(text)) {
-            writeTo(logger, file, line, priority, withoutControls(text));
-        } else {
-            writeTo(logger, file, line, priority, text);
-        }
-    } catch (...) {
-        // There is nobody left to tell.
+        logAsIs(priority, withoutControls(text), file, line);
+    } catch (const std::exception&) {
+        // There is no memory for the text, so the line is lost.
     }
 }
 
 }  // namespace
+
+void logAsIs(int priority, const std::string& text, const char* sourceFile, int line) noexcept {
+    const LineInProgress inProgress;
+    if (stopped) return;
+    try {
+        Poco::Logger& logger = Poco::Logger::get(loggerName());
+        if (logger.getLevel() < priority) return;
+        writeTo(logger, static_cast<Poco::Message::Priority>(priority), text, sourceFile, line);
+    } catch (...) {
+        // The logger itself has failed, so the line is lost.
+    }
+}
 
 void UnitLog::error(const std::string& text, int line) const noexcept {
     write(_sourceFile, line, Poco::Message::PRIO_ERROR, text);
@@ -102,6 +119,7 @@ void UnitLog::information(const std::string& text, int line) const noexcept {
 }
 
 bool UnitLog::informationEnabled() const noexcept {
+    const LineInProgress inProgress;
     if (stopped) return false;
     try {
         return Poco::Logger::get(loggerName()).information();
@@ -134,8 +152,12 @@ std::string withoutControls(const std::string& text) {
     return escaped;
 }
 
-void stopLogging() noexcept {
+void stopLogging(std::chrono::milliseconds patience) noexcept {
     stopped = true;
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (linesInProgress > 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 std::string exceptionText(const std::exception& exc) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <exception>
 #include <string>
 
@@ -25,6 +26,11 @@ private:
     const char* _sourceFile;
 };
 
+/// One line as UnitLog logs it, with `text` as it is.
+/// @param priority    as POCO numbers them.
+/// @param sourceFile  a string literal.
+void logAsIs(int priority, const std::string& text, const char* sourceFile, int line) noexcept;
+
 /// Name of the library's POCO logger; "" before the first setLoggerName(). Never waits.
 const std::string& loggerName() noexcept;
 void setLoggerName(const std::string& name);
@@ -34,8 +40,10 @@ void setLoggerName(const std::string& name);
 std::string withoutControls(const std::string& text);
 
 /// From this call on nothing is logged, because POCO's own static objects are about to be destroyed
-/// while threads of the host may still be running and logging.
-void stopLogging() noexcept;
+/// while threads of the host may still be running and logging. Waits for the lines that they are
+/// just writing, `patience` at the longest; in a forked child, which has none of these threads, it
+/// must be 0.
+void stopLogging(std::chrono::milliseconds patience) noexcept;
 
 /// displayText() of a POCO exception, what() of any other.
 std::string exceptionText(const std::exception& exc);

@@ -25,11 +25,12 @@
 //   remove "q-..."  the receive thread is back from the callback: the message is freed here.
 //   clear, close    the queue is about to be emptied: the library frees what is in it.
 //   put "s-..."     a message of a publisher goes out, and this is its token.
-// What this leaves: a receive thread that finds the queue emptied between its callback and its lock
-// reads the number of the freed entry once more (the result is not used); and where a queue has
-// been emptied with a message in it, the receive thread may be anywhere near the callback. The
-// handle is destroyed 1 s later then, a last resort that nobody waits for; else as soon as no call
-// is in it.
+// A session that is ended here is ended while no callback is under way. What this leaves: where
+// the library ends one by itself, a receive thread that finds the queue emptied between its
+// callback and its lock reads the number of the freed entry once more (the result is not used); and
+// where a queue has been emptied with a message in it, the receive thread may be anywhere near the
+// callback. The handle is destroyed 1 s later then, a last resort that nobody waits for; else as
+// soon as no call is in it.
 
 #include "Connection.h"
 
@@ -65,6 +66,7 @@ constexpr UnitLog log("src/common/MqttClient++");
 constexpr int kDisconnectTimeoutMs = 2000;
 constexpr auto kUnsure = std::chrono::seconds(1);
 constexpr auto kLookAgain = std::chrono::milliseconds(100);
+constexpr auto kPatienceWithCallback = std::chrono::seconds(2);
 constexpr auto kPatienceWithPort = std::chrono::seconds(3);
 constexpr auto kPatienceAfterStop = std::chrono::seconds(3);
 
@@ -419,7 +421,19 @@ int Connection::endSession() {
     _window.close();
     if (!MQTTClient_isConnected(_handle)) return 0;
     const Dispatcher::WaitsForBroker wait;
-    return MQTTClient_disconnect(_handle, kDisconnectTimeoutMs);
+    holdBack();
+    const int rc = MQTTClient_disconnect(_handle, kDisconnectTimeoutMs);
+    const std::lock_guard<std::mutex> lock(_mutex);
+    --_heldBack;
+    return rc;
+}
+
+// The library reads the message that it has handed over once more after the callback; this waits
+// until it has. What is queued from now on is handed out when the session is over.
+void Connection::holdBack() {
+    std::unique_lock<std::mutex> lock(_mutex);
+    ++_heldBack;
+    _returned.wait_for(lock, kPatienceWithCallback, [this] { return _callbacks == 0; });
 }
 
 int Connection::disconnect() {
@@ -521,7 +535,7 @@ int Connection::messageArrived(char* topic, MQTTClient_message* message) {
     std::unique_lock<std::mutex> lock(_mutex);
     ++_callbacks;
     int outcome = kMessageLeft;
-    if (!_arrived.empty()) {
+    if (!_arrived.empty() && _heldBack == 0) {
         Message copy = std::move(_arrived.front());
         _arrived.pop_front();
         const unsigned clears = _clears;

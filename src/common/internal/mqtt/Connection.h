@@ -109,6 +109,7 @@ private:
     void tellIfSilentlyLost();
     std::shared_ptr<ConnectionEvents> events() const;
     int endSession();
+    void holdBack();
     void endLastSession();
     void destroyWhenUnused();
     void destroyHandle();
@@ -147,6 +148,7 @@ private:
     char* _spentTopic = nullptr;   // handed on; the library is about to forget them
     MQTTClient_message* _spent = nullptr;
     int _callbacks = 0;           // in progress, or on their way back
+    int _heldBack = 0;            // how many end the session: no message is handed out meanwhile
     bool _lostElsewhere = false;  // the session ended on another thread than the connecting one
     std::thread::id _connecting;
     std::chrono::steady_clock::time_point _unsureSince;

@@ -200,12 +200,48 @@ HANDLE terminationRequest() {
     return event;
 }
 
-// The system ends the process as soon as the handler of a closing console, a log-off or a shutdown
-// returns, and in any case after some seconds. Until then the host has time for its own end.
-BOOL WINAPI onConsoleEvent(DWORD event) {
+// For what ends the process as soon as the caller returns, and in any case after some seconds.
+// Until then the host has time for its own end.
+void requestEndAndHoldItUp() {
     ::SetEvent(terminationRequest());
-    if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) ::Sleep(60000);
+    ::Sleep(60000);
+}
+
+// Session 0 is that of the services, which stay while users come and go.
+bool isInServicesSession() {
+    DWORD session = 0;
+    return ::ProcessIdToSessionId(::GetCurrentProcessId(), &session) && session == 0;
+}
+
+BOOL WINAPI onConsoleEvent(DWORD event) {
+    if (event == CTRL_LOGOFF_EVENT && isInServicesSession()) return TRUE;
+    if (event == CTRL_C_EVENT || event == CTRL_BREAK_EVENT) {
+        ::SetEvent(terminationRequest());
+    } else {
+        requestEndAndHoldItUp();
+    }
     return TRUE;
+}
+
+LRESULT CALLBACK onMessage(HWND window, UINT message, WPARAM ends, LPARAM details) {
+    if (message == WM_ENDSESSION && ends) requestEndAndHoldItUp();
+    return ::DefWindowProcW(window, message, ends, details);
+}
+
+// A process that has loaded user32.dll, as POCO does by way of shell32.dll, is told of the end of
+// its session by a message to its windows and by no console event. Hence one that is never shown.
+void watchSession() {
+    WNDCLASSW form{};
+    form.lpfnWndProc = onMessage;
+    form.hInstance = ::GetModuleHandleW(nullptr);
+    form.lpszClassName = L"KelCommonSession";
+    ::RegisterClassW(&form);
+    if (!::CreateWindowExW(0, form.lpszClassName, L"", WS_OVERLAPPED, 0, 0, 0, 0, nullptr, nullptr,
+                           form.hInstance, nullptr)) {
+        return;
+    }
+    MSG message;
+    while (::GetMessageW(&message, nullptr, 0, 0) > 0) ::DispatchMessageW(&message);
 }
 
 // The system's own ping, which takes no administrator, unlike a raw socket.
@@ -441,6 +477,8 @@ bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& r
     fail("send an echo request to", addresses.empty() ? "nobody" : addresses.back());
 }
 
+// Sockets can be told from other handles only by calls that wait where a handle is that of a pipe
+// from which another thread is reading.
 void sendAtOnceTo(std::uint16_t) {}
 
 bool reusesListeningAddress() noexcept {
@@ -461,6 +499,8 @@ void catchTerminationRequests() {
             throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(),
                                     "SetConsoleCtrlHandler");
         }
+        keepLoaded();  // the system calls the handlers for as long as the process lives
+        if (!isInServicesSession()) std::thread(watchSession).detach();
         return done;
     }();
     static_cast<void>(installed);

@@ -130,6 +130,7 @@ Settings serverSettings() {
 Settings clientSettings() {
     const Reader read("openSSL.client.");
     Settings settings = commonSettings(read, false);
+    if (settings.keyFile.empty()) settings.keyFile = settings.certificateFile;
     settings.systemAuthorities = read.flag("loadDefaultCAFile", settings.authorities.empty());
     settings.verification = verificationMode(read, "strict");
     settings.checkName = read.flag("extendedVerification", true);

@@ -8,10 +8,12 @@
 #include <openssl/crypto.h>
 
 #include <mutex>
+#include <optional>
 
 #include "../../Tls.h"
 #include "../net/ServerUri.h"
 #include "../platform/Platform.h"
+#include "../process/NeverDestroyed.h"
 #include "Context.h"
 #include "Settings.h"
 #include "Sockets.h"
@@ -29,6 +31,24 @@ tls::Settings announcedServerSettings() {
     tls::prepare();
     tls::Settings settings = tls::serverSettings();
     tls::warnOfUnsafe(settings);
+    return settings;
+}
+
+struct Announced {
+    std::mutex mutex;
+    std::optional<tls::Settings> settings;  // guarded by mutex
+};
+
+// Those of the client are read for each request: only changed ones are warned of.
+tls::Settings announcedClientSettings() {
+    static NeverDestroyed<Announced> announced;
+    const tls::Settings settings = tls::clientSettings();
+    std::optional<tls::Settings> previous = settings;
+    {
+        const std::lock_guard<std::mutex> lock(announced->mutex);
+        announced->settings.swap(previous);
+    }
+    if (previous != settings) tls::warnOfUnsafe(settings);
     return settings;
 }
 
@@ -88,7 +108,8 @@ void prepare() {
 
 Poco::Net::StreamSocket clientSocket(const std::string& host) {
     prepare();
-    return Poco::Net::StreamSocket(new ClientConnection(makeContext(clientSettings(), host), host));
+    return Poco::Net::StreamSocket(
+        new ClientConnection(makeContext(announcedClientSettings(), host), host));
 }
 
 void shakeHands(const Poco::Net::StreamSocket& socket) {

@@ -1,0 +1,17 @@
+# The folder of the executables holds every DLL that they need, so that they run where they are
+# built: those that the library is linked to, and the runtime of a MinGW compiler.
+set(runtime $<TARGET_RUNTIME_DLLS:KelCommon>)
+if(MINGW)
+    foreach(dll libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll)
+        execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${dll}
+                        OUTPUT_VARIABLE file OUTPUT_STRIP_TRAILING_WHITESPACE)
+        if(IS_ABSOLUTE ${file})
+            list(APPEND runtime ${file})
+        endif()
+    endforeach()
+endif()
+# The library itself stands among them, so that there is at least one.
+add_custom_command(TARGET KelCommon POST_BUILD
+    COMMAND ${CMAKE_COMMAND} -E copy_if_different
+            $<TARGET_FILE:KelCommon> ${runtime} ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}
+    COMMAND_EXPAND_LISTS)
