@@ -15,6 +15,7 @@
 #include <new>
 
 #include "Broker.h"
+#include "LogLines.h"
 #include "Traffic.h"
 #include "common/Config.h"
 #include "common/HttpClient.h"
@@ -132,18 +133,18 @@ Result request() {
 Result log() {
     silenceConsole();
     kel::loadLogging();
-    const auto line = [] {
-        Poco::Logger::get(kel::logName()).information("a line", __FILE__, __LINE__);
-    };
     const auto file = std::filesystem::directory_iterator(homeFolder())->path();
-    std::size_t size = 0;
-    const auto grows = [&] {
-        line();
-        const std::size_t before = size;
-        return await([&] { return (size = contentOf(file).size()) > before; });
+    LogLines lines(1);
+    const auto logOne = [&](auto&& enough) {
+        const auto before = std::filesystem::file_size(file);
+        lines.log(0, 1);
+        return await([&] { return enough() || std::filesystem::file_size(file) > before; });
     };
-    const Result result = failEach(line, grows);
+    Result result =
+        failEach([&] { logOne(hasFailed); }, [&] { return logOne([] { return false; }); });
     kel::deleteLogger();
+    lines.allFound();
+    result.what += "; " + lines.missing();
     return result;
 }
 
