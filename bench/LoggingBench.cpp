@@ -178,6 +178,7 @@ Result measure(MakeContender make, int threads, int lines) {
         fs::temp_directory_path() / ("kel-log-bench-" + std::to_string(::getpid()));
     fs::create_directory(folder);
     ::setenv("XDG_DATA_HOME", folder.c_str(), 1);
+    ::setenv("KEL_QUIET", "1", 1);  // nothing between the rows of the table
     int results[2];
     bench::check(::pipe(results) == 0, "no pipe");
     const ::pid_t child = ::fork();

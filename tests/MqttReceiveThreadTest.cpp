@@ -24,7 +24,7 @@ struct Begin {
 };
 
 void* beginLate(void* opaque) {
-    const std::unique_ptr<Begin> begin(static_cast<Begin*>(opaque));
+    const auto* begin = static_cast<const Begin*>(opaque);
     std::this_thread::sleep_for(kLate);
     return begin->run(begin->argument);
 }
@@ -44,7 +44,9 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
         reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
     if (!lateNow || !belongsToMqttLibrary(run)) return next(thread, attributes, run, argument);
     lateNow = false;
-    return next(thread, attributes, beginLate, new Begin{run, argument});
+    static Begin late;
+    late = {run, argument};
+    return next(thread, attributes, beginLate, &late);
 }
 
 namespace {

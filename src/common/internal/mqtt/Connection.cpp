@@ -104,6 +104,7 @@ struct Connection::Table {
 
     void* add(std::shared_ptr<Connection> connection) {
         const std::lock_guard<std::mutex> lock(mutex);
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the MQTT library only hands it back.
         void* const ticket = reinterpret_cast<void*>(++last);
         connections[ticket] = std::move(connection);
         return ticket;
@@ -269,7 +270,7 @@ struct Connection::Hooks {
 // ---- The handle ---------------------------------------------------------------------------------
 
 std::shared_ptr<Connection> Connection::create(const ConnectOptions& options, int& rc) {
-    const std::shared_ptr<Connection> connection(new Connection);
+    std::shared_ptr<Connection> connection(new Connection);
     rc = MQTTCLIENT_FAILURE;
     if (!inDeliveryCallback) {
         ReceiveThread::prepare();

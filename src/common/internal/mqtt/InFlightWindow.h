@@ -74,11 +74,11 @@ private:
     // Guarded by _mutex.
     Session _session = 0;
     bool _open = false;
-    int _taken = 0;                           // places whose message has not gone out yet
-    int _sent = 0;                            // places whose message has
-    int _atQos0 = 0;                          // messages since the last acknowledgement
-    int _paced = 0;                           // publishers that wait in pace()
-    std::array<Sent, 2 * kPlaces> _messages;  // that have gone out
+    int _taken = 0;   // places whose message has not gone out yet
+    int _sent = 0;    // places whose message has
+    int _atQos0 = 0;  // messages since the last acknowledgement
+    int _paced = 0;   // publishers that wait in pace()
+    std::array<Sent, std::size_t{2} * kPlaces> _messages;  // that have gone out
 };
 
 }  // namespace kel
