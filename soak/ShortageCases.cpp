@@ -2,20 +2,57 @@
 // a path reaches; and limits that are reached while a broker is away.
 
 #include <Poco/Logger.h>
+#include <dlfcn.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <new>
 
 #include "Broker.h"
-#include "Shortages.h"
+#include "LogLines.h"
 #include "Traffic.h"
 #include "common/Config.h"
 #include "common/HttpClient.h"
 #include "common/Logger.h"
 #include "common/WebApiBasic.h"
+
+namespace {
+
+std::atomic<long> untilFailure{0};  // so many further allocations by `new`; 0: none fails
+std::atomic<bool> threadsRefused{false};
+
+}  // namespace
+
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"  // taken for one where it is inlined
+// Those of the whole process, the shared libraries included.
+void* operator new(std::size_t size) {
+    if (untilFailure > 0 && --untilFailure == 0) throw std::bad_alloc();
+    void* const memory = std::malloc(size == 0 ? 1 : size);
+    if (!memory) throw std::bad_alloc();
+    return memory;
+}
+
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                              void* (*run)(void*), void* argument) {
+    if (threadsRefused) return EAGAIN;
+    using Create = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+    static auto* const create = reinterpret_cast<Create*>(::dlsym(RTLD_NEXT, "pthread_create"));
+    return create(thread, attributes, run, argument);
+}
 
 namespace soak {
 
@@ -96,18 +133,18 @@ Result request() {
 Result log() {
     silenceConsole();
     kel::loadLogging();
-    const auto line = [] {
-        Poco::Logger::get(kel::logName()).information("a line", __FILE__, __LINE__);
-    };
     const auto file = std::filesystem::directory_iterator(homeFolder())->path();
-    std::size_t size = 0;
-    const auto grows = [&] {
-        line();
-        const std::size_t before = size;
-        return await([&] { return (size = contentOf(file).size()) > before; });
+    LogLines lines(1);
+    const auto logOne = [&](auto&& enough) {
+        const auto before = std::filesystem::file_size(file);
+        lines.log(0, 1);
+        return await([&] { return enough() || std::filesystem::file_size(file) > before; });
     };
-    const Result result = failEach(line, grows);
+    Result result =
+        failEach([&] { logOne(hasFailed); }, [&] { return logOne([] { return false; }); });
     kel::deleteLogger();
+    lines.allFound();
+    result.what += "; " + lines.missing();
     return result;
 }
 
