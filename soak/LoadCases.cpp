@@ -37,11 +37,12 @@ long scaled(long full, double scale) {
 // Runs `work(thread)` on so many threads, and waits for them.
 void onThreads(int count, const std::function<void(int)>& work) {
     std::vector<std::jthread> threads;
+    threads.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i) threads.emplace_back(work, i);
 }
 
 std::shared_ptr<MqttClient> connected(const std::string& address, const std::string& id) {
-    const auto client = MqttClient::createInstance(address, id, "", "");
+    auto client = MqttClient::createInstance(address, id, "", "");
     client->Connect(kAlways, kAlways);
     const auto ready = [&] { return client->PublishMessage("{}", "ready", 0, 0, 0); };
     if (!await(ready, kPatience)) throw std::runtime_error("not connected: " + id);

@@ -2,17 +2,12 @@
 // a path reaches; and limits that are reached while a broker is away.
 
 #include <Poco/Logger.h>
-#include <dlfcn.h>
-#include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <new>
 
 #include "Broker.h"
 #include "LogLines.h"
@@ -22,39 +17,11 @@
 #include "common/Logger.h"
 #include "common/WebApiBasic.h"
 
-namespace {
-
-std::atomic<long> untilFailure{0};  // so many further allocations by `new`; 0: none fails
-std::atomic<bool> threadsRefused{false};
-
-}  // namespace
-
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"  // taken for one where it is inlined
-// Those of the whole process, the shared libraries included.
-void* operator new(std::size_t size) {
-    if (untilFailure > 0 && --untilFailure == 0) throw std::bad_alloc();
-    void* const memory = std::malloc(size == 0 ? 1 : size);
-    if (!memory) throw std::bad_alloc();
-    return memory;
-}
-
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                              void* (*run)(void*), void* argument) {
-    if (threadsRefused) return EAGAIN;
-    using Create = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-    static auto* const create = reinterpret_cast<Create*>(::dlsym(RTLD_NEXT, "pthread_create"));
-    return create(thread, attributes, run, argument);
-}
-
 namespace soak {
+
+// See Shortages.cpp.
+extern std::atomic<long> untilFailure;
+extern std::atomic<bool> threadsRefused;
 
 namespace {
 
@@ -122,7 +89,7 @@ Result request() {
         kel::HttpClient::defaultHttpClient()->doHttpRequestSync(
             url, R"({"a":1})", [&](auto answer, auto&) { status = answer; });
     };
-    const Result result = failEach(action, [&] {
+    Result result = failEach(action, [&] {
         action();
         return status == 200;
     });
