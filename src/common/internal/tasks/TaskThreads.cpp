@@ -26,8 +26,8 @@ constexpr int kLooks = 4;
 
 thread_local const TaskThreads* runsATaskOf = nullptr;
 
-// Names the calling thread after its task for as long as it runs. Where there is no memory for
-// that, the task runs under the name of before.
+// Names the calling thread after its task for as long as it runs. Where there is no memory for a
+// name, the thread keeps the one that it has.
 class NameForTask {
 public:
     NameForTask(Poco::Thread& thread, const std::string& own, const std::string& task)
