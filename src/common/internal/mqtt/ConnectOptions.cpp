@@ -117,7 +117,7 @@ std::string connectFailureInWords(const ConnectOptions& options, int rc) {
     const bool secure = isSecure(options.address);
     if (secure && !tls::available()) return "KelCommon was built without TLS";
     if (secure && rc == MQTTCLIENT_FAILURE) {
-        const std::string reason = tlsFailure(options);
+        std::string reason = tlsFailure(options);
         if (!reason.empty()) return reason;
     }
     switch (rc) {
