@@ -26,6 +26,7 @@
 #include "Await.h"
 #include "CapturedLog.h"
 #include "common/Library.h"
+#include "common/ThreadPool.h"
 #include "common/internal/log/ConsoleSink.h"
 #include "common/internal/log/LogPipeline.h"
 #include "common/internal/log/UnitLog.h"
@@ -159,6 +160,23 @@ struct Pipeline : ::testing::Test {
 }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
     std::free(memory);
+}
+
+// Here because of the allocator. What the second task throws is logged before any logger is set up.
+TEST(PoolWithoutMemory, RunsItsTasksAndStops) {
+    kel::ThreadPool pool(1, 4);
+    std::atomic<int> ran{0};
+    mayAllocate = true;
+    noMemory = true;
+    pool.start([&] { ++ran; }, "a name that takes memory of its own");
+    pool.start([&] {
+        ++ran;
+        throw std::bad_alloc();
+    });
+    EXPECT_TRUE(await([&] { return pool.pendingTasks() == 0; }));
+    pool.stop();
+    noMemory = false;
+    EXPECT_EQ(2, ran);
 }
 
 TEST(Logger, WritesADatedFileInThePublishedFormatAndTakesLateCalls) {
