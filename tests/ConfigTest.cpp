@@ -138,6 +138,10 @@ TEST_F(Config, SavingReplacesTheFileInOneStepAndKeepsWhatItIs) {
     EXPECT_EQ(before, saved("refused"));
     EXPECT_EQ(1u, log.count("save config file error: write read-only file " + target));
     fs::remove(target);
+    const std::string anew = saved("anew");
+    EXPECT_EQ(anew, contentOf(std::ifstream(target))) << "the link's file was missing";
+    EXPECT_TRUE(fs::is_symlink(_file));
+    fs::remove(target);
     fs::create_directory(target);
     saved("no file");
     EXPECT_EQ(kel::lastConfigError(),

@@ -26,6 +26,7 @@
 #include "Await.h"
 #include "CapturedLog.h"
 #include "common/Library.h"
+#include "common/ThreadPool.h"
 #include "common/internal/log/ConsoleSink.h"
 #include "common/internal/log/LogPipeline.h"
 #include "common/internal/log/UnitLog.h"
@@ -161,6 +162,23 @@ struct Pipeline : ::testing::Test {
     std::free(memory);
 }
 
+// Here because of the allocator. What the second task throws is logged before any logger is set up.
+TEST(PoolWithoutMemory, RunsItsTasksAndStops) {
+    kel::ThreadPool pool(1, 4);
+    std::atomic<int> ran{0};
+    mayAllocate = true;
+    noMemory = true;
+    pool.start([&] { ++ran; }, "a name that takes memory of its own");
+    pool.start([&] {
+        ++ran;
+        throw std::bad_alloc();
+    });
+    EXPECT_TRUE(await([&] { return pool.pendingTasks() == 0; }));
+    pool.stop();
+    noMemory = false;
+    EXPECT_EQ(2, ran);
+}
+
 TEST(Logger, WritesADatedFileInThePublishedFormatAndTakesLateCalls) {
     kel::loadLogging();
     hostLogger().warning("a %t text: \xC3\xA4", "dir/host.cpp", 42);
@@ -239,9 +257,14 @@ TEST(Logger, WritesEveryLineOnceAndInOrderWhileSetUpsRun) {
 TEST(Logger, AFailedSetUpLosesNoLineAndTheNextOneRepairsIt) {
     const std::string usual = home();
     std::ofstream(usual + "/occupied") << "a file";
-    for (int set = 0; set < 2; ++set) {
-        ::setenv("XDG_DATA_HOME", (usual + "/occupied").c_str(), 1);
-        EXPECT_THROW(kel::loadLogging(), Poco::FileException);
+    for (const std::string& unusable : {usual + "/occupied", usual + "/occupied/below"}) {
+        ::setenv("XDG_DATA_HOME", unusable.c_str(), 1);
+        try {
+            kel::loadLogging();
+            ADD_FAILURE() << unusable;
+        } catch (const Poco::FileException& exc) {
+            EXPECT_EQ("create directory " + unusable + "/kelhost/: Not a directory", exc.message());
+        }
         EXPECT_EQ("loggertest_logger", kel::logName());
         hostLogger().information("still here");
         hostLogger().setLevel(Poco::Message::PRIO_FATAL);

@@ -13,6 +13,8 @@
 #include "Await.h"
 #include "CapturedLog.h"
 #include "common/Library.h"
+#include "common/Statistics.h"
+#include "common/internal/tasks/TaskPool.h"
 
 using kel::ThreadPool;
 
@@ -52,6 +54,15 @@ int threadsAlive() {
 }
 
 }  // namespace
+
+// The first case, since it needs a process that has not used the pool.
+TEST(ThreadPool, DefaultPoolIsNotMadeByWhoeverCountsAndIsStoppedIfItRanNothing) {
+    EXPECT_EQ(0u, kel::statistics().pool.limit);
+    EXPECT_EQ(1, ThreadPool::defaultPool().allocated());
+    EXPECT_EQ(32u, kel::statistics().pool.limit);
+    kel::stopLibrary();
+    EXPECT_EQ(0, ThreadPool::defaultPool().allocated());
+}
 
 TEST(ThreadPool, RefusesWorkWhenFullLogsWhatATaskThrowsAndGoesOn) {
     const CapturedLog log;
@@ -134,6 +145,12 @@ TEST(ThreadPool, TriesToStartAndKeepsWhatFindsNoPlace) {
     // NOLINTBEGIN(bugprone-use-after-move): a refused task is left as it is
     EXPECT_FALSE(pool.tryStart(std::move(task)));
     EXPECT_FALSE(pool.tryStart(std::move(task), std::chrono::milliseconds(20)));
+    const auto noThread = []() -> bool { throw Poco::SystemException("no thread"); };
+    const auto none = kel::makeLoggingThreads("none", 1, std::chrono::seconds(1), noThread);
+    const auto tryWithoutThread = [&] {
+        return kel::tryToStart(*none, std::move(task), 1, std::chrono::milliseconds(0), 0);
+    };
+    EXPECT_THROW(tryWithoutThread(), Poco::SystemException);
     EXPECT_EQ(std::pair(2, 0), std::pair(pool.used(), pool.available()));
     EXPECT_EQ(0u, log.count(""));
     auto patient = std::async(std::launch::async, [&] {

@@ -1,9 +1,9 @@
 #include "Statistics.h"
 
-#include "ThreadPool.h"
 #include "internal/http/AllServers.h"
 #include "internal/log/LogPipeline.h"
 #include "internal/mqtt/Messaging.h"
+#include "internal/tasks/DefaultPool.h"
 
 namespace kel {
 
@@ -27,7 +27,7 @@ Statistics statistics() {
     numbers.mqtt = mqttStatistics();
     numbers.http = httpStatisticsOfAllServers();
     numbers.log = logStatistics();
-    numbers.pool = ThreadPool::defaultPool().statistics();
+    numbers.pool = defaultPoolStatistics();
     return numbers;
 }
 

@@ -24,7 +24,7 @@ struct Statistics {
     MqttStatistics mqtt;  ///< of all clients
     HttpStatistics http;  ///< of all servers since the process started, also of those that are gone
     LogStatistics log;    ///< of the process's logger
-    PoolStatistics pool;  ///< ThreadPool::defaultPool()
+    PoolStatistics pool;  ///< ThreadPool::defaultPool(); zeros until it is used
 };
 
 /// A snapshot; the figures are read one after the other, while others may count. Takes a few locks

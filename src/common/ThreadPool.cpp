@@ -10,9 +10,11 @@
 #include <Poco/Thread.h>
 
 #include <algorithm>
+#include <atomic>
 
 #include "internal/process/LibraryStop.h"
 #include "internal/process/NeverDestroyed.h"
+#include "internal/tasks/DefaultPool.h"
 #include "internal/tasks/TaskPool.h"
 
 namespace kel {
@@ -33,10 +35,17 @@ std::shared_ptr<TaskThreads> makeThreads(const std::string& name, int kept, int 
                               mayBegin);
 }
 
+// The default pool from its first use on.
+std::atomic<ThreadPool*> usedDefaultPool{nullptr};
+
+void stopDefaultPool() {
+    usedDefaultPool.load()->stopAll();
+}
+
 // The default pool's threads begin anew after a stop of the library, which has to stop them again.
 bool defaultPoolMayBegin() {
     if (processIsEnding()) return false;
-    onLibraryStop(StopStage::kTaskPools, [] { ThreadPool::defaultPool().stopAll(); });
+    onLibraryStop(StopStage::kTaskPools, stopDefaultPool);
     return true;
 }
 
@@ -60,9 +69,20 @@ ThreadPool::~ThreadPool() {
 }
 
 ThreadPool& ThreadPool::defaultPool() {
-    static NeverDestroyed<std::shared_ptr<ThreadPool>> pool(
-        new ThreadPool("default", 1, 32, 60, 0, defaultPoolMayBegin));
-    return **pool;
+    static ThreadPool* const pool = [] {
+        static NeverDestroyed<std::shared_ptr<ThreadPool>> made(
+            new ThreadPool("default", 1, 32, 60, 0, defaultPoolMayBegin));
+        usedDefaultPool = made->get();
+        // POCO's part of the pool has a thread from the beginning.
+        onLibraryStop(StopStage::kTaskPools, stopDefaultPool);
+        return made->get();
+    }();
+    return *pool;
+}
+
+PoolStatistics defaultPoolStatistics() {
+    const ThreadPool* const pool = usedDefaultPool;
+    return pool ? pool->statistics() : PoolStatistics();
 }
 
 void ThreadPool::start(std::function<void()> func) {

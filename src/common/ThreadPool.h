@@ -30,6 +30,9 @@ class KEL_API ThreadPool : public Poco::ThreadPool,
 public:
     /// @param idleTime   seconds after which a thread above `minCapacity` ends.
     /// @param stackSize  bytes; 0 for the system's default.
+    /// @throws Poco::AssertionViolationException  unless 1 <= `minCapacity` <= `maxCapacity` and
+    ///         `idleTime` > 0.
+    /// @throws Poco::SystemException  the system has no thread for POCO's part of the pool.
     ThreadPool(int minCapacity = 1, int maxCapacity = 32, int idleTime = 60, int stackSize = 0);
 
     /// As above; `name` begins the names of the worker threads.
@@ -42,13 +45,14 @@ public:
     ThreadPool(const ThreadPool&) = delete;
     ThreadPool& operator=(const ThreadPool&) = delete;
 
-    /// The process-wide pool "default" of 1 to 32 threads. It is never replaced. stopLibrary()
-    /// stops it; the next task after that starts its threads again.
+    /// The process-wide pool "default" of 1 to 32 threads, made by the first call and never
+    /// replaced. stopLibrary() stops it; the next task after that starts its threads again.
     static ThreadPool& defaultPool();
 
     /// Runs `func` on a pooled thread; returns as soon as it is sure of one.
     /// @throws Poco::NoThreadAvailableException  all threads are busy; `func` will not run.
     /// @throws Poco::IllegalStateException       the pool has been stopped; `func` will not run.
+    /// @throws Poco::SystemException             no thread could be started; `func` will not run.
     /// A refusal is also logged.
     void start(std::function<void()> func);
 
@@ -95,7 +99,7 @@ private:
 };
 
 /// POCO's task manager (long-running, cancellable Poco::Task objects with progress notifications)
-/// with this library's defaults. Adds no behaviour.
+/// with this library's defaults. Adds no behaviour; errors and threads are as POCO's.
 class KEL_API TaskManager : public Poco::TaskManager {
 public:
     /// Runs tasks on `pool`, which the caller keeps alive longer than the manager.

@@ -1,7 +1,6 @@
 #include "FileSink.h"
 
 #include <Poco/Exception.h>
-#include <Poco/File.h>
 #include <Poco/Path.h>
 
 #include <string_view>
@@ -29,10 +28,8 @@ std::size_t lineStart(const LineBlock& block, std::size_t position) {
 }  // namespace
 
 void createLogDirectory(const std::string& directory) {
-    const Poco::Path path = Poco::Path::forDirectory(directory);
-    Poco::File(path.parent()).createDirectories();
     try {
-        platform::createPrivateDirectory(path.toString());
+        platform::createPrivateDirectory(Poco::Path::forDirectory(directory).toString());
     } catch (const std::system_error& exc) {
         throw Poco::CreateFileException(exc.what());
     }

@@ -129,6 +129,7 @@ void LogPipeline::start(bool coloredConsole) {
     _console = std::make_shared<Output>(std::make_unique<ConsoleSink>(coloredConsole));
     _file = std::make_shared<Output>(std::make_unique<FileSink>());
     _spare.reserve(kSpareBlocks);
+    _mostQueuedBytes = 0;
     _closing = false;
     _running = true;
     try {

@@ -87,11 +87,14 @@ std::string readAll(const Descriptor& file, const std::string& path) {
     }
 }
 
-// Follows a link, so that a linked configuration file stays a link.
+// Follows a link, so that a linked configuration file stays a link, also one whose file is still to
+// be written.
 std::string realTarget(const std::string& path) {
     std::error_code ignored;
     const fs::path real = fs::canonical(path, ignored);
-    return real.empty() ? path : real.string();
+    if (!real.empty()) return real.string();
+    const fs::path missing = fs::read_symlink(path, ignored);
+    return missing.empty() ? path : (fs::path(path).parent_path() / missing).string();
 }
 
 using FileStatus = struct stat;

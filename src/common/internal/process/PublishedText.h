@@ -1,7 +1,7 @@
 #pragma once
 
 #include <atomic>
-#include <deque>
+#include <list>
 #include <mutex>
 #include <string>
 
@@ -22,9 +22,11 @@ public:
     }
 
 private:
+    // Made without asking for memory, so that a first reader needs none.
     std::mutex _mutex;
-    std::deque<std::string> _texts{""};  // guarded by _mutex; what it holds never changes
-    std::atomic<const std::string*> _current{&_texts.front()};
+    std::list<std::string> _texts;  // guarded by _mutex; what it holds never changes
+    const std::string _none;
+    std::atomic<const std::string*> _current{&_none};
 };
 
 }  // namespace kel

@@ -27,9 +27,9 @@ void runLogged(const std::function<void()>& func) {
     try {
         if (func) func();
     } catch (const Poco::Exception& exc) {
-        log.error(exc.displayText(), kPocoExceptionLine);
+        log.error(exc, kPocoExceptionLine);
     } catch (const std::exception& exc) {
-        log.error(std::string(exc.what()), kStdExceptionLine);
+        log.error(exc, kStdExceptionLine);
     } catch (...) {
         Poco::ErrorHandler::handle();  // as on a thread of POCO's
     }
@@ -63,8 +63,13 @@ void startOrThrow(TaskThreads& threads, TaskThreads::Task task, std::size_t capa
 bool tryToStart(TaskThreads& threads, std::function<void()>&& func, std::size_t capacity,
                 std::chrono::milliseconds patience, int stackSize) {
     TaskThreads::Task task{std::move(func), ""};
-    const auto answer = threads.accept(task, capacity, patience, stackSize);
-    if (answer == TaskThreads::Answer::kAccepted) return true;
+    try {
+        const auto answer = threads.accept(task, capacity, patience, stackSize);
+        if (answer == TaskThreads::Answer::kAccepted) return true;
+    } catch (...) {
+        func = std::move(task.func);
+        throw;
+    }
     func = std::move(task.func);
     return false;
 }

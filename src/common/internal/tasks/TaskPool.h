@@ -21,6 +21,7 @@ std::shared_ptr<TaskThreads> makeLoggingThreads(const std::string& name, std::si
 /// Has `task` run at once, where fewer than `capacity` run. A refusal is logged.
 /// @throws Poco::NoThreadAvailableException  all places are taken; the task will not run.
 /// @throws Poco::IllegalStateException       the threads have been stopped; it will not run.
+/// @throws Poco::SystemException             no thread could be started; it will not run.
 void startOrThrow(TaskThreads& threads, TaskThreads::Task task, std::size_t capacity,
                   int stackSize);
 

@@ -6,7 +6,8 @@
 //   Worker::thread             its starter, then whoever   none: a worker has one joiner
 //                              takes it out of _left
 //
-// No task runs, and no thread is joined, with _mutex held.
+// No task runs, and no thread is joined, with _mutex held. Once it has started, a worker needs no
+// memory of its own: one that failed could neither take a task nor leave.
 
 #include "TaskThreads.h"
 
@@ -25,20 +26,30 @@ constexpr int kLooks = 4;
 
 thread_local const TaskThreads* runsATaskOf = nullptr;
 
-// Names the calling thread after its task for as long as it runs.
+// Names the calling thread after its task for as long as it runs. Where there is no memory for a
+// name, the thread keeps the one that it has.
 class NameForTask {
 public:
     NameForTask(Poco::Thread& thread, const std::string& own, const std::string& task)
         : _thread(thread), _own(own), _named(!task.empty()) {
-        if (_named) _thread.setName(task + " (" + own + ")");
+        if (_named) trySet([&] { return task + " (" + own + ")"; });
     }
     ~NameForTask() {
-        if (_named) _thread.setName(_own);
+        if (_named) trySet([&] { return _own; });
     }
     NameForTask(const NameForTask&) = delete;
     NameForTask& operator=(const NameForTask&) = delete;
 
 private:
+    template <typename Name>
+    void trySet(const Name& name) noexcept {
+        try {
+            _thread.setName(name());
+        } catch (...) {
+            // The name only helps whoever looks on.
+        }
+    }
+
     Poco::Thread& _thread;
     const std::string& _own;
     const bool _named;
@@ -72,7 +83,7 @@ TaskThreads::~TaskThreads() = default;
 TaskThreads::Answer TaskThreads::accept(Task& task, std::size_t capacity,
                                         std::chrono::milliseconds patience, int stackSize) {
     WorkerPtr called;
-    std::vector<WorkerPtr> left;
+    std::list<WorkerPtr> left;
     {
         Lock lock(_mutex);
         if (!awaitPlace(lock, capacity, patience)) return Answer::kFull;
@@ -123,9 +134,10 @@ void TaskThreads::startWorker(int stackSize) {
     const auto worker =
         std::make_shared<Worker>(_settings.name + "[#" + std::to_string(_started + 1) + "]");
     worker->thread.setStackSize(stackSize);
+    _idle.reserve(_workers.size() + 1);
+    _workers.push_back(worker);
     worker->selfUntilRun = worker;
     worker->threadsUntilRun = shared_from_this();
-    _workers.push_back(worker);
     try {
         worker->thread.start(*worker);
     } catch (...) {
@@ -198,8 +210,12 @@ bool TaskThreads::awaitCall(Lock& lock, const WorkerPtr& worker) {
 }
 
 void TaskThreads::leave(const WorkerPtr& worker) {
-    std::erase(_workers, worker);
-    if (!_leftAlone) _left.push_back(worker);
+    const auto place = std::find(_workers.begin(), _workers.end(), worker);
+    if (_leftAlone) {
+        _workers.erase(place);
+    } else {
+        _left.splice(_left.end(), _workers, place);
+    }
     if (_waitingForChange != 0) _changed.notify_all();
 }
 
@@ -232,7 +248,7 @@ std::size_t TaskThreads::stop(std::chrono::milliseconds patience) {
         _placeFree.notify_all();
     }
     const std::size_t remaining = awaitEnd(patience);
-    std::vector<WorkerPtr> left;
+    std::list<WorkerPtr> left;
     {
         Lock lock(_mutex);
         for (const WorkerPtr& worker : _idle) worker->wake.notify_one();

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -84,11 +85,11 @@ private:
     // Guarded by _mutex. The queue never holds more tasks than workers are coming for it.
     std::deque<Task> _queue;
     std::size_t _accepted = 0;
-    std::size_t _coming = 0;          // called or started, and not at the queue yet
-    std::vector<WorkerPtr> _workers;  // that have not left
-    std::vector<WorkerPtr> _idle;     // the last one that became idle is called first
-    std::vector<WorkerPtr> _left;     // to be joined
-    std::size_t _started = 0;         // numbers the threads
+    std::size_t _coming = 0;        // called or started, and not at the queue yet
+    std::list<WorkerPtr> _workers;  // that have not left
+    std::vector<WorkerPtr> _idle;   // with room for all; the last that became idle is called first
+    std::list<WorkerPtr> _left;     // to be joined
+    std::size_t _started = 0;       // numbers the threads
     std::size_t _waitingForPlace = 0;
     bool _begun = false;
     bool _closed = false;
