@@ -260,7 +260,8 @@ void MqttClient::Impl::startConnecting(Messaging& messaging, bool again) {
 
 void MqttClient::Impl::connectTask(Messaging& messaging, const Weak& weak, bool again) {
     for (std::shared_ptr<Impl> client = weak.lock(); client; client = weak.lock(), again = true) {
-        const std::optional<int> rc = client->connectOnce(messaging, again);
+        std::optional<int> rc = MQTTCLIENT_FAILURE;
+        logExceptions(log, [&] { rc = client->connectOnce(messaging, again); });
         if (!rc) return;
         if (*rc != 0) client->sayWhy(*rc);
         const bool wanted = client->askAfterConnect(*rc);
@@ -403,7 +404,9 @@ bool MqttClient::Impl::awaitBrokerHost(Messaging& messaging, const Weak& weak, u
         if (!client || client->_released) return false;
         if (client->_connected || client->_losses != loss) return false;
         if (!client->connection()) return true;
-        if (brokerHostAnswers(client->options.address, pingIp)) {
+        bool answers = false;
+        logExceptions(log, [&] { answers = brokerHostAnswers(client->options.address, pingIp); });
+        if (answers) {
             log.information("ping succeed, ip: " + withoutCredentials(client->options.address));
             return true;
         }
