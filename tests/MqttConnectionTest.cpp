@@ -69,11 +69,15 @@ protected:
 
 struct BlockingItem : Dispatcher::Item {
     void handOut() override { handle(); }
-    bool tryHandOut() override { return false; }
+    bool tryHandOut() override {
+        tried = true;
+        return false;
+    }
     std::size_t bytes() const override { return size; }
 
     std::function<void()> handle = [] {};
     std::size_t size = 0;
+    bool tried = false;
 };
 
 std::shared_ptr<BlockingItem> item(
@@ -176,7 +180,10 @@ TEST(ConnectTurn, GoesToTheClientThatHasFailedLeast) {
     std::vector<std::jthread> waiting;
     for (const unsigned rank : {7U, 0U, 3U}) {
         waiting.emplace_back([&, rank] {
-            const ConnectTurn turn(rank, [&] { return !(waits[rank] = true); });
+            const ConnectTurn turn(rank, [&] {
+                waits[rank] = true;
+                return false;
+            });
             const std::lock_guard<std::mutex> lock(mutex);
             order.push_back(rank);
         });
@@ -185,6 +192,15 @@ TEST(ConnectTurn, GoesToTheClientThatHasFailedLeast) {
     first.reset();
     waiting.clear();
     EXPECT_EQ((std::vector<unsigned>{0, 3, 7}), order);
+}
+
+TEST(Dispatcher, LeavesALargeMessageToItsOwnThread) {
+    for (const std::size_t excess : {0, 1}) {
+        Dispatcher dispatcher;
+        const auto large = item(Dispatcher::kLargestAtOnce + excess, [] {});
+        dispatcher.take(large);
+        EXPECT_EQ(excess == 0, large->tried);
+    }
 }
 
 TEST(Dispatcher, HoldsTheReceiverBackAtItsBoundButNotForAWaitThatNeedsIt) {

@@ -58,7 +58,7 @@ void Dispatcher::append(std::shared_ptr<Item> item) {
 void Dispatcher::take(std::shared_ptr<Item> item) {
     std::unique_lock<std::mutex> lock(_mutex);
     const bool nothingBefore = _queue.empty() && !_busy;
-    if (nothingBefore) {
+    if (nothingBefore && item->bytes() <= kLargestAtOnce) {
         lock.unlock();
         if (item->tryHandOut()) return;
         lock.lock();
