@@ -46,7 +46,7 @@ bench:
 	@scripts/bench $(AREA)
 
 soak:
-	@scripts/install-deps
+	@scripts/install-deps base soak
 	@scripts/soak $(if $(SHORT),--short)
 
 fuzz:

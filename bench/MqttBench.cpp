@@ -32,7 +32,7 @@ double secondsSince(Clock::time_point begin) {
 // Looks every tenth of a millisecond, since some jobs take only a few.
 template <typename Condition>
 void awaitShort(Condition&& condition, const char* what) {
-    const auto deadline = Clock::now() + 60s;
+    const auto deadline = Clock::now() + std::chrono::seconds(60);
     while (!condition()) {
         check(Clock::now() < deadline, what);
         std::this_thread::sleep_for(100us);

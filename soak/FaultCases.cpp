@@ -1,18 +1,14 @@
 // Faults of the broker, the network, the disk and the clock: what was logged, and what went on.
 
 #include <Poco/Environment.h>
-#include <Poco/Logger.h>
 #include <sched.h>
-#include <sys/mount.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 
 #include "Broker.h"
 #include "Command.h"
+#include "LogLines.h"
 #include "ScriptedBroker.h"
 #include "Traffic.h"
 #include "common/Config.h"
@@ -61,100 +57,67 @@ Result realBroker(const std::function<void(Broker&)>& fault) {
     return survives(traffic, [&] { fault(broker); });
 }
 
-// The same in a network of this process's own, which `before` and `after` change.
-Result network(const std::string& before, const std::string& after) {
-    if (::unshare(CLONE_NEWNET) != 0) return Result::leftOut("this user may not make a network");
+// A fault that two shell lines make and mend, in a namespace of this process's own; `prepare` runs
+// there first. @return why this machine cannot show it, or an empty text.
+std::string enter(int kind, const std::string& prepare) {
+    if (::unshare(kind) != 0) return "this user may not make a namespace";
     try {
-        shell("ip link set lo up; " + before + " && " + after);
+        shell(prepare);
+        return "";
     } catch (const std::exception& exc) {
         const std::string why = exc.what();  // the command, and what it said
-        return Result::leftOut(why.substr(why.find('\n') + 1, why.size() - why.find('\n') - 2));
+        return why.substr(why.find('\n') + 1, why.size() - why.find('\n') - 2);
     }
+}
+
+Result network(const std::string& spoil, const std::string& mend) {
+    const std::string why = enter(CLONE_NEWNET, "ip link set lo up; " + spoil + " && " + mend);
+    if (!why.empty()) return Result::leftOut(why);
     return realBroker([&](Broker&) {
-        shell(before);
+        shell(spoil);
         pause();
-        shell(after);
+        shell(mend);
     });
 }
 
-// A file system of a megabyte at `path`, in a mount namespace of this process's own.
-bool mountSmall(const std::string& path) {
-    fs::create_directories(path);
-    return ::unshare(CLONE_NEWNS) == 0 &&
-           ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           ::mount("none", path.c_str(), "tmpfs", 0, "size=1m") == 0;
+// A file system of a megabyte where the library writes.
+std::string enterSmallDisk() {
+    return enter(CLONE_NEWNS, "mount --make-rprivate /; mkdir " + homeFolder() +
+                                  "; mount -t tmpfs -o size=1m none " + homeFolder());
 }
 
-void fill(const std::string& folder) {
-    std::ofstream out(folder + "/filler");
-    while (out << std::string(4096, 'x') << std::flush) continue;
-}
-
-void freeAgain(const std::string& folder) {
-    fs::remove(folder + "/filler");
-}
-
-void remount(const std::string& folder, unsigned long flags) {
-    if (::mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | flags, nullptr) != 0)
-        throw std::runtime_error("remount");
-}
-
-using Change = std::function<void(const std::string& folder)>;
-
-Result spoiltConfig(const Change& spoil, const Change& mend) {
+Result spoiltConfig(const std::string& spoil, const std::string& mend) {
     const CapturedLog log;
-    const std::string folder = homeFolder();
-    if (!mountSmall(folder)) return Result::leftOut("this user may not mount");
+    const std::string why = enterSmallDisk();
+    if (!why.empty()) return Result::leftOut(why);
     kel::initHttpOption();
     kel::loadConfig();
     const std::string before = contentOf(kel::configPath());
-    spoil(folder);
+    shell("cd " + homeFolder() + "; " + spoil);
     kel::configInstance().setString("big", std::string(8192, 'y'));
     kel::saveConfig();
     const bool told = !kel::lastConfigError().empty();
     const bool kept = contentOf(kel::configPath()) == before && !before.empty();
-    mend(folder);
+    shell("cd " + homeFolder() + "; " + mend);
     kel::saveConfig();
-    const bool saved = kel::lastConfigError().empty() &&
-                       contentOf(kel::configPath()).find("yyyy") != std::string::npos;
-    ::umount2(folder.c_str(), MNT_DETACH);
+    const bool saved = contentOf(kel::configPath()).find("yyyy") != std::string::npos;
     return {told && kept && saved, errorIn(log) + (kept ? "; the old file stays" : "; it is gone") +
                                        (saved ? "; the next save succeeds" : "; the next fails")};
 }
 
-void logNumbered(int first, int count) {
-    Poco::Logger& logger = Poco::Logger::get(kel::logName());
-    for (int i = first; i < first + count; ++i)
-        logger.information("numbered " + std::to_string(i) + " ", __FILE__, __LINE__);
-}
-
-// How many of the lines are in the files of the folder.
-int numberedIn(const std::string& folder, int count) {
-    std::string all;
-    for (const auto& file : fs::directory_iterator(folder)) all += contentOf(file.path());
-    int found = 0;
-    for (int i = 0; i < count; ++i)
-        found += all.find("numbered " + std::to_string(i) + " ") != all.npos;
-    return found;
-}
-
-// 500 lines before the folder is spoilt, 2,000 while it is, and one after.
-Result spoiltLog(const Change& spoil, const Change& mend) {
-    constexpr int kBefore = 500, kWhile = 2000, kTotal = kBefore + kWhile + 1;
-    const std::string folder = homeFolder();
-    if (!mountSmall(folder)) return Result::leftOut("this user may not mount");
+Result fullUnderLog() {
+    const std::string why = enterSmallDisk();
+    if (!why.empty()) return Result::leftOut(why);
     silenceConsole();
     kel::loadLogging();
-    logNumbered(0, kBefore);
-    spoil(folder);
-    logNumbered(kBefore, kWhile);
-    mend(folder);
-    logNumbered(kBefore + kWhile, 1);
+    LogLines lines(1);
+    lines.log(0, 500);
+    shell("cat /dev/zero >" + homeFolder() + "/filler || true");
+    lines.log(0, 2000);
+    shell("rm " + homeFolder() + "/filler");
+    lines.log(0, 1);
     kel::deleteLogger();
-    const int found = numberedIn(folder, kTotal);
-    ::umount2(folder.c_str(), MNT_DETACH);
-    return {found == kTotal, std::to_string(kTotal - found) + " of " + std::to_string(kTotal) +
-                                 " lines lost; it goes on once the folder is as before"};
+    return {lines.allFound(), lines.missing() + " once there is room again"};
 }
 
 // libfaketime looks at this variable whenever the time is asked for.
@@ -172,21 +135,19 @@ Result clockJumps() {
     ScriptedBroker broker(Manner::kAcknowledges);
     Traffic traffic(broker.address());
     bool flows = traffic.flows();
-    int lines = 0;
-    for (const char* offset : {"+0", "+1d", "+0"}) {
+    LogLines lines(3);
+    for (const auto& [run, offset] : {std::pair{0, "+0"}, {1, "+1d"}, {2, "+0"}}) {
         setClock(offset);
         kel::loadLogging();
-        logNumbered(lines, 500);
-        lines += 500;
+        lines.log(run, 500);
         flows = traffic.flows() && flows;
     }
     kel::deleteLogger();
-    const std::string folder = homeFolder();
-    const auto files = std::distance(fs::directory_iterator(folder), fs::directory_iterator());
-    const int found = numberedIn(folder, lines);
-    return {found == lines && files == 2 && flows,
-            std::to_string(lines - found) + " of " + std::to_string(lines) + " lines lost, in " +
-                std::to_string(files) + " dated files; MQTT " + (flows ? "goes on" : "does NOT")};
+    const fs::directory_iterator folder(homeFolder());
+    const auto files = std::distance(begin(folder), end(folder));
+    return {lines.allFound() && files == 2 && flows,
+            lines.missing() + ", in " + std::to_string(files) + " dated files; MQTT " +
+                (flows ? "goes on" : "does NOT")};
 }
 
 }  // namespace
@@ -212,11 +173,11 @@ std::vector<Case> faultCases() {
         return network("tc qdisc add dev lo root netem delay 50ms loss 5%",
                        "tc qdisc del dev lo root");
     });
-    const Change readOnly = [](auto& folder) { remount(folder, MS_RDONLY); };
-    const Change writable = [](auto& folder) { remount(folder, 0); };
-    add("disk full under saveConfig", [] { return spoiltConfig(fill, freeAgain); });
-    add("read-only under saveConfig", [=] { return spoiltConfig(readOnly, writable); });
-    add("disk full under the log", [] { return spoiltLog(fill, freeAgain); });
+    add("disk full under saveConfig",
+        [] { return spoiltConfig("cat /dev/zero >filler || true", "rm filler"); });
+    add("read-only under saveConfig",
+        [] { return spoiltConfig("mount -o remount,ro .", "mount -o remount,rw ."); });
+    add("disk full under the log", fullUnderLog);
     add("clock a day forward and back", clockJumps);
     all.back().environment =
         "LD_PRELOAD=libfaketimeMT.so.1 LD_LIBRARY_PATH=/usr/lib/x86_64-linux-gnu/faketime "

@@ -10,7 +10,7 @@
 #include <iostream>
 
 #include "Broker.h"
-#include "Shortages.h"
+#include "LogLines.h"
 #include "Traffic.h"
 #include "common/Config.h"
 #include "common/HttpClient.h"
@@ -18,6 +18,10 @@
 #include "common/WebApiBasic.h"
 
 namespace soak {
+
+// See Shortages.cpp.
+extern std::atomic<long> untilFailure;
+extern std::atomic<bool> threadsRefused;
 
 namespace {
 
@@ -85,7 +89,7 @@ Result request() {
         kel::HttpClient::defaultHttpClient()->doHttpRequestSync(
             url, R"({"a":1})", [&](auto answer, auto&) { status = answer; });
     };
-    const Result result = failEach(action, [&] {
+    Result result = failEach(action, [&] {
         action();
         return status == 200;
     });
@@ -96,18 +100,18 @@ Result request() {
 Result log() {
     silenceConsole();
     kel::loadLogging();
-    const auto line = [] {
-        Poco::Logger::get(kel::logName()).information("a line", __FILE__, __LINE__);
-    };
     const auto file = std::filesystem::directory_iterator(homeFolder())->path();
-    std::size_t size = 0;
-    const auto grows = [&] {
-        line();
-        const std::size_t before = size;
-        return await([&] { return (size = contentOf(file).size()) > before; });
+    LogLines lines(1);
+    const auto logOne = [&](auto&& enough) {
+        const auto before = std::filesystem::file_size(file);
+        lines.log(0, 1);
+        return await([&] { return enough() || std::filesystem::file_size(file) > before; });
     };
-    const Result result = failEach(line, grows);
+    Result result =
+        failEach([&] { logOne(hasFailed); }, [&] { return logOne([] { return false; }); });
     kel::deleteLogger();
+    lines.allFound();
+    result.what += "; " + lines.missing();
     return result;
 }
 

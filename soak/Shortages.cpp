@@ -1,23 +1,21 @@
-// Replaces what the whole process, its shared libraries included, allocates and starts threads
-// with.
-
-#include "Shortages.h"
+// What the whole process, its shared libraries included, allocates and begins threads with. A file
+// of its own: where compilers see both sides of an allocation they take it for a wrong one.
 
 #include <dlfcn.h>
 #include <pthread.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <new>
 
 namespace soak {
 
-std::atomic<long> untilFailure{0};
+std::atomic<long> untilFailure{0};  // so many further allocations by `new`; 0: none fails
 std::atomic<bool> threadsRefused{false};
 
 }  // namespace soak
 
-// Those of the whole process, the shared libraries included.
 void* operator new(std::size_t size) {
     if (soak::untilFailure > 0 && --soak::untilFailure == 0) throw std::bad_alloc();
     void* const memory = std::malloc(size == 0 ? 1 : size);

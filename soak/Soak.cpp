@@ -3,10 +3,12 @@
 
 #include "Soak.h"
 
+#include <Poco/Environment.h>
 #include <fcntl.h>
 #include <malloc.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -71,11 +73,10 @@ Result Watch::end(bool right, const std::string& unit, const std::string& more, 
     // What grows with the count shows after the first tenth; an allocator may keep some more.
     const bool flat = last.resident <= _firstTenth.resident + _firstTenth.resident / 5 + 4096;
     std::ostringstream out;
-    out << _total << ' ' << unit << " in " << static_cast<long>(taken.count() + 0.5) << " s, "
-        << more << "; resident " << _firstTenth.resident << " to " << last.resident
-        << " KiB, in use " << _firstTenth.heap << " to " << last.heap << " KiB; threads "
-        << _begin.threads << " to " << left.threads << ", descriptors " << _begin.descriptors
-        << " to " << left.descriptors;
+    out << _total << ' ' << unit << " in " << std::lround(taken.count()) << " s, " << more
+        << "; resident " << _firstTenth.resident << " to " << last.resident << " KiB, in use "
+        << _firstTenth.heap << " to " << last.heap << " KiB; threads " << _begin.threads << " to "
+        << left.threads << ", descriptors " << _begin.descriptors << " to " << left.descriptors;
     return {right && back && flat, out.str()};
 }
 
@@ -85,7 +86,7 @@ std::string contentOf(const std::string& file) {
 }
 
 std::string homeFolder() {
-    return std::string(std::getenv("XDG_DATA_HOME")) + "/kelhost";
+    return Poco::Environment::get("XDG_DATA_HOME") + "/kelhost";
 }
 
 void silenceConsole() {

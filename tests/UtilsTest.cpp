@@ -129,7 +129,7 @@ TEST(Processes, AreFoundByTheirExactNameAlsoAfterAnUpdateAndEndedTheCallerLast) 
     std::ofstream(pipe) << name;
     for (const unsigned long pid : both) {
         int status = 0;
-        ::waitpid(pid, &status, 0);
+        ::waitpid(static_cast<::pid_t>(pid), &status, 0);
         EXPECT_EQ(WTERMSIG(status), SIGKILL);
     }
 
@@ -252,7 +252,7 @@ TEST(BrokerHost, AnswersByItsPortAloneWhereItAcceptsOrRefuses) {
     const std::string refusing =
         uri(ServerSocket(SocketAddress("127.0.0.1", 0)), "tcp://127.0.0.1");
     const std::string silent = uri(full, "tcp://127.0.0.1");
-    const auto answers = [](const std::string& uri) { return brokerHostAnswers(uri, pingIp); };
+    const auto answers = [](const std::string& at) { return brokerHostAnswers(at, pingIp); };
     const CapturedLog log;
     unprivileged([&] {
         EXPECT_TRUE(answers(uri(accepting, "tcp://localhost")));

@@ -61,7 +61,7 @@ std::string maskedAuthority(const std::string& text) {
 
 std::string maskedUrl(const std::string& url) {
     const auto parameters = std::min(url.find_first_of("?#"), url.size());
-    const std::string masked = maskedAuthority(url.substr(0, parameters));
+    std::string masked = maskedAuthority(url.substr(0, parameters));
     if (parameters == url.size()) return masked;
     return masked + url[parameters] + maskedParameters(url.substr(parameters + 1));
 }

@@ -12,8 +12,6 @@ namespace kel {
 
 namespace {
 
-using namespace std::chrono_literals;
-
 constexpr UnitLog log("src/common/MqttClient++");
 
 // The library's own limit is set out of reach: at it, a publisher of any QoS sleeps 100 ms at a
@@ -54,8 +52,11 @@ MqttOptions checked(MqttOptions options) {
     const auto demand = [](bool met, const std::string& what) {
         if (!met) throw Poco::InvalidArgumentException("MqttOptions::" + what);
     };
-    demand(options.keepAlive >= 1s && options.keepAlive <= 65535s, "keepAlive");
-    demand(options.connectTimeout >= 1s && options.connectTimeout <= kLongest, "connectTimeout");
+    demand(options.keepAlive >= std::chrono::seconds(1) &&
+               options.keepAlive <= std::chrono::seconds(65535),
+           "keepAlive");
+    demand(options.connectTimeout >= std::chrono::seconds(1) && options.connectTimeout <= kLongest,
+           "connectTimeout");
     for (const std::string& name : options.applicationProtocols) {
         demand(!name.empty() && name.size() <= 255, "applicationProtocols");
     }
@@ -117,7 +118,7 @@ std::string connectFailureInWords(const ConnectOptions& options, int rc) {
     const bool secure = isSecure(options.address);
     if (secure && !tls::available()) return "KelCommon was built without TLS";
     if (secure && rc == MQTTCLIENT_FAILURE) {
-        const std::string reason = tlsFailure(options);
+        std::string reason = tlsFailure(options);
         if (!reason.empty()) return reason;
     }
     switch (rc) {

@@ -380,6 +380,7 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
         _events = std::move(events);
         _connecting = std::this_thread::get_id();
         _lostElsewhere = false;
+        _lossTold = false;
     }
     const int rc = tryVersions(*form.get(), options.address);
     if (rc == 0) {
@@ -391,6 +392,8 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
         _window.open();
         _up = true;
     }
+    // The library does not tell of a session that ended before it had counted it as made.
+    if (rc == 0 && _lostElsewhere && !_lossTold) _lossUntold = true;
     return rc;
 }
 
@@ -596,13 +599,14 @@ void Connection::cleared() {
 }
 
 void Connection::lost(const std::string& cause) {
-    _lossUntold = false;
     _window.close();
     _window.abandon();
     std::shared_ptr<ConnectionEvents> told;
     {
         const std::lock_guard<std::mutex> lock(_mutex);
+        _lossUntold = false;
         _lostElsewhere = true;
+        _lossTold = true;
         _up = false;
         told = _events.lock();
     }

@@ -150,6 +150,7 @@ private:
     int _callbacks = 0;           // in progress, or on their way back
     int _heldBack = 0;            // how many end the session: no message is handed out meanwhile
     bool _lostElsewhere = false;  // the session ended on another thread than the connecting one
+    bool _lossTold = false;       // since connect() began
     std::thread::id _connecting;
     std::chrono::steady_clock::time_point _unsureSince;
 };

@@ -42,7 +42,7 @@ struct Announced {
 // Those of the client are read for each request: only changed ones are warned of.
 tls::Settings announcedClientSettings() {
     static NeverDestroyed<Announced> announced;
-    const tls::Settings settings = tls::clientSettings();
+    tls::Settings settings = tls::clientSettings();
     std::optional<tls::Settings> previous = settings;
     {
         const std::lock_guard<std::mutex> lock(announced->mutex);
