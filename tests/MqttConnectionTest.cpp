@@ -1,5 +1,8 @@
 // What the broker connection is made of, each alone: the owner of the library's handle against a
-// broker that acknowledges as a test says, the window, the turn, the dispatcher.
+// broker that acknowledges as a test says, the window, the turn, the dispatcher, their stop.
+
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/StreamSocket.h>
 
 #include <array>
 #include <atomic>
@@ -8,6 +11,7 @@
 
 #include "MqttFixture.h"
 #include "ScriptedBroker.h"
+#include "common/Library.h"
 #include "common/internal/mqtt/ConnectTurn.h"
 #include "common/internal/mqtt/Connection.h"
 #include "common/internal/mqtt/Dispatcher.h"
@@ -65,11 +69,15 @@ protected:
 
 struct BlockingItem : Dispatcher::Item {
     void handOut() override { handle(); }
-    bool tryHandOut() override { return false; }
+    bool tryHandOut() override {
+        tried = true;
+        return false;
+    }
     std::size_t bytes() const override { return size; }
 
     std::function<void()> handle = [] {};
     std::size_t size = 0;
+    bool tried = false;
 };
 
 std::shared_ptr<BlockingItem> item(
@@ -120,6 +128,27 @@ TEST_F(ConnectionTest, WaitersOfALostSessionReturnAndKeepNoPlaceInTheNext) {
     EXPECT_EQ(1, _told->lost);
 }
 
+// What the library began by itself must not start it anew.
+TEST(Stop, OvertakesAConnectThatTheBrokerHasNotAnswered) {
+    CapturedLog log;
+    Poco::Net::ServerSocket broker(Poco::Net::SocketAddress("127.0.0.1", 0));
+    const auto client =
+        kel::MqttClient::createInstance(broker.address().toString(), "edge", "", "");
+    std::atomic<int> calls{0};
+    client->Connect([&calls](int) { return ++calls > 0; }, {});
+    client->Subscribe(kIgnore, "a", 1);
+    Poco::Net::StreamSocket peer = broker.acceptConnection();
+    char received[256];
+    ASSERT_GT(peer.receiveBytes(received, sizeof received), 0);
+    kel::Messaging& messaging = kel::Messaging::instance();
+    const std::jthread stop([] { kel::stopLibrary(); });
+    ASSERT_TRUE(await([&] { return messaging.stopped(); }));
+    peer.sendBytes("\x20\x02\0\0", 4);
+    ASSERT_EQ(2, peer.receiveBytes(received, sizeof received));
+    EXPECT_EQ(std::string("\xe0\0", 2), std::string(received, 2)) << "not a DISCONNECT";
+    EXPECT_EQ(0, calls);
+}
+
 TEST(InFlightWindow, APlaceBelongsToItsSession) {
     InFlightWindow window;
     EXPECT_FALSE(window.take());
@@ -147,20 +176,31 @@ TEST(ConnectTurn, GoesToTheClientThatHasFailedLeast) {
     EXPECT_FALSE(ConnectTurn(0, kAtOnce));
     std::mutex mutex;
     std::vector<unsigned> order;
-    std::atomic<int> asked{0};
+    std::array<std::atomic<bool>, 8> waits{};
     std::vector<std::jthread> waiting;
     for (const unsigned rank : {7U, 0U, 3U}) {
         waiting.emplace_back([&, rank] {
-            const ConnectTurn turn(rank, [&] { return ++asked < 0; });
+            const ConnectTurn turn(rank, [&] {
+                waits[rank] = true;
+                return false;
+            });
             const std::lock_guard<std::mutex> lock(mutex);
             order.push_back(rank);
         });
-        const int before = asked;  // it waits by now
-        ASSERT_TRUE(await([&] { return asked > before + 3; }));
+        ASSERT_TRUE(await([&] { return waits[rank].load(); }));
     }
     first.reset();
     waiting.clear();
     EXPECT_EQ((std::vector<unsigned>{0, 3, 7}), order);
+}
+
+TEST(Dispatcher, LeavesALargeMessageToItsOwnThread) {
+    for (const std::size_t excess : {0, 1}) {
+        Dispatcher dispatcher;
+        const auto large = item(Dispatcher::kLargestAtOnce + excess, [] {});
+        dispatcher.take(large);
+        EXPECT_EQ(excess == 0, large->tried);
+    }
 }
 
 TEST(Dispatcher, HoldsTheReceiverBackAtItsBoundButNotForAWaitThatNeedsIt) {

@@ -345,9 +345,10 @@ TEST_F(TlsBroker, IsTakenOnlyIfItsCertificateAndTheClientsFit) {
         return options;
     };
     const kel::MqttOptions options = trusting();
-    kel::MqttOptions missing = options, broken = options, lax = options;
+    kel::MqttOptions missing = options, broken = options, endless = options, lax = options;
     missing.authorities = files["missing.pem"];
     broken.authorities = files["good.key"];
+    endless.authorities.assign(300, 'a');
     lax.checkServerName = false;
     const std::vector<std::tuple<std::string, std::string, kel::MqttOptions, std::string>> cases = {
         {"good", "", options, ""},
@@ -366,6 +367,7 @@ TEST_F(TlsBroker, IsTakenOnlyIfItsCertificateAndTheClientsFit) {
          files["locked.key"] + ": the passphrase does not open it"},
         {"good", "", missing, files["missing.pem"] + ": No such file"},
         {"good", "", broken, files["good.key"] + ": "},
+        {"good", "", endless, endless.authorities + ": File name too long"},
     };
     std::vector<std::future<void>> attempts;  // at once: each takes a second or two
     for (const auto& one : cases) {

@@ -8,7 +8,9 @@
 #include <sched.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <climits>
 #include <functional>
@@ -270,4 +272,15 @@ TEST(BrokerHost, AnswersByItsPortAloneWhereItAcceptsOrRefuses) {
     EXPECT_FALSE(refuses(silent));
     EXPECT_FALSE(refuses(uri(accepting, "localhost"))) << "whichever other address refuses";
     EXPECT_FALSE(refuses("tcp://no-such-host.invalid:1883"));
+
+    // One descriptor is left, for the socket alone.
+    const int unused = ::dup(0);
+    ::close(unused);
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit scarce{static_cast<rlim_t>(unused) + 1, limit.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &scarce);
+    EXPECT_NO_THROW(refuses(refusing));
+    EXPECT_NO_THROW(answers(uri(accepting, "tcp://127.0.0.1")));
+    ::setrlimit(RLIMIT_NOFILE, &limit);
 }

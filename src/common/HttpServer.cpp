@@ -30,6 +30,7 @@ using Clock = ConnectionServer::Clock;
 constexpr std::chrono::seconds kRequestGrace(10);
 // For threads whose connections have been closed; only a callback that never returns takes longer.
 constexpr std::chrono::seconds kThreadGrace(1);
+constexpr std::chrono::hours kLongest(24);  // a wait that is longer could exceed the clock's range
 
 struct Servers {
     std::mutex mutex;
@@ -143,7 +144,8 @@ void HttpServer::stop() {
 }
 
 bool HttpServer::stop(std::chrono::milliseconds patience) {
-    const auto end = Clock::now() + patience;
+    using std::chrono::milliseconds;
+    const auto end = Clock::now() + std::clamp<milliseconds>(patience, milliseconds(0), kLongest);
     stop();
     const auto server = _inside->current();
     return !server || server->awaitRequestsInProgress(end);

@@ -85,11 +85,12 @@ struct MqttClient::Impl : ConnectionEvents, std::enable_shared_from_this<MqttCli
     // Connecting
     void create(Messaging& messaging);
     bool recreate(Messaging& messaging);
-    void startConnecting(bool again);
+    void startConnecting(Messaging& messaging, bool again);
     static void connectTask(Messaging& messaging, const Weak& weak, bool again);
     std::optional<int> connectOnce(Messaging& messaging, bool again);
     bool hasSession();
     int attempt();
+    bool endIfStopped(Messaging& messaging);
     void sayWhy(int rc);
     void sessionBegun();
     bool askAfterConnect(int rc);
@@ -105,7 +106,7 @@ struct MqttClient::Impl : ConnectionEvents, std::enable_shared_from_this<MqttCli
     static bool awaitBrokerHost(Messaging& messaging, const Weak& weak, unsigned loss);
 
     // Subscriptions
-    void addJob(Job job);
+    void addJob(Messaging& messaging, Job job);
     static void runJobs(const Weak& weak);
     std::vector<Job> nextJobs();
     void doJobs(const std::vector<Job>& jobs);
@@ -249,23 +250,23 @@ void MqttClient::Connect(std::function<bool(int)> onConnectResult,
                          std::function<bool(std::string)> onConnectionLost) {
     _impl->set(_impl->_connect_callback, std::move(onConnectResult));
     _impl->set(_impl->_connection_lost_callback, std::move(onConnectionLost));
-    _impl->startConnecting(false);
+    _impl->startConnecting(Messaging::instance(), false);
 }
 
-void MqttClient::Impl::startConnecting(bool again) {
-    Messaging& messaging = Messaging::instance();
+void MqttClient::Impl::startConnecting(Messaging& messaging, bool again) {
     messaging.inBackground(
         [&messaging, weak = weak_from_this(), again] { connectTask(messaging, weak, again); });
 }
 
 void MqttClient::Impl::connectTask(Messaging& messaging, const Weak& weak, bool again) {
     for (std::shared_ptr<Impl> client = weak.lock(); client; client = weak.lock(), again = true) {
-        const std::optional<int> rc = client->connectOnce(messaging, again);
+        std::optional<int> rc = MQTTCLIENT_FAILURE;
+        logExceptions(log, [&] { rc = client->connectOnce(messaging, again); });
         if (!rc) return;
         if (*rc != 0) client->sayWhy(*rc);
         const bool wanted = client->askAfterConnect(*rc);
         if (*rc == 0) {
-            client->addJob({{}, {}, 0, client->_restored});
+            client->addJob(messaging, {{}, {}, 0, client->_restored});
             return;
         }
         client.reset();
@@ -291,6 +292,7 @@ std::optional<int> MqttClient::Impl::connectOnce(Messaging& messaging, bool agai
     const std::lock_guard<std::mutex> lock(_connectMutex);
     if (giveUp() || (again && hasSession())) return {};
     const int rc = attempt();
+    if (rc == 0 && endIfStopped(messaging)) return {};
     _failures = rc == 0 ? 0 : _failures + 1;
     if (rc == 0) {
         sessionBegun();
@@ -298,6 +300,13 @@ std::optional<int> MqttClient::Impl::connectOnce(Messaging& messaging, bool agai
         log.error(format("Failed to connect, return code %d", rc));
     }
     return rc;
+}
+
+// Nobody would hand out what arrives in a session that is made during a stop.
+bool MqttClient::Impl::endIfStopped(Messaging& messaging) {
+    if (!messaging.stopped()) return false;
+    if (const std::shared_ptr<Connection> made = connection()) made->disconnect();
+    return true;
 }
 
 // Without a lock: this may take a while.
@@ -375,7 +384,7 @@ void MqttClient::Impl::reconnect(Messaging& messaging, const Weak& weak, unsigne
     log.information("start reconnect mqtt.");
     if (!awaitBrokerHost(messaging, weak, loss)) return;
     const std::shared_ptr<Impl> client = weak.lock();
-    if (client && client->recreate(messaging)) client->startConnecting(true);
+    if (client && client->recreate(messaging)) client->startConnecting(messaging, true);
 }
 
 bool MqttClient::Impl::askAfterLoss(const Weak& weak, const std::string& cause) {
@@ -395,7 +404,9 @@ bool MqttClient::Impl::awaitBrokerHost(Messaging& messaging, const Weak& weak, u
         if (!client || client->_released) return false;
         if (client->_connected || client->_losses != loss) return false;
         if (!client->connection()) return true;
-        if (brokerHostAnswers(client->options.address, pingIp)) {
+        bool answers = false;
+        logExceptions(log, [&] { answers = brokerHostAnswers(client->options.address, pingIp); });
+        if (answers) {
             log.information("ping succeed, ip: " + withoutCredentials(client->options.address));
             return true;
         }
@@ -407,10 +418,8 @@ bool MqttClient::Impl::awaitBrokerHost(Messaging& messaging, const Weak& weak, u
 
 void MqttClient::Subscribe(std::function<void(const Poco::JSON::Object&, std::string)> handler,
                            std::string topic, int qos) {
-    _impl->addJob({std::make_shared<SubscribedHandler>(SubscribedHandler{{}, std::move(handler)}),
-                   std::move(topic),
-                   qos,
-                   {}});
+    auto kept = std::make_shared<SubscribedHandler>(SubscribedHandler{{}, std::move(handler)});
+    _impl->addJob(Messaging::instance(), {std::move(kept), std::move(topic), qos, {}});
 }
 
 void MqttClient::Subscribe(std::function<void(MQTTClient_message*, std::string)> handler,
@@ -418,19 +427,18 @@ void MqttClient::Subscribe(std::function<void(MQTTClient_message*, std::string)>
     Subscriptions::Handler kept;
     if (handler)
         kept = std::make_shared<SubscribedHandler>(SubscribedHandler{std::move(handler), {}});
-    _impl->addJob({std::move(kept), std::move(topic), qos, {}});
+    _impl->addJob(Messaging::instance(), {std::move(kept), std::move(topic), qos, {}});
 }
 
 // The jobs of a client are done one after the other, so that the last subscription of a filter
 // wins.
-void MqttClient::Impl::addJob(Job job) {
+void MqttClient::Impl::addJob(Messaging& messaging, Job job) {
     {
         const std::lock_guard<std::mutex> lock(_jobsMutex);
         _jobs.push_back(std::move(job));
         if (std::exchange(_jobsRun, true)) return;
     }
-    const bool begun =
-        Messaging::instance().inBackground([weak = weak_from_this()] { runJobs(weak); });
+    const bool begun = messaging.inBackground([weak = weak_from_this()] { runJobs(weak); });
     if (!begun && !Connection::libraryHoldsItsLock()) runJobs(weak_from_this());
 }
 
@@ -523,7 +531,9 @@ void MqttClient::Unsubscribe(std::string topic) {
 }
 
 void MqttClient::Impl::unsubscribe(const std::string& topic) {
-    if (!unsubscribeAtBroker(topic)) return;
+    bool known = true;
+    logExceptions(log, [&] { known = unsubscribeAtBroker(topic); });
+    if (!known) return;
     if (!_subscriptions->erase(topic)) return;
     log.information(format("--Success to erase topic %s from subscribe map", topic));
 }
@@ -560,7 +570,7 @@ bool MqttClient::PublishAndWait(std::string payload, std::string topic, int qos,
                                 std::chrono::milliseconds deadline) {
     using Fate = Receipt::Fate;
     const auto end =
-        Receipt::Clock::now() + std::min<std::chrono::milliseconds>(deadline, kLongest);
+        Receipt::Clock::now() + std::clamp<std::chrono::milliseconds>(deadline, 0ms, kLongest);
     Fate fate = Fate::kOpen;
     const bool accepted = _impl->publish(topic, qos, [&](Connection& to) {
         return to.publishAndWait(payload, topic, qos, retained, end, fate);

@@ -17,7 +17,8 @@ namespace kel {
 /// its subscriptions with a handler each, and its reconnection. Make it with createInstance() and
 /// keep the shared_ptr.
 ///
-/// Errors: nothing is thrown to the caller; every failure is a line in the log.
+/// Errors: nothing is thrown to the caller, options out of their range excepted; every failure is a
+/// line in the log.
 /// Threads: all operations may be called from any thread, from every callback and from every
 /// handler, with one exception: in the delivery callback, which runs on the MQTT library's receive
 /// thread, PublishMessage() is refused. Handlers run on a pool of 32 threads that all clients of
@@ -92,8 +93,8 @@ public:
 
     /// Has `handler` called for each message on `topic`, replacing an earlier handler of exactly
     /// this filter, and subscribes at the broker in the background. While not connected the
-    /// subscription is kept for the next connect. An empty handler subscribes without being kept.
-    /// A payload that is no JSON object is logged and not handed on.
+    /// subscription is kept for the next connect. With an empty handler each message is logged as
+    /// "invalid json string". A payload that is no JSON object is logged and not handed on.
     /// @param topic  topic or filter. An exact topic comes before filters; a filter matches where
     ///               the part before its first "/#" (or "/+") occurs anywhere in the topic.
     /// @param qos    0, 1 or 2; 0 after a reconnect.
@@ -102,7 +103,8 @@ public:
     void Subscribe(std::function<void(const Poco::JSON::Object&, std::string)> handler,
                    std::string topic, int qos);
 
-    /// As above, with the payload bytes as they came; they are always a JSON object's text.
+    /// As above, with the payload bytes as they came; they are always a JSON object's text. An
+    /// empty handler subscribes at the broker, and an earlier handler stays.
     void Subscribe(std::function<void(MQTTClient_message*, std::string)> handler, std::string topic,
                    int qos);
 
@@ -111,7 +113,8 @@ public:
     void Unsubscribe(std::string topic);
 
     /// Sends one message; does not wait until it has been delivered. At QoS 1 and 2 it waits
-    /// while ten messages are unacknowledged; the wait ends with the connection.
+    /// while ten messages are unacknowledged; the wait ends with the connection. At QoS 0 it may
+    /// wait 10 ms for an acknowledgement while there are such messages.
     /// @param payload   bytes, at most 256 MiB with the topic.
     /// @param retained  1: the broker keeps it for later subscribers; else 0.
     /// @param token     ignored.
@@ -122,8 +125,8 @@ public:
     bool PublishMessage(std::string payload, std::string topic, int qos, int retained, int token);
 
     /// As PublishMessage(), and waits until the broker has confirmed the message.
-    /// @param deadline  longest wait, for a place among the ten unacknowledged ones and for the
-    ///        confirmation together; the first may overrun it by 100 ms.
+    /// @param deadline  longest wait, a day at most, for a place among the ten unacknowledged ones
+    ///        and for the confirmation together; the first may overrun it by 100 ms.
     /// @return whether it has been confirmed; at QoS 0, which knows no confirmation, whether it has
     ///         been accepted. False at once where PublishMessage() is refused; also when the
     ///         connection goes, and when `deadline` passes: the message may still arrive then.

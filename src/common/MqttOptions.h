@@ -19,7 +19,7 @@ struct MqttWill {
 /// without options does.
 struct MqttOptions {
     std::chrono::seconds keepAlive{60};       ///< 1 s to 65535 s
-    std::chrono::seconds connectTimeout{30};  ///< of one attempt, handshake included; 1 s at least
+    std::chrono::seconds connectTimeout{30};  ///< of one attempt, handshake included; 1 s to 24 h
     std::optional<MqttWill> will;             ///< none unless set
 
     // With an address "ssl://" or "mqtts://". Files are PEM; they are read at each connect, so that

@@ -234,13 +234,15 @@ void WebApiBasic::stop() {
 
 bool WebApiBasic::stop(std::chrono::milliseconds patience) {
     using Clock = std::chrono::steady_clock;
-    const auto end = Clock::now() + patience;
+    using std::chrono::milliseconds;
+    constexpr std::chrono::hours kLongest(24);  // a longer wait could exceed the clock's range
+    const auto end = Clock::now() + std::clamp<milliseconds>(patience, milliseconds(0), kLongest);
     Routes forgotten;
     const Servers servers = stop_l(forgotten);
     forgotten.clear();
     bool allEnded = true;
     for (const auto& server : servers) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        const auto left = std::chrono::ceil<milliseconds>(end - Clock::now());
         allEnded = server->stop(left) && allEnded;
     }
     return allEnded;

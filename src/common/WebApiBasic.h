@@ -118,7 +118,8 @@ public:
     void stop();
 
     /// As stop(), and waits for the requests in progress, but for one that calls this itself.
-    /// @param patience  the longest wait; what is not over by then goes on as after stop().
+    /// @param patience  the longest wait, a day at most; what is not over by then goes on as after
+    ///        stop().
     /// @return whether all had ended.
     bool stop(std::chrono::milliseconds patience);
 

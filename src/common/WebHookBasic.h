@@ -22,7 +22,7 @@ namespace kel {
 class KEL_API WebHookBasic {
 public:
     /// Status and JSON object of the reply; the object is empty where the body was none (also
-    /// after a transport failure, with status 400) or longer than 8 MiB.
+    /// after a transport failure, with status 400) or exceeded a limit of HttpLimits.
     using Callback = std::function<void(Poco::Net::HTTPResponse::HTTPStatus, Poco::JSON::Object&)>;
 
     /// A hook with a client and a timer of its own; the settings are the same for every hook.

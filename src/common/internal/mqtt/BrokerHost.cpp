@@ -70,7 +70,11 @@ private:
         const auto left = std::max(deadline - Clock::now(), Clock::duration::zero());
         const auto microseconds = std::chrono::ceil<std::chrono::microseconds>(left).count();
         Socket::SocketList readable, connected = _pending, failed = _pending;
-        if (Socket::select(readable, connected, failed, microseconds) == 0) return false;
+        try {
+            if (Socket::select(readable, connected, failed, microseconds) == 0) return false;
+        } catch (const Poco::Exception&) {
+            return false;  // POCO takes a descriptor for it, and there is none
+        }
         std::erase_if(_pending, [&](const Socket& socket) {
             const bool ended = contains(connected, socket) || contains(failed, socket);
             if (ended) count(socket.impl()->socketError());

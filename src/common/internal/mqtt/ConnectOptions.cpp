@@ -94,7 +94,8 @@ void LibraryOptions::addSecurity(const MqttOptions& options) {
     const auto orNone = [](const std::string& text) {
         return text.empty() ? nullptr : text.c_str();
     };
-    const bool folder = std::filesystem::is_directory(options.authorities);
+    std::error_code unreadable;  // the attempt then fails, and the reason names the path
+    const bool folder = std::filesystem::is_directory(options.authorities, unreadable);
     _security.trustStore = folder ? nullptr : orNone(options.authorities);
     _security.CApath = folder ? options.authorities.c_str() : nullptr;
     _security.keyStore = orNone(options.certificate);

@@ -76,9 +76,8 @@ void Delivery::choose() {
     const std::string& topic = _message.topic;
     _object = parse(text);
     if (!_object) return;
-    if (topics::marksDroppedKind(topic) || topics::marksDroppedKind(memberText(*_object, "api"))) {
-        return;
-    }
+    const std::string api = memberText(*_object, "api");
+    if (topics::marksDroppedKind(topic) || topics::marksDroppedKind(api)) return;
     _quiet = !topics::isBus(topic);
     if (!_quiet && log.informationEnabled()) {
         log.information(format("mqtt rece msg: %s, topic=%s", text, topic));

@@ -1,8 +1,8 @@
 // Dispatcher.cpp - the way of arrived messages to the pool.
 //
-//   state      touched by                                    under
-//   the queue  the receive thread, run()'s, statistics       _mutex, never while an item is handed
-//   out an item    first who brings it, then run()'s thread      nothing: one after the other
+//   state      touched by                                under
+//   the queue  the receive thread, run()'s, statistics   _mutex, never while an item is handed out
+//   an item    first who brings it, then run()'s thread  nothing: one after the other
 
 #include "Dispatcher.h"
 
@@ -58,7 +58,7 @@ void Dispatcher::append(std::shared_ptr<Item> item) {
 void Dispatcher::take(std::shared_ptr<Item> item) {
     std::unique_lock<std::mutex> lock(_mutex);
     const bool nothingBefore = _queue.empty() && !_busy;
-    if (nothingBefore) {
+    if (nothingBefore && item->bytes() <= kLargestAtOnce) {
         lock.unlock();
         if (item->tryHandOut()) return;
         lock.lock();

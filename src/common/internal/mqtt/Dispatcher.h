@@ -12,7 +12,9 @@ namespace kel {
 /// Hands arrived messages out, one at a time, off the MQTT library's receive thread, which must
 /// never wait for a host. A message that finds nothing before it and a free thread in the pool is
 /// handed out by the thread that brings it, since a further hop costs 50 to 100 us of delay; from
-/// the first that finds none, all go through a bounded queue, to one thread, until it is empty.
+/// the first that finds none, all go through a bounded queue, to one thread, until it is empty. So
+/// does a message of more than 16 KiB: handing out means parsing, which takes half a second for a
+/// MiB, and the receive thread brings the acknowledgements of all clients.
 ///
 /// Bounds: 4096 messages and 32 MiB, one message more; then the receive thread waits. While an
 /// inline handler itself waits for the broker, whose answer the receive thread brings, the queue
@@ -22,6 +24,7 @@ class Dispatcher {
 public:
     static constexpr std::size_t kMostMessages = 4096;
     static constexpr std::size_t kMostBytes = 32U << 20;
+    static constexpr std::size_t kLargestAtOnce = 16U << 10;
 
     /// One message on its way to the handlers of its client.
     class Item {

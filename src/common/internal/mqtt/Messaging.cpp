@@ -1,10 +1,12 @@
 // Messaging.cpp - what all MQTT clients of the process share.
 //
-//   threads         run                                                 may wait
-//   handlers        message handlers                                    yes; 32 that do hold up the
-//   rest background      connects, their pauses, reconnections, subscribes   yes dispatcher
-//   parsing, filters, inline handlers (one background   only in an inline handler
-//                   thread for good)
+//   threads         run                                             may wait
+//   handlers        message handlers                                yes; 32 that do make the
+//                                                                   dispatcher run the rest itself
+//   background      connects, their pauses, reconnects, subscribes  yes
+//   dispatcher (a   parsing, filters, handlers for which the pool   only in such a handler
+//   background one  has no place
+//   for good)
 //
 // There is one Messaging from a start to the next stop. Stopped ones are kept, since their last
 // threads may still be on their way out.
@@ -110,6 +112,8 @@ void Messaging::stopRunning() {
         last = state().running.exchange(nullptr);
     }
     if (!last) return;
+    // A connect that succeeds too late to be silenced here finds the signal set.
+    last->_stop.set();
     Connection::silenceAll();
     last->stop();
     ReceiveThread::stop();
