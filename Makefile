@@ -12,7 +12,7 @@ help:
 	@echo "make bench         measure beside other libraries; AREA=mqtt|pool|logging|tls, all without"
 	@echo "make soak          load, faults and exits, as a table; SHORT=1 for a few minutes"
 	@echo "make fuzz          fuzz what comes from outside, 10 minutes a target; SECONDS=... for less"
-	@echo "make check         all checks; CI runs the first of them"
+	@echo "make check         all checks, as CI runs them"
 	@echo "make lint          static analysis; FILES=... for these alone"
 	@echo "make format        format the C++ files"
 	@echo "make package       .deb packages and a .tar.gz, to build/packages"
@@ -54,7 +54,7 @@ fuzz:
 	@scripts/fuzz $(SECONDS)
 
 check:
-	@.ci/run all
+	@.ci/run
 
 lint:
 	@scripts/install-deps base ci

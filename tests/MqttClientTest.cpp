@@ -112,8 +112,16 @@ TEST_F(MqttClientTest, DropsAndMatchesAsPublished) {
 }
 
 TEST_F(MqttClientTest, SurvivesWhatAPeerMaySend) {
-    const std::vector<std::string> hostile = {
-        "", "not json", "[1,2]", "42", "{", "\xff\xfe\x01", std::string(100000, '[')};
+    std::string million = R"({"a":[0)";
+    for (int i = 0; i < 1'000'000; ++i) million += ",0";
+    const std::vector<std::string> hostile = {"",
+                                              "not json",
+                                              "[1,2]",
+                                              "42",
+                                              "{",
+                                              "\xff\xfe\x01",
+                                              std::string(100000, '['),
+                                              million + "]}"};
     const std::string huge = R"({"huge":")" + std::string(3000000, 'x') + "\"}";
     const auto throws = [](MQTTClient_message*, std::string) { throw 42; };
     const ClientPtr client = connected("edge-1");
