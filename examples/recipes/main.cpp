@@ -2,6 +2,7 @@
 // to what was published, keys that an older file lacks, an orderly end on SIGTERM.
 #include <Poco/NumberParser.h>
 #include <common/Config.h>
+#include <common/HttpServer.h>
 #include <common/Library.h>
 #include <common/Logger.h>
 #include <common/MqttClient++.h>
@@ -14,15 +15,6 @@
 using Poco::Net::HTTPResponse;
 
 namespace recipes {
-
-kel::WebApiBasic::ApiHandler only(const std::string& method, kel::WebApiBasic::ApiHandler handler) {
-    return [method, handler](auto& request, auto& response, const auto& params) {
-        if (request.getMethod() == method) return handler(request, response, params);
-        response.setStatus(HTTPResponse::HTTP_METHOD_NOT_ALLOWED);  // and "Method Not Allowed"
-        response.set("Allow", method);
-        response.send() << R"({"code": -1, "msg": "only by )" << method << "\"}";
-    };
-}
 
 void twice(Poco::Net::HTTPServerRequest&, Poco::Net::HTTPServerResponse& response,
            const kel::WebApiBasic::ApiParams& params, Poco::JSON::Object& result) {
@@ -58,12 +50,9 @@ int main() {
 
     const auto web = kel::WebApiBasic::instance();
     web->apiRegist("/twice", recipes::twice);
-    web->apiRegist("/reset", recipes::only("POST", [](auto&, auto& response, const auto&) {
-                       response.send() << R"({"code": 0})";
-                   }));
-    Poco::Net::ServerSocket socket;
-    socket.bind({"127.0.0.1", 0}, true, false);
-    socket.listen();
+    web->apiRegist("/reset", {"POST"},
+                   [](auto&, auto& response, const auto&) { response.send() << R"({"code": 0})"; });
+    const Poco::Net::ServerSocket socket = kel::serverSocket({"127.0.0.1", 0});
     web->start(socket);
 
     const auto bus = kel::MqttClient::createInstance(
