@@ -1,5 +1,5 @@
 # Installs the build tree BUILD into WORK, builds the project in SOURCE against that and runs it, and
-# builds the examples in EXAMPLES as somebody does who has copied them: all of them, and the two
+# builds the examples in EXAMPLES as somebody does who has copied them: all of them, and the three
 # small ones each by itself.
 # CXX, SANITIZE and PREFIX are the compiler, the sanitizers and the search path of the build tree.
 function(run)
@@ -28,9 +28,9 @@ run(${CMAKE_COMMAND} -E env XDG_CONFIG_HOME=${WORK}/home XDG_DATA_HOME=${WORK}/h
     ${WORK}/project-build/uses_kelcommon)
 
 if(EXAMPLES)
-    file(COPY ${EXAMPLES}/hello ${EXAMPLES}/minimal_host DESTINATION ${WORK})
+    file(COPY ${EXAMPLES}/hello ${EXAMPLES}/minimal_host ${EXAMPLES}/recipes DESTINATION ${WORK})
     file(COPY ${EXAMPLES} DESTINATION ${WORK})
-    foreach(copy hello minimal_host examples)
+    foreach(copy hello minimal_host recipes examples)
         build(${WORK}/${copy})
     endforeach()
     run(${WORK}/examples-build/edge_host/edge_host --version)
