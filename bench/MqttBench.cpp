@@ -271,13 +271,18 @@ void delaying(const Rounds& rounds, const Broker& broker) {
     const PeerPtr sender = mosquittoClient(broker, "sender");
     for (const int qos : {0, 1}) {
         Subscriber ours(kelClient(broker, "ours"), qos),
-            other(mosquittoClient(broker, "other"), qos);
+            other(mosquittoClient(broker, "other"), qos),
+            counting(pahoWithWindow(broker, "counting", Handing::kRaw), qos),
+            parsing(pahoWithWindow(broker, "parsing"), qos);
         for (const std::size_t burst : {1, 10}) {
             const auto job = [&sender, qos, burst](Subscriber& subscriber) {
                 return [&, qos, burst] { return delays(*sender, subscriber, qos, burst); };
             };
             rounds.contest("delay at " + at(qos) + (burst == 1 ? "alone" : "in bursts of ten"),
-                           {"p50, us", "p90, us"}, job(ours), {{"libmosquitto", job(other), 1.4}},
+                           {"p50, us", "p90, us"}, job(ours),
+                           {{"libmosquitto", job(other), 1.4},
+                            {"Paho that counts", job(counting), 0},
+                            {"Paho, POCO's parser and pool", job(parsing), 0}},
                            Better::kLower);
         }
     }

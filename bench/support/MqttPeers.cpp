@@ -129,8 +129,8 @@ private:
 
 class PahoWindowPeer : public Peer {
 public:
-    PahoWindowPeer(const Broker& broker, const std::string& name)
-        : Peer(name), _handle(broker, name) {
+    PahoWindowPeer(const Broker& broker, const std::string& name, Handing handing)
+        : Peer(name), _handing(handing), _handle(broker, name) {
         MQTTClient_setCallbacks(_handle, this, nullptr, arrived, delivered);
         _handle.connect();
     }
@@ -168,6 +168,7 @@ private:
     }
 
     void hand(std::string payload) {
+        if (_handing == Handing::kRaw) return _handler(payload);
         auto object = Poco::JSON::Parser().parse(payload).extract<Poco::JSON::Object::Ptr>();
         auto* task = new Handled(_handler, std::move(payload), std::move(object));
         try {
@@ -177,6 +178,7 @@ private:
         }
     }
 
+    const Handing _handing;
     Handler _handler;
     std::mutex _mutex;
     std::condition_variable _changed;
@@ -292,8 +294,8 @@ PeerPtr kelClient(const Broker& broker, const std::string& name, Handing handing
     return std::make_unique<KelPeer>(broker, name, handing);
 }
 
-PeerPtr pahoWithWindow(const Broker& broker, const std::string& name) {
-    return std::make_unique<PahoWindowPeer>(broker, name);
+PeerPtr pahoWithWindow(const Broker& broker, const std::string& name, Handing handing) {
+    return std::make_unique<PahoWindowPeer>(broker, name, handing);
 }
 
 PeerPtr pahoSynchronous(const Broker& broker, const std::string& name) {

@@ -42,8 +42,10 @@ enum class Handing { kRaw, kJson };
 PeerPtr kelClient(const Broker& broker, const std::string& name, Handing handing = Handing::kRaw);
 
 /// Bare Paho behind a window of ten that a condition variable guards. What arrives is parsed with
-/// POCO and handed to a Poco::ThreadPool of 32 threads, or handled at once where that is full.
-PeerPtr pahoWithWindow(const Broker& broker, const std::string& name);
+/// POCO and handed to a Poco::ThreadPool of 32 threads, or handled at once where that is full; with
+/// kRaw it is handled as it came, on Paho's thread.
+PeerPtr pahoWithWindow(const Broker& broker, const std::string& name,
+                       Handing handing = Handing::kJson);
 
 /// Bare Paho that waits for the confirmation of each message before the next.
 PeerPtr pahoSynchronous(const Broker& broker, const std::string& name);

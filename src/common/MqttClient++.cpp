@@ -66,6 +66,12 @@ void logSubscribed(const std::string& topic, int rc) {
     }
 }
 
+// Memory may be short for a while; a client must not stay away for good because of that.
+template <typename Step>
+void untilItEnds(Messaging& messaging, Step&& step) {
+    while (!logExceptions(log, step) && messaging.pause(kPauseBetweenPings)) continue;
+}
+
 }  // namespace
 
 struct MqttClient::Impl : ConnectionEvents, std::enable_shared_from_this<MqttClient::Impl> {
@@ -208,7 +214,9 @@ std::shared_ptr<Connection> MqttClient::Impl::connection() {
 void MqttClient::Impl::create(Messaging& messaging) {
     messaging.pause(kPauseBeforeCreate);
     int rc = 0;
-    std::shared_ptr<Connection> made = Connection::create(options, rc);
+    std::shared_ptr<Connection> made;
+    const bool tried = logExceptions(log, [&] { made = Connection::create(options, rc); });
+    if (!tried) rc = MQTTCLIENT_FAILURE;
     {
         const std::lock_guard<std::mutex> lock(_mutex);
         _createResult = rc;
@@ -254,8 +262,9 @@ void MqttClient::Connect(std::function<bool(int)> onConnectResult,
 }
 
 void MqttClient::Impl::startConnecting(Messaging& messaging, bool again) {
-    messaging.inBackground(
-        [&messaging, weak = weak_from_this(), again] { connectTask(messaging, weak, again); });
+    messaging.inBackground([&messaging, weak = weak_from_this(), again]() mutable {
+        untilItEnds(messaging, [&] { connectTask(messaging, weak, std::exchange(again, true)); });
+    });
 }
 
 void MqttClient::Impl::connectTask(Messaging& messaging, const Weak& weak, bool again) {
@@ -266,7 +275,9 @@ void MqttClient::Impl::connectTask(Messaging& messaging, const Weak& weak, bool 
         if (*rc != 0) client->sayWhy(*rc);
         const bool wanted = client->askAfterConnect(*rc);
         if (*rc == 0) {
-            client->addJob(messaging, {{}, {}, 0, client->_restored});
+            untilItEnds(messaging, [&] {
+                client->addJob(messaging, {{}, {}, 0, client->_restored});
+            });
             return;
         }
         client.reset();
@@ -374,7 +385,7 @@ void MqttClient::Impl::sessionLost(const std::string& cause) {
     Messaging* const messaging = Messaging::running();
     if (!messaging || !copyOf(_connection_lost_callback)) return;
     messaging->inBackground([messaging, weak = weak_from_this(), loss, cause] {
-        reconnect(*messaging, weak, loss, cause);
+        untilItEnds(*messaging, [&] { reconnect(*messaging, weak, loss, cause); });
     });
 }
 
@@ -383,8 +394,10 @@ void MqttClient::Impl::reconnect(Messaging& messaging, const Weak& weak, unsigne
     if (!askAfterLoss(weak, cause)) return;
     log.information("start reconnect mqtt.");
     if (!awaitBrokerHost(messaging, weak, loss)) return;
-    const std::shared_ptr<Impl> client = weak.lock();
-    if (client && client->recreate(messaging)) client->startConnecting(messaging, true);
+    std::shared_ptr<Impl> client = weak.lock();
+    if (!client || !client->recreate(messaging)) return;
+    client.reset();
+    connectTask(messaging, weak, true);
 }
 
 bool MqttClient::Impl::askAfterLoss(const Weak& weak, const std::string& cause) {
@@ -438,7 +451,9 @@ void MqttClient::Impl::addJob(Messaging& messaging, Job job) {
         _jobs.push_back(std::move(job));
         if (std::exchange(_jobsRun, true)) return;
     }
-    const bool begun = messaging.inBackground([weak = weak_from_this()] { runJobs(weak); });
+    bool begun = false;
+    logExceptions(
+        log, [&] { begun = messaging.inBackground([weak = weak_from_this()] { runJobs(weak); }); });
     if (!begun && !Connection::libraryHoldsItsLock()) runJobs(weak_from_this());
 }
 
