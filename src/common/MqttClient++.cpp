@@ -91,7 +91,7 @@ struct MqttClient::Impl : ConnectionEvents, std::enable_shared_from_this<MqttCli
     // Connecting
     void create(Messaging& messaging);
     bool recreate(Messaging& messaging);
-    void startConnecting(Messaging& messaging, bool again);
+    void startConnecting(Messaging& messaging);
     static void connectTask(Messaging& messaging, const Weak& weak, bool again);
     std::optional<int> connectOnce(Messaging& messaging, bool again);
     bool hasSession();
@@ -258,11 +258,11 @@ void MqttClient::Connect(std::function<bool(int)> onConnectResult,
                          std::function<bool(std::string)> onConnectionLost) {
     _impl->set(_impl->_connect_callback, std::move(onConnectResult));
     _impl->set(_impl->_connection_lost_callback, std::move(onConnectionLost));
-    _impl->startConnecting(Messaging::instance(), false);
+    _impl->startConnecting(Messaging::instance());
 }
 
-void MqttClient::Impl::startConnecting(Messaging& messaging, bool again) {
-    messaging.inBackground([&messaging, weak = weak_from_this(), again]() mutable {
+void MqttClient::Impl::startConnecting(Messaging& messaging) {
+    messaging.inBackground([&messaging, weak = weak_from_this(), again = false]() mutable {
         untilItEnds(messaging, [&] { connectTask(messaging, weak, std::exchange(again, true)); });
     });
 }
