@@ -120,16 +120,26 @@ void loadOrCreate(std::string& where) {
     }
 }
 
+// Where such a value is missing, a safe one holds, on which the author of the file may rely.
+bool isUnsafe(const std::string& key, const Poco::Dynamic::Var& value) {
+    if (!key.starts_with("openSSL.server.") || !value.isString()) return false;
+    const std::string text = value.toString();
+    return text == tls::kShippedCipherList || text == tls::kShippedCertificateHandler ||
+           text == tls::kShippedPassphrase;
+}
+
 // Copies what `target` lacks; `keys` gets the dotted names.
 void addMissing(Poco::JSON::Object& target, const Poco::JSON::Object& defaults,
                 const std::string& prefix, std::vector<std::string>& keys) {
     for (const auto& [name, value] : defaults) {
-        const Poco::JSON::Object::Ptr group = defaults.getObject(name);
-        if (group && !target.has(name))
-            target.set(name, Poco::JSON::Object::Ptr(new Poco::JSON::Object));
-        if (group && target.isObject(name)) {
-            addMissing(*target.getObject(name), *group, prefix + name + ".", keys);
-        } else if (!target.has(name)) {
+        const bool isMissing = !target.has(name);
+        if (const Poco::JSON::Object::Ptr group = defaults.getObject(name)) {
+            Poco::JSON::Object::Ptr inside = isMissing
+                                                 ? Poco::JSON::Object::Ptr(new Poco::JSON::Object)
+                                                 : target.getObject(name);
+            if (inside) addMissing(*inside, *group, prefix + name + ".", keys);
+            if (isMissing && inside->size() > 0) target.set(name, inside);
+        } else if (isMissing && !isUnsafe(prefix + name, value)) {
             target.set(name, value);
             keys.push_back(prefix + name);
         }

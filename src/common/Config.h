@@ -36,7 +36,9 @@ KEL_API void saveConfig();
 ///     kel::loadConfig();             // replaces them by an older release's file
 ///     kel::addMissingDefaults();
 /// A value that the file has stays, null and values of another type included; arrays count as one
-/// value. After a load that failed it does nothing.
+/// value. After a load that failed it does nothing. The values of initSSLOption() that are not safe
+/// are not added (its cipher list, its passphrase, AcceptCertificateHandler): a file that lacks
+/// them has TLS with the safe values that hold instead.
 /// @return how many values were added; an information line names their keys.
 /// Never throws: a failure is one error line in the log. Threads: the start-up thread.
 KEL_API std::size_t addMissingDefaults();
