@@ -146,15 +146,19 @@ TEST(EdgeHost, EndsCleanlyWithoutABrokerAndShowsNoPasswordOfIt) {
 
 TEST(EdgeHost, MakesItsKeysAtTheFirstStartAndShowsTheLinkOnlyThen) {
     EdgeHost host;
-    // As of a release that knew no keys.
+    // As of a release that knew no keys and few settings.
     host.writeConfig(R"({"http": {"port": 0}, "mqtt": {"address": "tcp://127.0.0.1:1"}})");
-    host.start({}, false);
+    host.start({"--default=alarms.limit=70.5", "--default=http.port=9"}, false);
     ASSERT_TRUE(host.awaitLog("server is up"));
     const std::string first = host.output(), link = "/status#key=";
     ASSERT_NE(std::string::npos, first.find(link)) << first;
     const std::string key = first.substr(first.find(link) + link.size(), 64);
     EXPECT_EQ(std::string::npos, key.find_first_not_of("0123456789abcdef")) << key;
-    EXPECT_NE(std::string::npos, host.config().find("\"key\": \"" + key)) << host.config();
+    const std::vector<std::string> expected = {"\"key\": \"" + key, R"("limit": "70.5")",
+                                               R"("askEveryMs": 1000)", R"("port": 0)"};
+    for (const std::string& setting : expected) {
+        EXPECT_NE(std::string::npos, host.config().find(setting)) << setting << host.config();
+    }
     const std::string asked =
         host.ask("GET /index/api/state", kHost + "Authorization: Bearer " + key + "\r\n");
     EXPECT_EQ("200", asked.substr(9, 3)) << asked;
@@ -265,9 +269,9 @@ TEST(EdgeHost, CountsForPrometheus) {
         }
     }
     for (const char* name :
-         {"edge_host_published_total", "edge_host_readings_total", "kelcommon_http_requests_total",
-          "kelcommon_mqtt_received_total", "kelcommon_log_lines_total",
-          "kelcommon_pool_threads_used", "process_start_time_seconds"})
+         {"edge_host_connected", "edge_host_readings_total", "kelcommon_mqtt_published_total",
+          "kelcommon_http_requests_total", "kelcommon_mqtt_received_total",
+          "kelcommon_log_lines_total", "kelcommon_pool_threads_used", "process_start_time_seconds"})
         EXPECT_EQ(1u, names.count(name)) << name << " in " << reply;
 
     // Prometheus' own check, where there is one (Debian's package "prometheus").

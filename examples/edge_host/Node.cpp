@@ -24,16 +24,20 @@ Node::Node(const Settings& settings)
       _link(std::make_shared<Link>(settings)) {}
 
 void Node::start() {
+    _link->open([weak = weak_from_this()] {
+        if (const auto self = weak.lock()) self->subscribeAll();
+    });
+}
+
+void Node::subscribeAll() {
     handle(_ownTopic + "/requests", 1, &Node::onRequest);
     handle(_ownTopic + "/answers", 2, &Node::onAnswer);
     handle(testTopic(), 1, &Node::onTest);
     subscribe();
-    _link->open();
 }
 
 void Node::stop() {
     _link->close();
-    poco_notice(hostLog(), _link->summary());
     poco_notice(hostLog(),
                 Poco::format("asked %d times, answered %d times; state %s", _asked.load(),
                              _answered.load(), kel::jsonToString(counters())));
@@ -41,7 +45,6 @@ void Node::stop() {
 
 void Node::askPeer() {
     if (!_link->isUp()) return;
-    sayHello();
     Poco::JSON::Object::Ptr request(new Poco::JSON::Object);
     request->set("api", "state");
     request->set("type", "request");
@@ -51,11 +54,13 @@ void Node::askPeer() {
 }
 
 bool Node::send(const Poco::JSON::Object::Ptr& message, const std::string& topic, int qos) {
-    return _link->publish(kel::jsonToString(message), topic, qos);
+    return publish(kel::jsonToString(message), topic, qos);
 }
 
 bool Node::publish(const std::string& text, const std::string& topic, int qos) {
-    return _link->publish(text, topic, qos);
+    if (!_link->client().PublishMessage(text, topic, qos, 0, 0)) return false;
+    _traffic.note(status_page::Traffic::kSent, topic, text.data(), text.size());
+    return true;
 }
 
 Poco::JSON::Object::Ptr Node::description() const {
@@ -73,18 +78,6 @@ Poco::JSON::Object::Ptr Node::connection() const {
     state->set("asked", _asked.load());
     state->set("answered", _answered.load());
     return state;
-}
-
-std::vector<status_page::Metric> Node::metrics() const {
-    std::vector<status_page::Metric> all = _link->metrics();
-    const Poco::JSON::Object::Ptr counted = counters();
-    for (const auto& [name, count] : *counted) {
-        if (!count.isNumeric()) continue;
-        all.push_back({"edge_host_" + name + "_total",
-                       "Counted by the role " + _settings.role + ".", status_page::Metric::kCounter,
-                       count.convert<double>()});
-    }
-    return all;
 }
 
 // A peer may ask for answers on the bus only.

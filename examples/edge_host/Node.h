@@ -6,7 +6,6 @@
 #include <atomic>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "Link.h"
 #include "Settings.h"
@@ -22,10 +21,10 @@ class Node : public status_page::Host, public std::enable_shared_from_this<Node>
 public:
     explicit Node(const Settings& settings);
 
-    /// Subscribes and connects in the background.
+    /// Connects in the background and subscribes after each connect.
     void start();
 
-    /// Disconnects and logs the summary.
+    /// Disconnects and logs what was counted.
     void stop();
 
     /// Asks the peer for its state; without a connection it does nothing.
@@ -34,29 +33,26 @@ public:
     // For the status page. The roles count: counters() is theirs.
     Poco::JSON::Object::Ptr description() const override;
     Poco::JSON::Object::Ptr connection() const override;
-    const status_page::Traffic& traffic() const override { return _link->traffic(); }
-    std::vector<status_page::Metric> metrics() const override;
+    const status_page::Traffic& traffic() const override { return _traffic; }
     bool publish(const std::string& text, const std::string& topic, int qos) override;
 
 protected:
-    /// What the role sends along with each request.
-    virtual void sayHello() {}
-
-    /// Registers the role's own handlers.
+    /// Subscribes to what the role handles, with handle().
     virtual void subscribe() = 0;
 
-    /// Registers `method` of the role; the handler does nothing once the role has gone.
-    template <typename Role, typename Message>
+    /// Has `method` called for the messages on `topic`, as long as the node exists.
+    template <typename Role>
     void handle(const std::string& topic, int qos,
-                void (Role::*method)(Message, const std::string&)) {
-        auto call = [weak = weak_from_this(), method](Message message, const std::string& from) {
-            if (const auto self = weak.lock()) (static_cast<Role&>(*self).*method)(message, from);
-        };
-        if constexpr (std::is_pointer_v<Message>) {
-            _link->onRaw(topic, qos, call);
-        } else {
-            _link->onJson(topic, qos, call);
-        }
+                void (Role::*method)(const Poco::JSON::Object&, const std::string&)) {
+        _link->client().Subscribe(
+            [weak = weak_from_this(), method](const Poco::JSON::Object& message,
+                                              const std::string& from) {
+                const auto self = weak.lock();
+                if (!self) return;
+                self->_traffic.note(status_page::Traffic::kReceived, from, message);
+                (static_cast<Role&>(*self).*method)(message, from);
+            },
+            topic, qos);
     }
 
     bool send(const Poco::JSON::Object::Ptr& message, const std::string& topic, int qos);
@@ -64,9 +60,10 @@ protected:
     const Settings _settings;
 
 private:
+    void subscribeAll();
     void onRequest(const Poco::JSON::Object& request, const std::string& topic);
-    void onTest(const Poco::JSON::Object&, const std::string&) {}
     void onAnswer(const Poco::JSON::Object& answer, const std::string& topic);
+    void onTest(const Poco::JSON::Object&, const std::string&) {}
     bool isBusTopic(const std::string& topic) const;
 
     /// What is published to this topic comes back and does nothing.
@@ -75,6 +72,7 @@ private:
     const std::string _ownTopic;
     const std::string _peerTopic;
     const std::shared_ptr<Link> _link;
+    status_page::Traffic _traffic;
     std::atomic<int> _asked{0};
     std::atomic<int> _answered{0};
 };

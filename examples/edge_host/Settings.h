@@ -1,9 +1,10 @@
 #pragma once
 
+#include <common/MqttOptions.h>
 #include <status_page/PageSettings.h>
 
+#include <map>
 #include <string>
-#include <vector>
 
 namespace edge {
 
@@ -15,15 +16,7 @@ struct Settings {
     std::string clientId = "edge-server";
     std::string username;
     std::string password;
-
-    // With an address "ssl://" or "mqtts://": PEM files; an empty one is not used.
-    std::string authorities;  // who may vouch for the broker; empty: the system's
-    std::string certificate;  // this host's own
-    std::string privateKey;   // empty: in the certificate's file
-    std::string privateKeyPassphrase;
-    bool checkServerName = true;
-
-    std::string hookAuthorities;  // for https URLs of the web hook; empty: the system's
+    kel::MqttOptions mqtt;  // in the file: the names of TLS files, and whether names are checked
 
     // A filter is found anywhere in a topic up to its first "/#": choose stems that occur nowhere
     // else. Bus topics begin with "/kelbus" and are logged message by message.
@@ -34,25 +27,15 @@ struct Settings {
     double alarmLimit = 90;
     int askEvery = 1000;  // milliseconds; 0: never
 
-    status_page::PageSettings page;  // its key and secret are made at the first start
-
-    /// Writes these values into the configuration store, under their keys.
-    void store() const;
-
-    /// The store's values; a key that the store lacks keeps the value it has here.
-    /// @throws Poco::DataFormatException  names the key whose value cannot be used.
-    void load();
-
-    /// All settings, the library's included, that may be shown: no passwords, keys, secrets.
-    static std::vector<std::string> shownKeys();
-
-private:
-    template <typename Self, typename Visitor>
-    static void visit(Self& self, Visitor&& visitor);
+    status_page::PageSettings page;
 };
 
-/// Puts `value` in the place of a default in the store.
-/// @throws Poco::DataFormatException  there is no such setting, or it takes another type.
-void replaceDefault(const std::string& key, const std::string& value);
+/// Loads the configuration file into the library's store, which is empty before, and returns what
+/// it says. Without a file the defaults become the file.
+/// @param role      counts instead of the file's; empty: the file's.
+/// @param defaults  values by dotted keys, instead of the usual defaults.
+/// @throws Poco::DataFormatException  names the key whose value cannot be used.
+/// @throws Poco::FileException  the file cannot be used; the text says where and why.
+Settings loadSettings(const std::string& role, const std::map<std::string, std::string>& defaults);
 
 }  // namespace edge

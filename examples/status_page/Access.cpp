@@ -2,26 +2,16 @@
 
 #include <Poco/Exception.h>
 #include <Poco/Net/IPAddress.h>
-#include <Poco/NumberFormatter.h>
 #include <Poco/String.h>
 #include <Poco/URI.h>
 
 #include <algorithm>
-#include <random>
 #include <utility>
 
 namespace status_page {
 
 using Poco::Net::HTTPResponse;
 using Poco::Net::HTTPServerRequest;
-
-std::string makeKey() {
-    constexpr int kWords = 8;  // of 32 bits
-    std::random_device random;
-    std::string key;
-    for (int word = 0; word < kWords; ++word) key += Poco::NumberFormatter::formatHex(random(), 8);
-    return Poco::toLower(key);
-}
 
 bool isKey(const std::string& given, const std::string& expected) {
     if (expected.empty() || given.size() != expected.size()) return false;

@@ -9,9 +9,6 @@
 
 namespace status_page {
 
-/// A new key: 256 random bits as 64 hexadecimal digits.
-std::string makeKey();
-
 /// Whether both are the same; the time tells nothing about where they differ. Empty is never right.
 bool isKey(const std::string& given, const std::string& expected);
 

@@ -13,6 +13,25 @@ namespace status_page {
 namespace {
 
 const std::string kCovered = "***";
+const std::set<std::string> kLibrarySettings = {"http.apiDebug",
+                                                "rpc.port",
+                                                "hook.enable",
+                                                "hook.timeoutSec",
+                                                "hook.alive_interval",
+                                                "hook.retry",
+                                                "hook.retry_delay",
+                                                "hook.on_server_started",
+                                                "hook.on_server_keepalive",
+                                                "openSSL.client.caConfig",
+                                                "openSSL.server.privateKeyFile",
+                                                "openSSL.server.certificateFile",
+                                                "openSSL.server.caConfig",
+                                                "openSSL.server.verificationMode",
+                                                "openSSL.server.verificationDepth",
+                                                "openSSL.server.loadDefaultCAFile",
+                                                "openSSL.server.cipherList",
+                                                "openSSL.server.extendedVerification",
+                                                "openSSL.server.requireTLSv1"};
 constexpr std::size_t kShortest = 4;  // shorter texts occur in log lines by chance
 
 void replaceAll(std::string& text, const std::string& pattern, const std::string& by) {
@@ -42,7 +61,8 @@ Credentials credentialsIn(const std::string& address) {
 
 }  // namespace
 
-Disclosure::Disclosure(const std::vector<std::string>& shown) : _shown(shown.begin(), shown.end()) {
+Disclosure::Disclosure(const std::vector<std::string>& shown) : _shown(kLibrarySettings) {
+    _shown.insert(shown.begin(), shown.end());
     std::stringstream store;
     kel::configInstance().save(store, 0);
     const auto settings = kel::stringToJson(store.str());

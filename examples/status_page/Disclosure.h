@@ -8,14 +8,15 @@
 
 namespace status_page {
 
-/// What the page may show of the configuration and of the log. Shown are the settings that are on
-/// a list; any other may be a secret, and so is its value wherever it occurs in a log line. Of
-/// addresses neither the user information nor the query is shown.
+/// What the page may show of the configuration and of the log. Shown are the library's settings
+/// that hold no secret, and those of the host that are on a list; any other may be a secret, and
+/// so is its value wherever it occurs in a log line. Of addresses neither the user information nor
+/// the query is shown.
 /// Threads: all operations may be called from any thread.
 class Disclosure {
 public:
     /// Takes a copy of the configuration. Threads: as kel::configInstance().
-    /// @param shown  dotted keys of the settings that are shown.
+    /// @param shown  dotted keys of the host's settings that are shown.
     explicit Disclosure(const std::vector<std::string>& shown);
 
     /// The whole configuration, in which what is not shown reads "***". Empty text stays empty,
@@ -36,7 +37,7 @@ private:
                                         const Poco::JSON::Object& object);
     Poco::JSON::Array::Ptr coverArray(const std::string& key, const Poco::JSON::Array& array);
 
-    const std::set<std::string> _shown;
+    std::set<std::string> _shown;
     std::vector<std::string> _hidden;  // texts that settings() does not show, the longest first
     Poco::JSON::Object::Ptr _settings;
 };

@@ -3,9 +3,7 @@
 #include <Poco/JSON/Object.h>
 
 #include <string>
-#include <vector>
 
-#include "Metrics.h"
 #include "Traffic.h"
 
 namespace status_page {
@@ -16,22 +14,20 @@ class Host {
 public:
     virtual ~Host() = default;
 
-    /// Strings that say which process this is: "name", "version", "role", "clientId" and
-    /// "testTopic", the topic that the page's form proposes.
+    /// Strings that say which process this is: "name" (letters, digits and "_"; the names of its
+    /// numbers at "/metrics" begin with it), "version", "role", "clientId" and "testTopic", the
+    /// topic that the page's form proposes.
     virtual Poco::JSON::Object::Ptr description() const = 0;
 
-    /// The broker connection: "address" (without secrets), "connected", "losses", "accepted" (an
-    /// array by QoS), "confirmed" and "refused".
+    /// The broker connection: "address" (without secrets), "connected" and "losses". What was
+    /// published is known from the library, for all connections of the process.
     virtual Poco::JSON::Object::Ptr connection() const = 0;
 
-    /// Whatever else the process counts: names and numbers.
+    /// Whatever else the process counts: names and numbers that never fall.
     virtual Poco::JSON::Object::Ptr counters() const = 0;
 
     /// What came and went on the bus.
     virtual const Traffic& traffic() const = 0;
-
-    /// The process's numbers for "/metrics"; their names begin with the process's own.
-    virtual std::vector<Metric> metrics() const = 0;
 
     /// Publishes. May wait for the broker, and is called on one thread only, which is not a web
     /// thread; it must return once the connection has been closed.

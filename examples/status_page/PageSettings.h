@@ -6,6 +6,9 @@
 
 namespace status_page {
 
+/// Whether the page may show the value of a setting; that of any other is covered.
+enum Visibility { kShown, kSecret };
+
 /// Where the page is served, and to whom. Where the certificate that the library's settings name
 /// exists (kel::serverCertificateFile()), it is served over TLS, and over nothing else unless
 /// besideTls is set.
@@ -24,7 +27,28 @@ struct PageSettings {
     std::string hostNames;        ///< by which browsers may ask, separated by commas
     std::string scheme = "http";  ///< "https" behind a proxy that speaks TLS
 
-    std::vector<std::string> shownSettings;  ///< see Disclosure
+    /// Dotted keys of the host's settings that are shown; the library's own need not be named.
+    std::vector<std::string> shownSettings;
+
+    /// Makes the key and the secret where there is none, and puts them into the configuration
+    /// store, which the host saves. Threads: as kel::configInstance().
+    /// @return whether it made one.
+    bool makeKeys();
+
+    /// Calls `visitor(key, member, visibility)` for each setting that has a key in the
+    /// configuration, to load or store them all.
+    template <typename Self, typename Visitor>
+    static void visit(Self& self, Visitor&& visitor) {
+        visitor("http.address", self.address, kShown);
+        visitor("http.port", self.port, kShown);
+        visitor("http.sslport", self.tlsPort, kShown);
+        visitor("http.besideTls", self.besideTls, kShown);
+        visitor("http.openToNetwork", self.openToNetwork, kShown);
+        visitor("http.key", self.key, kSecret);
+        visitor("http.hookSecret", self.hookSecret, kSecret);
+        visitor("http.hostNames", self.hostNames, kShown);
+        visitor("http.scheme", self.scheme, kShown);
+    }
 };
 
 }  // namespace status_page

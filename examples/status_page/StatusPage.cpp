@@ -18,6 +18,7 @@
 #include <Poco/StringTokenizer.h>
 #include <common/HttpServer.h>
 #include <common/Logger.h>
+#include <common/Statistics.h>
 #include <common/ThreadPool.h>
 #include <common/Tls.h>
 #include <common/Utils.h>
@@ -390,7 +391,7 @@ void StatusPage::serverStarted(Exchange& exchange) {
 
 void StatusPage::state(const Exchange&, Object& result) {
     result.set("host", hostState());
-    result.set("connection", _host->connection());
+    result.set("connection", connectionState());
     result.set("traffic", _host->traffic().rates());
     result.set("counters", _host->counters());
     result.set("queue", queueState());
@@ -404,6 +405,17 @@ Poco::JSON::Object::Ptr StatusPage::hostState() const {
     Object::Ptr host = _host->description();
     host->set("upSeconds", _started.elapsed() / Poco::Timestamp::resolution());
     return host;
+}
+
+Poco::JSON::Object::Ptr StatusPage::connectionState() const {
+    const kel::MqttStatistics mqtt = kel::statistics().mqtt;
+    Poco::JSON::Array::Ptr accepted(new Poco::JSON::Array);
+    for (const auto count : mqtt.published) accepted->add(count);
+    Object::Ptr state = _host->connection();
+    state->set("accepted", accepted);
+    state->set("confirmed", mqtt.confirmed);
+    state->set("refused", mqtt.refused);
+    return state;
 }
 
 Poco::JSON::Object::Ptr StatusPage::queueState() const {
@@ -446,11 +458,27 @@ void StatusPage::routes(const Exchange&, Object& result) {
 }
 
 void StatusPage::metrics(Exchange& exchange) {
-    std::vector<Metric> all = _host->metrics();
+    std::vector<Metric> all = hostMetrics();
     for (const auto& more : {ownMetrics(), libraryMetrics()}) {
         all.insert(all.end(), more.begin(), more.end());
     }
     send(exchange.response, "text/plain; version=0.0.4; charset=utf-8", prometheusText(all));
+}
+
+std::vector<Metric> StatusPage::hostMetrics() const {
+    const Object::Ptr connection = _host->connection(), counters = _host->counters();
+    const std::string name = _host->description()->getValue<std::string>("name");
+    std::vector<Metric> all{
+        {name + "_connected", "Whether there is a connection to the broker.", Metric::kGauge,
+         connection->getValue<bool>("connected") ? 1.0 : 0.0},
+        {name + "_connection_losses_total", "Connections to the broker that were lost.",
+         Metric::kCounter, connection->getValue<double>("losses")}};
+    for (const auto& [counter, count] : *counters) {
+        if (!count.isNumeric()) continue;
+        all.push_back({name + "_" + counter + "_total", "A counter of the process's own.",
+                       Metric::kCounter, count.convert<double>()});
+    }
+    return all;
 }
 
 std::vector<Metric> StatusPage::ownMetrics() const {

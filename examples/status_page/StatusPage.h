@@ -15,6 +15,7 @@
 #include "Access.h"
 #include "Disclosure.h"
 #include "Host.h"
+#include "Metrics.h"
 #include "PageSettings.h"
 #include "PublishQueue.h"
 
@@ -82,8 +83,10 @@ private:
     void routes(const Exchange& exchange, Object& result);
 
     Object::Ptr hostState() const;
+    Object::Ptr connectionState() const;
     Object::Ptr queueState() const;
     Object::Ptr reports() const;
+    std::vector<Metric> hostMetrics() const;
     std::vector<Metric> ownMetrics() const;
 
     const PageSettings _settings;

@@ -1,7 +1,9 @@
-#include "Server.h"
+#include "Roles.h"
 
 #include <Poco/Format.h>
 #include <Poco/NumberFormatter.h>
+
+#include <sstream>
 
 #include "Log.h"
 
@@ -29,7 +31,6 @@ std::string label(const Poco::JSON::Object& reading) {
 
 void Server::subscribe() {
     handle(_settings.telemetryTopic, 1, &Server::onTelemetry);
-    handle(_settings.busTopic + "/presence", 0, &Server::onPresence);
 }
 
 Poco::JSON::Object::Ptr Server::counters() const {
@@ -37,7 +38,6 @@ Poco::JSON::Object::Ptr Server::counters() const {
     state->set("readings", _readings.load());
     state->set("odd", _odd.load());
     state->set("alarms", _alarms.load());
-    state->set("presences", _presences.load());
     Poco::JSON::Object::Ptr topics(new Poco::JSON::Object);
     const std::lock_guard<std::mutex> lock(_mutex);
     for (const auto& [topic, count] : _byTopic) topics->set(topic, count);
@@ -82,8 +82,27 @@ void Server::raiseAlarm(const std::string& sensor, double value) {
     poco_notice(hostLog(), "raising an alarm for " + quoted(sensor));
 }
 
-void Server::onPresence(const Poco::JSON::Object&, const std::string&) {
-    ++_presences;
+void Microservice::subscribe() {
+    handle(_settings.alarmTopic, 1, &Microservice::onAlarm);
+}
+
+Poco::JSON::Object::Ptr Microservice::counters() const {
+    Poco::JSON::Object::Ptr state(new Poco::JSON::Object);
+    state->set("alarms", _alarms.load());
+    return state;
+}
+
+// Written anew as JSON, in which a line break of a peer's cannot begin a line of the log.
+void Microservice::onAlarm(const Poco::JSON::Object& alarm, const std::string&) {
+    ++_alarms;
+    std::ostringstream text;
+    alarm.stringify(text);
+    poco_warning(hostLog(), "alarm " + text.str());
+}
+
+std::shared_ptr<Node> makeNode(const Settings& settings) {
+    if (settings.role == "server") return std::make_shared<Server>(settings);
+    return std::make_shared<Microservice>(settings);
 }
 
 }  // namespace edge
