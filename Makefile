@@ -22,7 +22,9 @@ help:
 
 demo:
 	@scripts/install-deps base $(if $(TLS),tls)
-	@bash -mc 'KEEP=$(KEEP) TLS=$(TLS) scripts/demo; exit $$?' # -m: Ctrl-C reaches the demo and not make
+	@# In a terminal Ctrl-C is to reach the demo and not make: a job of its own (-m), which takes a terminal.
+	@job=; if (: </dev/tty) 2>/dev/null; then job=-m; fi; \
+	    KEEP=$(KEEP) TLS=$(TLS) bash $$job -c 'scripts/demo; exit $$?'
 
 demo-bridge:
 	@scripts/install-deps

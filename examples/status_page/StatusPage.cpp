@@ -475,8 +475,9 @@ std::vector<Metric> StatusPage::hostMetrics() const {
          Metric::kCounter, connection->getValue<double>("losses")}};
     for (const auto& [counter, count] : *counters) {
         if (!count.isNumeric()) continue;
-        all.push_back({name + "_" + counter + "_total", "A counter of the process's own.",
-                       Metric::kCounter, count.convert<double>()});
+        all.push_back({Poco::format("%s_%s_total", name, counter),
+                       "A counter of the process's own.", Metric::kCounter,
+                       count.convert<double>()});
     }
     return all;
 }
