@@ -9,17 +9,17 @@
 #include "Export.h"
 
 namespace Poco::Net {
-class Context;  // <Poco/Net/Context.h> of POCO's NetSSL; only who looks into one needs it
+class Context;  // who uses one includes <Poco/Net/Context.h>, of POCO's NetSSL
 }
 
 namespace kel {
 
-/// A listening socket that speaks TLS, for WebApiBasic::start() and HttpServer. Key, certificate
-/// and the rest are what makeServerContext() reads; changed files are taken up with the next
-/// connection. Where the changed ones do not load (a renewal that is half done), a line says so
-/// and the previous ones stay in use.
-/// The handshake takes place on the connection's own thread and may take 10 s; one that fails is a
-/// warning in the log with the peer and the reason, and the connection is closed. No TLS below 1.2.
+/// A listening socket that speaks TLS, for WebApiBasic::start() and HttpServer. It uses the
+/// settings of makeServerContext(). Files that have changed are in use from the next connection on;
+/// where they do not load (a renewal that is half done), a line says so and the previous ones stay
+/// in use. The handshake takes place on the connection's own thread and may take 10 s. Where it
+/// fails, a warning in the log names the peer and the reason, and the connection is closed. TLS
+/// below 1.2 is refused.
 /// @param address  to bind; port 0 takes a free one.
 /// @throws Poco::Net::SSLException  a file is missing or unusable; the text names the file.
 /// @throws Poco::InvalidArgumentException  a setting that cannot be used; the text names the key.
@@ -31,13 +31,13 @@ KEL_API Poco::Net::ServerSocket secureServerSocket(const Poco::Net::SocketAddres
 
 /// The settings "openSSL.server.*" of configInstance() as a context of POCO's, with the files as
 /// they are now. ${application.configDir} (with a final separator) and ${application.name} are
-/// filled in where the host has not set these keys. A default that initSSLOption() writes and that
-/// is not safe is used, and named in a warning. Errors as secureServerSocket(). Threads: any.
+/// filled in where the host has not set these keys. The defaults of initSSLOption() that are not
+/// safe are used, and a warning names each. Errors as secureServerSocket(). Threads: any.
 KEL_API Poco::AutoPtr<Poco::Net::Context> makeServerContext();
 
-/// The certificate file that "openSSL.server.*" names, with references filled in; empty if none. As
-/// every configuration file names one from its first start on, whether it exists tells whether
-/// HTTPS is wanted. Also in a library without TLS.
+/// The certificate file that "openSSL.server.*" names, with references filled in; empty if there is
+/// none. Every configuration file names one from its first start on: whether that file exists tells
+/// whether HTTPS is wanted. A library without TLS knows it too.
 /// @throws Poco::InvalidArgumentException  the setting cannot be read; the text names the key.
 /// Threads: any.
 KEL_API std::string serverCertificateFile();

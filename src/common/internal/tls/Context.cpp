@@ -1,8 +1,13 @@
-// Context.cpp - what POCO's Context leaves open, through OpenSSL itself.
+// Context.cpp - makes an empty context of POCO's and fills it through OpenSSL itself.
 //
-// POCO reads key and passphrase through a manager that asks for an application object, ignores a
-// cipher list that does not parse, knows no revocation lists and reports a refused certificate
-// without saying why. So a context is made empty and filled here.
+// POCO would read key and passphrase through a manager that asks for an application object, would
+// ignore a cipher list that does not parse, knows no revocation lists, and reports a refused
+// certificate without saying why.
+//
+//   state               who touches it                       lock
+//   refusal             each thread has its own              none
+//   KnownStores         whoever makes a context              its _mutex
+//   RenewedContext      whoever accepts a connection         its _mutex
 
 #include "Context.h"
 
@@ -51,15 +56,15 @@ struct Free {
 using Bio = std::unique_ptr<BIO, Free<BIO_free>>;
 using Key = std::unique_ptr<EVP_PKEY, Free<EVP_PKEY_free>>;
 
-// Why the last certificate that this thread was shown was refused. Plain memory: it is filled in
-// by a callback that OpenSSL calls, out of which nothing may be thrown.
+// Why the last certificate that a peer showed to this thread was refused. An OpenSSL callback, out
+// of which nothing may be thrown, fills it in: hence it holds nothing that has to be allocated.
 struct Refusal {
     int error = X509_V_OK;
     char subject[160] = "";
 };
 thread_local Refusal refusal;
 
-// POCO's own callback, which asks the handlers, is called for each error on the way.
+// X509_verify_cert() calls POCO's own callback, which asks the handlers, for each error it meets.
 int verifyChain(X509_STORE_CTX* chain, void*) {
     const int verified = X509_verify_cert(chain);
     refusal.error = X509_STORE_CTX_get_error(chain);
@@ -71,7 +76,7 @@ int verifyChain(X509_STORE_CTX* chain, void*) {
     return verified;
 }
 
-// What OpenSSL says of its last failure.
+// What OpenSSL says about its last failure.
 std::string opensslReason() {
     const char* const reason = ERR_reason_error_string(ERR_peek_last_error());
     return reason ? reason : "unknown reason";
@@ -105,7 +110,7 @@ std::string passphraseOf(const Settings& settings) {
     return passphrase;
 }
 
-// What a key file is opened with, and whether it needed it.
+// The passphrase of a key file, and whether OpenSSL has asked for it.
 struct Passphrase {
     std::string text;
     bool asked = false;
@@ -155,7 +160,7 @@ void useKeyAndCertificate(SSL_CTX* context, const Settings& settings) {
     }
 }
 
-// Changes with the content of the files.
+// A text that is another one when any of the files has changed.
 std::string stampOfFiles(const std::vector<std::string>& files) {
     std::string stamp;
     for (const std::string& file : files) {
@@ -194,8 +199,8 @@ void addRevocations(X509_STORE* store, const Settings& settings) {
     }
 }
 
-// Reading the system's authorities takes 20 ms, ten times as long as a handshake: what is read is
-// kept for as long as the files stay as they are, a few kinds of it at most.
+// Reading the system's authorities takes ten times as long as a handshake. What has been read is
+// therefore kept until the files change: at most kMost stores at a time.
 class KnownStores {
 public:
     std::shared_ptr<X509_STORE> storeFor(const Settings& settings) {
@@ -236,7 +241,7 @@ void useAuthorities(SSL_CTX* context, const Settings& settings) {
     if (!settings.revocationFile.empty()) {
         X509_VERIFY_PARAM_set_flags(SSL_CTX_get0_param(context), X509_V_FLAG_CRL_CHECK);
     }
-    // Which authorities a client's certificate may come from is told to the client.
+    // A server tells its clients from which authorities their certificates may come.
     if (settings.server && fs::is_regular_file(settings.authorities)) {
         SSL_CTX_set_client_CA_list(context, SSL_load_client_CA_file(settings.authorities.c_str()));
     }
@@ -253,7 +258,7 @@ void useProtocols(SSL_CTX* context, const Settings& settings) {
     }
 }
 
-// An IP address stands in a certificate as such, not as a name.
+// A certificate lists IP addresses apart from names, and OpenSSL compares each with its own list.
 void expectServer(SSL_CTX* context, const std::string& name) {
     X509_VERIFY_PARAM* const expected = SSL_CTX_get0_param(context);
     Poco::Net::IPAddress address;
@@ -280,7 +285,7 @@ Context::InvalidCertificateHandlerPtr certificateHandler(const Settings& setting
     return handlers.getFactory(settings.certificateHandler)->create(settings.server);
 }
 
-// POCO up to 1.14 takes a group of 1024 bits unless told otherwise.
+// POCO up to 1.14 uses a Diffie-Hellman group of 1024 bits, which is too small, unless told not to.
 template <typename Params>
 void askForLargeGroup(Params& params) {
     if constexpr (requires { params.dhUse2048Bits; }) params.dhUse2048Bits = true;
@@ -306,14 +311,14 @@ void useSessions(Context& context, const Settings& settings) {
     }
     if (settings.sessionTimeout) context.setSessionTimeout(*settings.sessionTimeout);
 #ifdef SSL_OP_IGNORE_UNEXPECTED_EOF
-    // Most clients close an idle connection without a last record.
+    // Most clients close an idle connection without TLS's closing record, which is no error.
     SSL_CTX_set_options(context.sslContext(), SSL_OP_IGNORE_UNEXPECTED_EOF);
 #endif
 }
 
 constexpr const char* kClosed = "the connection was closed in the handshake";
 
-// The words for a peer that speaks something else, where OpenSSL's own do not help.
+// OpenSSL's reason, in plainer words where its own do not help.
 std::string plainWords(const std::string& reason) {
     if (reason == "unexpected eof while reading") return kClosed;
     if (reason == "http request") return "plain HTTP instead of TLS";
@@ -355,7 +360,7 @@ std::string failureReason(const Poco::Exception& exc) {
     if (dynamic_cast<const Poco::Net::SSLConnectionUnexpectedlyClosedException*>(&exc)) {
         return kClosed;
     }
-    // POCO's text is OpenSSL's: "error:<number>:<library>::<reason>".
+    // POCO hands on OpenSSL's text: "error:<number>:<library>::<reason>".
     const std::string text = exc.message();
     if (text.compare(0, 6, "error:") != 0) return exc.displayText();
     return plainWords(text.substr(text.rfind(':') + 1));

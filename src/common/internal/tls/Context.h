@@ -10,28 +10,28 @@
 
 namespace kel::tls {
 
-/// A context of POCO's, with what POCO leaves open: TLS 1.2 at least, revocation lists, passphrases
-/// from the settings, one clear reason for everything that does not load.
-/// @param serverName  whom a client's context expects; empty for a server's.
+/// A context of POCO's with what POCO does not offer: TLS 1.2 at least, revocation lists,
+/// passphrases from the settings, and one clear reason for everything that does not load.
+/// @param serverName  the server that a client's context expects; empty for a server's context.
 /// @throws Poco::Net::SSLException  a file is missing or unusable; the text names it.
 /// @throws Poco::InvalidArgumentException  a setting cannot be used; the text names its key.
 Poco::Net::Context::Ptr makeContext(const Settings& settings, const std::string& serverName = "");
 
-/// Forgets what earlier handshakes on this thread left behind. OpenSSL reads its errors from a
-/// queue of the thread's, and POCO leaves some of them there.
+/// Forgets what earlier handshakes on this thread left behind. OpenSSL keeps a queue of errors for
+/// each thread, POCO leaves some of them there, and the next failure would be explained by them.
 void beginTls() noexcept;
 
-/// Why what `exc` came from failed, in words. On the thread that met it.
+/// The reason of the failure that threw `exc`, in words. To be called on the thread that caught it.
 std::string failureReason(const Poco::Exception& exc);
 
-/// A server's context for as long as its files stay as they are. Threads: any.
+/// A server's context, which is made anew when its files have changed. Threads: any.
 class RenewedContext {
 public:
     /// Throws as makeContext().
     explicit RenewedContext(Settings settings);
 
-    /// The context of the files as they are now; the previous one where they do not load, which is
-    /// logged once.
+    /// The context of the files as they are now. Where they do not load, which is logged once, it
+    /// is the previous one.
     Poco::Net::Context::Ptr current();
 
 private:

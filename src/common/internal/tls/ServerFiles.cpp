@@ -1,4 +1,4 @@
-// ServerFiles.cpp - which files the settings name; the same in a library without TLS.
+// ServerFiles.cpp - which files the settings name. A library without TLS has this part too.
 
 #include "ServerFiles.h"
 
@@ -14,7 +14,8 @@ namespace kel {
 
 namespace {
 
-// The two references that the defaults contain have a meaning also where the host gives none.
+// The defaults contain two references. They have a value also where the host has not set these
+// keys.
 std::string expanded(std::string value) {
     const auto fillIn = [&value](const std::string& key, const std::string& meaning) {
         if (!configStore().has(key)) Poco::replaceInPlace(value, "${" + key + "}", meaning);

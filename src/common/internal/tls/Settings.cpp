@@ -18,7 +18,7 @@ namespace {
 
 constexpr UnitLog log("src/common/Tls");
 
-// Reads the keys below one prefix. What is wrong with a value is told with the key.
+// Reads the keys below one prefix. The error about a wrong value names the key.
 class Reader {
     template <typename Read>
     auto naming(const std::string& name, Read&& read) const {
@@ -70,7 +70,7 @@ Context::VerificationMode verificationMode(const Reader& read, const std::string
     }
 }
 
-// A service has nobody at its console who could be asked.
+// Handlers that ask a person are refused, because nobody sits at the console of a service.
 std::string handler(const Reader& read, const std::string& key, const std::string& otherwise) {
     std::string name = read.text(key, otherwise);
     if (name == "KeyConsoleHandler" || name == "ConsoleCertificateHandler") {

@@ -9,22 +9,23 @@
 
 namespace kel::tls {
 
-/// What a context is made of. Paths and names are expanded; empty ones stand for "none".
+/// What a context is made of. References in paths and names are filled in already; an empty text
+/// stands for "none".
 struct Settings {
     bool server = false;
     std::string origin;  // prefix of the keys it was read from, for messages
 
     std::string keyFile;
     std::string certificateFile;  // with its chain
-    std::string passphrase;       // what a handler registered with POCO says comes before it
     std::string passphraseHandler;
+    std::string passphrase;   // for KeyFileHandler; any other handler supplies its own
     std::string authorities;  // file or folder
     bool systemAuthorities = false;
     std::string revocationFile;
 
     Poco::Net::Context::VerificationMode verification = Poco::Net::Context::VERIFY_STRICT;
     int verificationDepth = 9;
-    bool checkName = true;  // of a server
+    bool checkName = true;  // of the server, by a client
     bool verifyClientName = false;
     std::string certificateHandler;
 
@@ -48,15 +49,15 @@ struct Settings {
 /// @throws Poco::InvalidArgumentException  a value that cannot be used; the text names the key.
 Settings serverSettings();
 
-/// "openSSL.client.*", all of them optional. Unlike POCO's manager: the server's name is checked
-/// unless "extendedVerification" is false, and the system's authorities are trusted beside those of
-/// "caConfig" only where "loadDefaultCAFile" says so.
+/// "openSSL.client.*", all of them optional. They differ from POCO's manager in two points: the
+/// server's name is checked unless "extendedVerification" is false, and the system's authorities
+/// are trusted beside those of "caConfig" only where "loadDefaultCAFile" says so. Errors as above.
 Settings clientSettings();
 
-/// An MQTT connection's.
+/// The settings of an MQTT connection.
 Settings mqttSettings(const MqttSecurity& security);
 
-/// A warning for each setting that is used and is not safe.
+/// Logs a warning for each setting that is used and is not safe.
 void warnOfUnsafe(const Settings& settings);
 
 }  // namespace kel::tls

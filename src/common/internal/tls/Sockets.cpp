@@ -37,7 +37,8 @@ Connection::Connection(Plain plain, Context::Ptr context, std::string peer)
       _plain(std::move(plain)),
       _peer(std::move(peer)) {}
 
-// Closing says good-bye to the peer. It must not wait for one that takes nothing.
+// POCO's destructor closes, which sends TLS's closing record. It must not wait for a peer that
+// reads nothing.
 Connection::~Connection() {
     if (_plain->initialized()) logExceptions(log, [&] { _plain->setBlocking(false); });
 }
@@ -84,7 +85,8 @@ void Connection::shakeHands() {
     }
 }
 
-// POCO would give each read of a handshake the whole time, so that a peer could make it last.
+// POCO would give the whole time to each read of a handshake, so that a slow peer could make it
+// last without end.
 void Connection::shakeHandsUntil(Clock::time_point deadline) {
     for (int done = completeHandshake(); done != 1; done = completeHandshake()) {
         if (done == 0) throw Poco::Net::SSLConnectionUnexpectedlyClosedException();
@@ -97,12 +99,12 @@ void Connection::shakeHandsUntil(Clock::time_point deadline) {
 ClientConnection::ClientConnection(Context::Ptr context, const std::string& host)
     : Connection(Plain(new StreamSocketImpl), std::move(context), host) {
     setLazyHandshake(true);
-    // The server is told the name that it is meant by; an address is none.
+    // The server is told by which name it is asked; an address must not be told as a name.
     Poco::Net::IPAddress address;
     if (!Poco::Net::IPAddress::tryParse(host, address)) setPeerHostName(host);
 }
 
-// POCO up to 1.14 waits for twice the time-out.
+// POCO up to 1.14 would wait twice as long as the time-out says.
 int ClientConnection::receiveBytes(void* buffer, int length, int flags) {
     shakeHandsOnce();
     const Timespan timeout = getReceiveTimeout();

@@ -12,32 +12,33 @@
 
 namespace kel::tls {
 
-/// One end of a TLS connection: POCO's, but for what it gets wrong in the releases in use. The
-/// first read or write makes the handshake. Used by one thread at a time; shutdown() by any once it
-/// is connected.
+/// One end of a TLS connection: POCO's class, and what it does wrong in the releases in use done
+/// right. The first read or write makes the handshake.
+/// Threads: one at a time; shutdown() may be called by any thread once it is connected.
 class Connection : public Poco::Net::SecureStreamSocketImpl {
 public:
-    /// Also when the last record held more than was asked for, which the system knows nothing of.
+    /// True also while OpenSSL keeps bytes that it has decrypted and nobody has read yet, of which
+    /// the system knows nothing.
     bool poll(const Poco::Timespan& timeout, int mode) override;
 
-    /// Cuts the connection off at once, while another thread uses it: nothing but the TCP
-    /// connection is touched. (Closing says good-bye to the peer.)
-    // void up to POCO 1.14, int from then on.
+    /// Cuts the connection off at once, also while another thread uses it, because it touches
+    /// nothing but the TCP connection. (close() also sends TLS's closing record.)
+    // POCO's operation returns void up to 1.14, and int from then on.
     auto shutdown() -> decltype(std::declval<Poco::Net::StreamSocketImpl&>().shutdown()) override;
 
     void close() override;
     int receiveBytes(void* buffer, int length, int flags = 0) override;
     int sendBytes(const void* buffer, int length, int flags = 0) override;
 
-    /// Completes the handshake within handshakeTime(), unless that is done.
-    /// @throws Poco::Net::SSLException  the reason in words. Not a time-out, which callers that
-    ///         wait in slices would take for the end of one.
+    /// Makes the handshake within handshakeTime(), unless it has been made.
+    /// @throws Poco::Net::SSLException  with the reason in words, also where the time is up: a
+    ///         caller that waits in slices would take a Poco::TimeoutException for the end of one.
     void shakeHandsOnce();
 
 protected:
     using Plain = Poco::AutoPtr<Poco::Net::StreamSocketImpl>;
 
-    /// @param peer  its name, for messages.
+    /// @param peer  the peer's name, for messages.
     Connection(Plain plain, Poco::Net::Context::Ptr context, std::string peer);
     ~Connection() override;
 
@@ -51,7 +52,7 @@ private:
     bool _ready = false;
 };
 
-/// A client's.
+/// The client's end.
 class ClientConnection : public Connection {
 public:
     ClientConnection(Poco::Net::Context::Ptr context, const std::string& host);
@@ -59,7 +60,7 @@ public:
     int receiveBytes(void* buffer, int length, int flags = 0) override;
 };
 
-/// A server's.
+/// The server's end.
 class ServedConnection : public Connection {
 public:
     ServedConnection(Plain plain, Poco::Net::Context::Ptr context, std::string peer);
@@ -68,7 +69,7 @@ protected:
     void shakeHands() override;
 };
 
-/// Listens; accepts without waiting for the handshake.
+/// A listening socket that accepts connections without waiting for their handshakes.
 class SecureServerSocketImpl : public Poco::Net::ServerSocketImpl {
 public:
     explicit SecureServerSocketImpl(std::shared_ptr<RenewedContext> context);

@@ -6,18 +6,19 @@
 #include <chrono>
 #include <string>
 
-// The library's door to TLS, beside the public one (../../Tls.h). Tls_openssl.cpp implements both,
-// Tls_none.cpp does where the library is built without; CMake compiles one of them.
+// What the library itself uses of TLS, beside the public header (../../Tls.h). Both are implemented
+// by Tls_openssl.cpp, and by Tls_none.cpp for a library without TLS; CMake compiles one of the two.
 namespace kel::tls {
 
 /// Whether the library was built with TLS.
 bool available() noexcept;
 
-/// Prepares OpenSSL for this library. To be called before anything that may use it, the MQTT
-/// library included. Repeatable. Without TLS it does nothing.
+/// Prepares OpenSSL for this library. To be called before anything uses OpenSSL, the MQTT library
+/// included. Repeatable. Without TLS it does nothing.
 void prepare();
 
-/// The longest that a handshake may take, however slowly the peer sends: 10 s, which tests shorten.
+/// The longest time that a handshake may take, however slowly the peer sends: 10 s. Tests shorten
+/// it.
 std::atomic<std::chrono::milliseconds>& handshakeTime();
 
 /// A socket for one HTTPS connection to `host`, not connected yet. Its first read or write, or
@@ -28,7 +29,7 @@ std::atomic<std::chrono::milliseconds>& handshakeTime();
 /// Without TLS: @throws Poco::UnknownURISchemeException.
 Poco::Net::StreamSocket clientSocket(const std::string& host);
 
-/// Makes the handshake of such a socket, once it is connected. Does nothing to any other socket.
+/// Makes the handshake of a connected socket that clientSocket() has made. Does nothing to another.
 /// @throws Poco::Net::SSLException  with the reason in words.
 void shakeHands(const Poco::Net::StreamSocket& socket);
 
@@ -41,10 +42,10 @@ struct MqttSecurity {
     bool checkServerName = true;
 };
 
-/// Why a connection to the broker fails, in words, and naming the file where one is at fault: makes
-/// one with the same settings and ends it. The MQTT library itself only says that it failed. Takes
-/// 10 s and a little at the longest.
-/// @return empty if nothing is wrong any more.
+/// Finds out why a connection to the broker fails, since the MQTT library only says that it does:
+/// makes one with the same settings and ends it. Takes little more than 10 s at the longest.
+/// @return the reason in words, with the file's name where a file is at fault; empty if nothing is
+///         wrong any more.
 std::string explainFailure(const MqttSecurity& security, const std::string& host,
                            unsigned short port);
 

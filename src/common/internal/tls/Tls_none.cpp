@@ -1,4 +1,4 @@
-// Tls_none.cpp - a library without TLS: every use of it is refused.
+// Tls_none.cpp - stands for TLS in a library that is built without it, and refuses every use.
 
 #include <Poco/Exception.h>
 #include <Poco/RefCountedObject.h>
@@ -6,7 +6,8 @@
 #include "../../Tls.h"
 #include "Tls.h"
 
-// Stands in for POCO's, so that a pointer to none can be spelled out.
+// Completes the type that the public header only declares: Poco::AutoPtr, even an empty one, needs
+// a complete type. POCO's NetSSL, which has the real one, is not used here.
 namespace Poco::Net {
 class Context : public RefCountedObject {};
 }  // namespace Poco::Net

@@ -39,7 +39,7 @@ struct Announced {
     std::optional<tls::Settings> settings;  // guarded by mutex
 };
 
-// Those of the client are read for each request: only changed ones are warned of.
+// The client's settings are read for each request; the warnings are repeated only when they change.
 tls::Settings announcedClientSettings() {
     static NeverDestroyed<Announced> announced;
     tls::Settings settings = tls::clientSettings();
@@ -70,7 +70,7 @@ namespace tls {
 
 namespace {
 
-// The first of the host's addresses that accepts.
+// A connection to the first of the host's addresses that accepts one.
 Poco::Net::StreamSocket connectedTo(const Poco::Net::Context::Ptr& context, const std::string& host,
                                     unsigned short port) {
     const auto addresses = addressesOfHost(host);
@@ -89,8 +89,8 @@ Poco::Net::StreamSocket connectedTo(const Poco::Net::Context::Ptr& context, cons
 }
 
 // Threads of this library and of the MQTT library may still be speaking TLS when OpenSSL's own
-// clean-up runs at exit; it must not take the ground from under them. This has to be said before
-// anybody in the process uses OpenSSL, hence when the library is loaded.
+// clean-up runs at exit, which would free what they use. It has to be switched off before anybody
+// in the process uses OpenSSL, hence when the library is loaded.
 [[maybe_unused]] const int withoutCleanUp = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 
 }  // namespace
@@ -99,8 +99,8 @@ bool available() noexcept {
     return true;
 }
 
-// POCO's counterpart is never called: with the last context it would take OpenSSL's providers away
-// from everybody else in the process.
+// Poco::Net::uninitializeSSL() is never called, because it would unload OpenSSL's providers, which
+// others in the process may be using.
 void prepare() {
     static std::once_flag once;
     std::call_once(once, [] { Poco::Net::initializeSSL(); });
@@ -129,12 +129,12 @@ std::string explainFailure(const MqttSecurity& security, const std::string& host
     try {
         const Poco::Net::Context::Ptr context = makeContext(mqttSettings(security), host);
         Poco::Net::StreamSocket probe = connectedTo(context, host, port);
-        // From TLS 1.3 on a broker that refuses the client's certificate says so after that.
+        // From TLS 1.3 on a broker refuses a client's certificate only after the handshake.
         probe.setReceiveTimeout(Poco::Timespan(1, 0));
         char byte = 0;
         probe.receiveBytes(&byte, 1);
     } catch (const Poco::TimeoutException& exc) {
-        return exc.message();  // empty: the broker waits for what MQTT begins with
+        return exc.message();  // empty: the broker waits for MQTT's first packet
     } catch (const Poco::Exception& exc) {
         return failureReason(exc);
     }
