@@ -8,13 +8,13 @@
 
 namespace edge {
 
-/// The process's logger, looked up anew for each line; log with POCO's macros, which add file and
-/// line: poco_information(hostLog(), "text").
+/// The process's logger. Look it up anew for each line, and log with POCO's macros, which add file
+/// and line: poco_information(hostLog(), "text").
 inline Poco::Logger& hostLog() {
     return Poco::Logger::get(kel::logName());
 }
 
-/// Text that came over the network, quoted and escaped so that it cannot forge lines or colours.
+/// Text that came over the network, quoted and escaped, so that it cannot forge lines or colours.
 inline std::string quoted(const std::string& text) {
     return Poco::toJSON(text);
 }

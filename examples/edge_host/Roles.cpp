@@ -11,7 +11,8 @@ namespace edge {
 
 namespace {
 
-// The plant may send to any number of topics of any length; those counted one by one are bounded.
+// The plant may send to any number of topics of any length, and the table that counts the readings
+// by topic must not grow without bound.
 constexpr std::size_t kTopics = 100;
 constexpr std::size_t kTopicLength = 200;
 
@@ -51,7 +52,7 @@ void Server::countTopic(const std::string& topic) {
     if (_byTopic.size() < kTopics || _byTopic.count(topic) > 0) ++_byTopic[topic];
 }
 
-// Anything may come from the plant as long as it is a JSON object.
+// The library hands on only JSON objects; whatever is in them may be missing or of any type.
 void Server::onTelemetry(const Poco::JSON::Object& reading, const std::string& topic) {
     countTopic(topic);
     const Poco::Dynamic::Var sensor = reading.get("sensor");

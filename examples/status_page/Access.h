@@ -9,15 +9,16 @@
 
 namespace status_page {
 
-/// Whether both are the same; the time tells nothing about where they differ. Empty is never right.
+/// Whether `given` is the expected key. How long it takes does not tell where the two differ. An
+/// empty key is never the right one.
 bool isKey(const std::string& given, const std::string& expected);
 
-/// Who may ask. Two questions, because the key alone does not keep out a page elsewhere that a
-/// user's browser runs, nor the checks of the browser's own headers a program:
-///  - where a request comes from: its "Host" is an address, "localhost" or a configured name, since
-///    any other name can be made to point here; "Origin" and "Sec-Fetch-Site", which browsers send
-///    and scripts cannot change, do not tell of another site;
-///  - whether it knows the key: "Authorization: Bearer <key>".
+/// Decides who may ask. There are two checks, because a page of another site that runs in a user's
+/// browser is not kept out by the key alone, and a program is not kept out by the first check:
+///  - where the request comes from. Its "Host" has to be an address, "localhost" or a configured
+///    name, since anybody can make another name point here. "Origin" and "Sec-Fetch-Site", which
+///    browsers send and scripts cannot change, must not name another site;
+///  - whether it has the key: "Authorization: Bearer <key>".
 /// Threads: any.
 class Access {
 public:
@@ -31,12 +32,12 @@ public:
     ///                     "https" behind a proxy that speaks TLS.
     Access(std::string key, std::vector<std::string> hostNames, std::string plainScheme);
 
-    /// Nothing if the request may come from where it does.
-    /// @param page  it is for the page itself, to which a link on another site may lead.
+    /// Why the request may not come from where it does; nothing if it may.
+    /// @param page  whether it asks for the page itself, to which links on other sites may lead.
     std::optional<Refusal> checkSource(const Poco::Net::HTTPServerRequest& request,
                                        bool page) const;
 
-    /// Nothing if it has the key.
+    /// Why the request is refused that lacks the key; nothing if it has the key.
     std::optional<Refusal> checkKey(const Poco::Net::HTTPServerRequest& request) const;
 
 private:

@@ -67,12 +67,13 @@ Disclosure::Disclosure(const std::vector<std::string>& shown) : _shown(kLibraryS
     kel::configInstance().save(store, 0);
     const auto settings = kel::stringToJson(store.str());
     _settings = coverObject("", settings ? *settings : Poco::JSON::Object());
-    // A short text may be part of a longer one, of which no rest may stay.
+    // The longest first: where a shorter text is part of a longer one, replacing it first would
+    // leave the rest of the longer one readable.
     std::sort(_hidden.begin(), _hidden.end(),
               [](const auto& one, const auto& other) { return one.size() > other.size(); });
 }
 
-// A line may hold more than one address, and more text behind each.
+// A line may hold several addresses, with other text behind each of them.
 std::string Disclosure::line(std::string line) const {
     for (const std::string& text : _hidden) Poco::replaceInPlace(line, text, kCovered);
     if (line.find("://") == std::string::npos) return line;
@@ -92,7 +93,8 @@ void Disclosure::hide(const std::string& text) {
     if (text.size() >= kShortest) _hidden.push_back(text);
 }
 
-// Also their parts: somebody may log an address in another form than it has in the configuration.
+// The parts are hidden one by one too, since a line may have the address in another form than the
+// configuration.
 void Disclosure::hideCredentials(const std::string& address) {
     const Credentials found = credentialsIn(address);
     hide(found.user);

@@ -8,7 +8,7 @@
 
 namespace status_page {
 
-/// What the page shows and what it can do: the one thing that a process implements to have it.
+/// What a process implements to have a status page: what the page shows, and what it can do.
 /// Threads: all operations are called from any thread, several at a time.
 class Host {
 public:
@@ -26,7 +26,7 @@ public:
     /// Whatever else the process counts: names and numbers that never fall.
     virtual Poco::JSON::Object::Ptr counters() const = 0;
 
-    /// What came and went on the bus.
+    /// The messages that came and went on the bus.
     virtual const Traffic& traffic() const = 0;
 
     /// Publishes. May wait for the broker, and is called on one thread only, which is not a web

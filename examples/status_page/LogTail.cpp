@@ -51,7 +51,7 @@ std::vector<std::string> logTail(std::size_t count) {
         const auto shown = static_cast<std::ptrdiff_t>(std::min(count, lines.count()));
         return {lines.end() - shown, lines.end()};
     } catch (const Poco::Exception&) {
-        return {};  // no folder, no log: there is nothing to show
+        return {};  // without a folder or a log there is nothing to show
     }
 }
 

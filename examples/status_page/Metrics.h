@@ -24,7 +24,8 @@ std::string prometheusText(const std::vector<Metric>& metrics);
 /// `{name="value",...}`; "" without labels.
 std::string labelsText(const Metric::Labels& labels);
 
-/// What the library counts in this process. The only place to add to.
+/// What the library counts in this process. Whatever it counts in future is added here, and is then
+/// on the page and at "/metrics".
 std::vector<Metric> libraryMetrics();
 
 }  // namespace status_page

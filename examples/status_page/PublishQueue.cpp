@@ -9,7 +9,9 @@
 namespace status_page {
 
 PublishQueue::PublishQueue(std::function<bool(const Message&)> publish)
-    : _publish(std::move(publish)), _thread([this] { run(); }) {}
+    : _publish(std::move(publish)) {
+    _thread = std::thread([this] { run(); });
+}
 
 PublishQueue::~PublishQueue() {
     stop();

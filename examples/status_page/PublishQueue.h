@@ -61,7 +61,7 @@ private:
     Clock::time_point _begun;  // of the publish in progress
     unsigned _refused = 0;
 
-    std::thread _thread;  // last: it uses all the others
+    std::thread _thread;
 };
 
 }  // namespace status_page

@@ -1,9 +1,13 @@
 // StatusPage.cpp - requests run on threads of the web server, several at a time, and may go on
-// after stop(): every handler holds the page weakly and sends nothing once it is destroyed. No
-// handler waits for the broker: what is to be published is put into a queue.
+// after stop(). Every handler therefore holds the page weakly, and sends nothing once the page is
+// destroyed. No handler waits for the broker: messages are put into a queue.
 //
-// What a request has to show stands in one place, whyRefused(). It is asked before the body is
-// read, so that whoever has no key cannot have one parsed.
+// All checks of a request stand in one place, whyRefused(). They are made before the body is read,
+// so that nobody without the key can have a body parsed.
+//
+//   state                          who touches it                        lock
+//   _routes, _host, _queue         written by start(), then only read    none
+//   _reportCount, _reports         every request                         _mutex
 
 #include "StatusPage.h"
 
@@ -49,7 +53,7 @@ constexpr std::streamsize kLongestBody = 256 * 1024;
 
 // --- Listening ---------------------------------------------------------------------------------
 
-// Whoever listens in on a network would learn the key.
+// Without TLS, whoever listens in on the network would learn the key.
 void expectPrivate(const SocketAddress& address, bool openToNetwork) {
     if (address.host().isLoopback() || openToNetwork) return;
     throw Poco::InvalidAccessException(
@@ -59,7 +63,8 @@ void expectPrivate(const SocketAddress& address, bool openToNetwork) {
                      address.host().toString(), kel::serverCertificateFile()));
 }
 
-// The library's defaults name a certificate that most machines do not have.
+// The library's defaults name a certificate that most machines do not have, so the name alone does
+// not tell that TLS is wanted.
 bool hasCertificate() {
     const std::string file = kel::serverCertificateFile();
     return !file.empty() && Poco::File(file).exists();
@@ -110,7 +115,8 @@ void refuse(HTTPServerResponse& response, HTTPResponse::HTTPStatus status,
     answer(response, status, -1, reason);
 }
 
-// No answer of this host is kept, framed, or taken for something else by a browser.
+// Tells browsers to keep no reply of this host, to show none inside of other pages, and to take
+// none for another type than it has.
 void setProtection(HTTPServerResponse& response) {
     response.set("Cache-Control", "no-store");
     response.set("Cross-Origin-Opener-Policy", "same-origin");
@@ -189,7 +195,7 @@ Object::Ptr serverState(const kel::HttpStatistics& server) {
     return state;
 }
 
-// The same as "/metrics" has of the library, for the page.
+// What "/metrics" tells about the library, for the page.
 Poco::JSON::Array::Ptr libraryState() {
     Poco::JSON::Array::Ptr state(new Poco::JSON::Array);
     for (const Metric& metric : libraryMetrics()) {
@@ -264,40 +270,40 @@ void StatusPage::registerPage() {
     for (std::size_t i = 0; i < kPageFileCount; ++i) {
         const PageFile& file = kPageFiles[i];
         const bool isPage = i == 0;
-        add(isPage ? "/status" : std::string("/status/") + file.name, "GET",
-            isPage ? "the status page" : "part of the status page", Open::kPage,
-            [&file](StatusPage&, Exchange& exchange) {
-                exchange.response.setContentType(typeOf(file.name));
-                exchange.response.sendBuffer(file.bytes, file.size);
-            });
+        addRoute(isPage ? "/status" : std::string("/status/") + file.name, "GET",
+                 isPage ? "the status page" : "part of the status page", Open::kPage,
+                 [&file](StatusPage&, Exchange& exchange) {
+                     exchange.response.setContentType(typeOf(file.name));
+                     exchange.response.sendBuffer(file.bytes, file.size);
+                 });
     }
 }
 
 void StatusPage::registerRoutes() {
-    list(kApi + "alive", "GET", "says that the host answers");
+    addToList(kApi + "alive", "GET", "says that the host answers");
     _api->apiRegist(kApi + "alive");
-    view(kApi + "state", "host, connection, deliveries, rates, queue, pool, server, reports",
-         &StatusPage::state);
-    view(kApi + "messages", "the last messages; ?limit=20", &StatusPage::messages);
-    view(kApi + "settings", "the configuration without its secrets", &StatusPage::settings);
-    view(kApi + "log", "the log's last lines; ?lines=40", &StatusPage::log);
-    add("/metrics", "GET", "the numbers for Prometheus", Open::kWithKey, &StatusPage::metrics);
-    add(kApi + "publish", "POST", R"({"topic": "...", "message": {...}, "qos": 1})", Open::kWithKey,
-        &StatusPage::publish);
-    add(kApi + "on_server_started", "GET",
-        "takes the report of another process's web hook; ?secret=<http.hookSecret>", Open::kToHooks,
-        &StatusPage::serverStarted);
+    addView(kApi + "state", "host, connection, deliveries, rates, queue, pool, server, reports",
+            &StatusPage::state);
+    addView(kApi + "messages", "the last messages; ?limit=20", &StatusPage::messages);
+    addView(kApi + "settings", "the configuration without its secrets", &StatusPage::settings);
+    addView(kApi + "log", "the log's last lines; ?lines=40", &StatusPage::log);
+    addRoute("/metrics", "GET", "the numbers for Prometheus", Open::kWithKey, &StatusPage::metrics);
+    addRoute(kApi + "publish", "POST", R"({"topic": "...", "message": {...}, "qos": 1})",
+             Open::kWithKey, &StatusPage::publish);
+    addRoute(kApi + "on_server_started", "GET",
+             "takes the report of another process's web hook; ?secret=<http.hookSecret>",
+             Open::kToHooks, &StatusPage::serverStarted);
 }
 
-// start() puts empty routes in these two places.
+// WebApiBasic::start() has registered routes of its own at these two paths, which send nothing.
 void StatusPage::replaceBuiltIns() {
-    add("/", "GET", "leads to the status page", Open::kPage,
-        [](StatusPage&, Exchange& exchange) { exchange.response.redirect("/status"); });
-    view(kApi + "getApiList", "this list", &StatusPage::routes);
+    addRoute("/", "GET", "leads to the status page", Open::kPage,
+             [](StatusPage&, Exchange& exchange) { exchange.response.redirect("/status"); });
+    addView(kApi + "getApiList", "this list", &StatusPage::routes);
 }
 
-void StatusPage::view(const std::string& path, const std::string& what, View fill) {
-    add(path, "GET", what, Open::kWithKey, [fill](StatusPage& page, Exchange& exchange) {
+void StatusPage::addView(const std::string& path, const std::string& what, View fill) {
+    addRoute(path, "GET", what, Open::kWithKey, [fill](StatusPage& page, Exchange& exchange) {
         Object result;
         result.set("code", 0);
         (page.*fill)(exchange, result);
@@ -305,7 +311,8 @@ void StatusPage::view(const std::string& path, const std::string& what, View fil
     });
 }
 
-void StatusPage::list(const std::string& path, const std::string& method, const std::string& what) {
+void StatusPage::addToList(const std::string& path, const std::string& method,
+                           const std::string& what) {
     Object::Ptr route(new Object);
     route->set("path", path);
     route->set("method", method);
@@ -313,9 +320,10 @@ void StatusPage::list(const std::string& path, const std::string& method, const 
     _routes->add(route);
 }
 
-void StatusPage::add(const std::string& path, const std::string& method, const std::string& what,
-                     Open open, std::function<void(StatusPage&, Exchange&)> handler) {
-    list(path, method, what);
+void StatusPage::addRoute(const std::string& path, const std::string& method,
+                          const std::string& what, Open open,
+                          std::function<void(StatusPage&, Exchange&)> handler) {
+    addToList(path, method, what);
     auto serve = [weak = weak_from_this(), method, open, handler](
                      Request& request, Response& response,
                      const kel::WebApiBasic::ApiParams& params) {
@@ -448,7 +456,8 @@ void StatusPage::settings(const Exchange&, Object& result) {
 void StatusPage::log(const Exchange& exchange, Object& result) {
     Poco::JSON::Array::Ptr lines(new Poco::JSON::Array);
     for (const std::string& line : logTail(numberIn(exchange.params, "lines", 40, 200))) {
-        lines->add(shown(_disclosure.line(line), kLineLimit));  // cut last: no half secret
+        // Cut only after the secrets are covered: the half of one would not be recognised.
+        lines->add(excerpt(_disclosure.line(line), kLineLimit));
     }
     result.set("lines", lines);
 }

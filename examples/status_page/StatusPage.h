@@ -66,10 +66,10 @@ private:
     void registerPage();
     void registerRoutes();
     void replaceBuiltIns();
-    void add(const std::string& path, const std::string& method, const std::string& what, Open open,
-             std::function<void(StatusPage&, Exchange&)> handler);
-    void list(const std::string& path, const std::string& method, const std::string& what);
-    void view(const std::string& path, const std::string& what, View fill);
+    void addRoute(const std::string& path, const std::string& method, const std::string& what,
+                  Open open, std::function<void(StatusPage&, Exchange&)> handler);
+    void addToList(const std::string& path, const std::string& method, const std::string& what);
+    void addView(const std::string& path, const std::string& what, View fill);
     std::optional<Access::Refusal> whyRefused(const Exchange& exchange, const std::string& method,
                                               Open open) const;
 

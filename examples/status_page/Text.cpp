@@ -9,16 +9,16 @@ namespace status_page {
 
 namespace {
 
-constexpr int kReplacement = 0xFFFD;  // for a byte that is no UTF-8
+constexpr int kReplacement = 0xFFFD;  // stands for each byte that is no UTF-8
 
-// A byte inside a character of several.
+// Whether the byte is a further one of a character that has several.
 bool continues(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
 }
 
 }  // namespace
 
-std::string shown(const char* text, std::size_t length, std::size_t limit) {
+std::string excerpt(const char* text, std::size_t length, std::size_t limit) {
     const bool cut = length > limit;
     std::size_t end = std::min(length, limit);
     while (cut && end > 0 && continues(text[end])) --end;

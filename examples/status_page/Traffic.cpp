@@ -14,8 +14,8 @@ constexpr std::size_t kMessages = 100;
 constexpr std::size_t kTextLimit = 2000;  // bytes shown of a message
 constexpr std::size_t kTopicLimit = 200;
 
-// Takes what fits and refuses the rest, upon which the stream drops all that follows: a message of
-// many megabytes is not written out whole to show its beginning.
+// Takes the beginning of a text and refuses the rest, upon which the stream drops all that follows.
+// So a message of many megabytes is not written out whole where only its beginning is shown.
 class Beginning : public std::streambuf {
 public:
     Beginning() { setp(_bytes, _bytes + sizeof _bytes); }
@@ -40,8 +40,8 @@ const char* nameOf(Traffic::Direction direction) {
 void Traffic::note(Direction direction, const std::string& topic, const char* text,
                    std::size_t length) {
     const Poco::Timestamp now;
-    const std::string shownTopic = shown(topic, kTopicLimit);
-    const std::string shownText = shown(text, length, kTextLimit);
+    const std::string shownTopic = excerpt(topic, kTopicLimit);
+    const std::string shownText = excerpt(text, length, kTextLimit);
     const std::lock_guard<std::mutex> lock(_mutex);
     const Poco::Int64 id = _totals[kReceived] + _totals[kSent] + 1;
     _messages.push_front({id, now, direction, shownTopic, shownText});

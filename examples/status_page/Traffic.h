@@ -11,8 +11,8 @@
 
 namespace status_page {
 
-/// What came and went on the bus lately: the last messages and how many there were in each of the
-/// last seconds. However large and many they are, it keeps about 250 KiB at most.
+/// The last messages that came and went on the bus, and how many there were in each of the last
+/// seconds. However large and many they are, this keeps about 250 KiB at most.
 /// Threads: all operations may be called from any thread.
 class Traffic {
 public:

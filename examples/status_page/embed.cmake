@@ -1,5 +1,5 @@
-# Writes the FILES of the folder FOLDER into the C++ source OUT: the host needs no files beside its
-# executable.
+# Writes the FILES of the folder FOLDER into the C++ source OUT, so that the host needs no files
+# beside its executable.
 set(arrays "")
 set(table "")
 foreach(name ${FILES})

@@ -14,10 +14,10 @@ function make(tag, className, text) {
 
 // --- The key ---
 
-// Kept by the browser for this host and port alone. It goes with each request in a header, which no
-// other site can set, and never into an address that the host or a proxy would log.
-const kept = 'edge-host-key';
-let key = localStorage.getItem(kept) || '';
+// The browser keeps the key for this host and port alone. Each request has it in a header, which no
+// other site can set, and never in its address, which the host or a proxy would log.
+const storedAs = 'edge-host-key';
+let key = localStorage.getItem(storedAs) || '';
 
 class WrongKey extends Error {}
 
@@ -31,7 +31,7 @@ function takeKeyFromLink() {
 
 function keepKey(text) {
     key = text.trim();
-    localStorage.setItem(kept, key);
+    localStorage.setItem(storedAs, key);
 }
 
 function askForKey(reason) {
@@ -57,9 +57,9 @@ function logIn(event) {
     refreshIn(0);
 }
 
-// What was shown must not stay in a page that nobody may look at any more.
+// Loads the page anew, because what it has shown must not stay visible without the key.
 function logOut() {
-    localStorage.removeItem(kept);
+    localStorage.removeItem(storedAs);
     location.reload();
 }
 
@@ -87,7 +87,8 @@ function refreshIn(milliseconds) {
     if (!asking) timer = setTimeout(refresh, milliseconds);
 }
 
-// One request after the other: they share a connection, of which the host serves 16 at a time.
+// The requests are made one after the other, so that they share one connection: the host serves 16
+// connections at a time.
 async function refresh() {
     if (!key) return askForKey('');
     asking = true;
@@ -191,7 +192,8 @@ function draw(name, counts, top) {
 
 let newest = '';
 
-// Only when there is a new one: what a reader has selected or scrolled stays.
+// Replaces the rows only when there is a new message, so that a reader's selection and scrolling
+// stay.
 function showMessages(messages) {
     const first = messages.length ? messages[0].id + '@' + messages[0].time : '';
     if (first === newest || !first) return;
