@@ -1,5 +1,5 @@
-# POCO and the Paho MQTT C client, for this build and for installed packages alike. What the library
-# links publicly stands here once, in KEL_DEPENDENCIES; the package file and the pkg-config file are
+# Finds POCO and the Paho MQTT C client, for this build and for hosts that use an installed package.
+# KEL_DEPENDENCIES lists what the library links publicly; the package file and the pkg-config file are
 # made from it. Sets KEL_TLS_FOUND too.
 set(KEL_POCO_COMPONENTS Net Util JSON Foundation)
 
@@ -23,7 +23,7 @@ function(kel_find_paho name)
     endif()
 endfunction()
 
-# POCO's NetSSL asks for OpenSSL in a way that ends the whole build where there is none.
+# OpenSSL is looked for first, because POCO's NetSSL ends the whole build where there is none.
 set(KEL_TLS_FOUND OFF)
 if(NOT DEFINED KEL_WITH_TLS OR KEL_WITH_TLS)
     find_package(OpenSSL 1.1.1 QUIET COMPONENTS SSL Crypto)

@@ -55,7 +55,7 @@ foreach(dependency IN LISTS KEL_DEPENDENCIES)
 endforeach()
 list(REMOVE_DUPLICATES pc_libs)
 list(REMOVE_DUPLICATES pc_cflags)
-# What the compiler searches by itself needs no mention.
+# The folders that the compiler searches by itself are left out.
 foreach(directory IN LISTS CMAKE_CXX_IMPLICIT_INCLUDE_DIRECTORIES)
     list(REMOVE_ITEM pc_cflags -I${directory})
 endforeach()

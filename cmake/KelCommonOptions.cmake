@@ -15,7 +15,7 @@ function(kel_apply_options target)
             -Wall -Wextra -Wpedantic $<$<BOOL:${KEL_WERROR}>:-Werror>)
     endif()
     if(KEL_SANITIZE)
-        # Instrumented, GCC takes the standard library's own variables for uninitialised ones.
+        # In instrumented code GCC takes variables of the standard library for uninitialised ones.
         target_compile_options(${target} PRIVATE
             $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>
             -fsanitize=${KEL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

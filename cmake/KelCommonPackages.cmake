@@ -63,7 +63,7 @@ if(KEL_BUILD_EXAMPLES)
     list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
 
-# Each package says what changed last and what its terms are.
+# Each package holds the last entry of the changes, and the licence.
 if(CPACK_GENERATOR STREQUAL "DEB")
     string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
     file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/changelog

@@ -1,5 +1,5 @@
-# The folder of the executables holds every DLL that they need, so that they run where they are
-# built: those that the library is linked to, and the runtime of a MinGW compiler.
+# Copies every DLL that the executables need into their folder, so that they run where they are built:
+# the ones that the library is linked to, and the runtime of a MinGW compiler.
 set(runtime $<TARGET_RUNTIME_DLLS:KelCommon>)
 if(MINGW)
     foreach(dll libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll)
@@ -10,7 +10,7 @@ if(MINGW)
         endif()
     endforeach()
 endif()
-# The library itself stands among them, so that there is at least one.
+# The library itself is copied too, because the command needs at least one file.
 add_custom_command(TARGET KelCommon POST_BUILD
     COMMAND ${CMAKE_COMMAND} -E copy_if_different
             $<TARGET_FILE:KelCommon> ${runtime} ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}

@@ -1,5 +1,5 @@
-# Windows x64 from Linux, with the compilers of Debian's g++-mingw-w64-x86-64-posix (std::thread and
-# std::mutex need its POSIX thread model).
+# Builds for Windows x64 on Linux, with the compilers of Debian's g++-mingw-w64-x86-64-posix, whose
+# POSIX thread model std::thread and std::mutex need.
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 
@@ -7,14 +7,14 @@ set(CMAKE_C_COMPILER x86_64-w64-mingw32-gcc-posix)
 set(CMAKE_CXX_COMPILER x86_64-w64-mingw32-g++-posix)
 set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
 
-# Nothing of the building system's own libraries may be found. CMAKE_PREFIX_PATH is searched too.
+# None of this system's own libraries may be found. CMAKE_PREFIX_PATH is searched too.
 set(CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32 ${CMAKE_PREFIX_PATH})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Paho's package names this library in a letter case that only Windows overlooks.
+# Paho's package file spells this library in another letter case, which only Windows ignores.
 set(rpcrt4 /usr/x86_64-w64-mingw32/lib/librpcrt4.a)
 set(other_case ${CMAKE_BINARY_DIR}/other-case)
 if(EXISTS ${rpcrt4})

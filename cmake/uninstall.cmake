@@ -1,5 +1,5 @@
-# Removes what `cmake --install` wrote down in the build folder BUILD, and the folders of the
-# library's own that are empty then.
+# Removes the files that `cmake --install` has listed in the build folder BUILD, and then those of the
+# library's own folders that are empty.
 file(GLOB manifests ${BUILD}/install_manifest*.txt)
 if(NOT manifests)
     message(FATAL_ERROR "${BUILD} has not been installed: it holds no install_manifest.txt")

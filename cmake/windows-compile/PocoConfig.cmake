@@ -3,7 +3,7 @@
 #
 # The headers are linked into a folder of their own, since the folder they are installed in holds
 # this system's C library too. POCO's Windows code spells two of the toolchain's headers in another
-# letter case. SYSTEM keeps their warnings out of a build that treats ours as errors.
+# letter case. SYSTEM suppresses the warnings of these headers, since ours are errors.
 set(POCO_FOR_COMPILE ${CMAKE_BINARY_DIR}/headers)
 
 find_path(POCO_HEADERS Poco/Version.h NO_CMAKE_FIND_ROOT_PATH PATHS /usr/include REQUIRED)
