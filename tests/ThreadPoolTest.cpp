@@ -56,7 +56,7 @@ int threadsAlive() {
 }  // namespace
 
 // The first case, since it needs a process that has not used the pool.
-TEST(ThreadPool, DefaultPoolIsNotMadeByWhoeverCountsAndIsStoppedIfItRanNothing) {
+TEST(ThreadPool, DefaultPoolIsNotMadeByStatisticsAndCanBeStoppedUnused) {
     EXPECT_EQ(0u, kel::statistics().pool.limit);
     EXPECT_EQ(1, ThreadPool::defaultPool().allocated());
     EXPECT_EQ(32u, kel::statistics().pool.limit);
@@ -110,7 +110,7 @@ TEST(ThreadPool, StopRunsTheTinyTasksAcceptedRefusesTheRestAndLeavesNothingBehin
 }
 
 // Whoever ends a task may take the next one, but none waits for a task that does not end.
-TEST(ThreadPool, NoTaskWaitsBehindABlockedOne) {
+TEST(ThreadPool, NoTaskWaitsForABlockedOne) {
     const CapturedLog log;
     ThreadPool pool("blocked", 1, 8, 60, 0);
     for (int round = 0; round < 300; ++round) {
@@ -134,7 +134,7 @@ TEST(ThreadPool, NoTaskWaitsBehindABlockedOne) {
     EXPECT_EQ(0u, log.count(""));
 }
 
-TEST(ThreadPool, TriesToStartAndKeepsWhatFindsNoPlace) {
+TEST(ThreadPool, TryStartLeavesTheCallableAloneWhereThereIsNoPlace) {
     const CapturedLog log;
     ThreadPool pool(1, 2);
     Gate gate;

@@ -65,7 +65,7 @@ protected:
 
 }  // namespace
 
-TEST_F(Tls, ClientTakesOnlyACertificateThatFits) {
+TEST_F(Tls, ClientAcceptsOnlyACertificateThatFits) {
     set("client", "caConfig", files["root.pem"]);
     set("client", "crlFile", files["crl.pem"]);
     const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
@@ -90,7 +90,7 @@ TEST_F(Tls, ClientTakesOnlyACertificateThatFits) {
     }
 }
 
-TEST_F(Tls, ClientTakesWhatItIsToldToTakeAndWarnsOnce) {
+TEST_F(Tls, ClientAcceptsMoreWhereTheSettingsSaySoAndWarnsOnce) {
     set("client", "caConfig", files["root.pem"]);
     Background server(serverWith("elsewhere"));
     const std::string url = "https://" + server.lineAfter("ACCEPT ") + "/";
@@ -171,7 +171,7 @@ protected:
     Poco::UInt16 port = 0;
 };
 
-TEST_F(TlsServer, AndClientNameTheFileOrTheKeyThatCannotBeUsed) {
+TEST_F(TlsServer, NamesTheFileOrSettingThatCannotBeUsedAsTheClientDoes) {
     const std::string missing = files["missing.pem"], handler = "privateKeyPassphraseHandler.";
     const std::vector<std::tuple<std::string, std::string, std::string, std::string>> cases = {
         {"server", "privateKeyFile", "", "openSSL.server.privateKeyFile"},
@@ -221,7 +221,7 @@ TEST_F(TlsServer, AndClientNameTheFileOrTheKeyThatCannotBeUsed) {
     }
 }
 
-TEST_F(TlsServer, TakesRenewedFilesUpWithTheNextConnection) {
+TEST_F(TlsServer, UsesRenewedFilesFromTheNextConnectionOn) {
     const TempFolder own;
     const std::string pem = own.path / "server.pem";
     const auto renew = [&](const std::string& name) {
@@ -333,7 +333,7 @@ protected:
     }
 };
 
-TEST_F(TlsBroker, IsTakenOnlyIfItsCertificateAndTheClientsFit) {
+TEST_F(TlsBroker, ConnectingTakesAFittingCertificateOfEachSide) {
     const std::string strict = "require_certificate true\ncafile " + files["root.pem"] +
                                "\ncrlfile " + files["crl.pem"] + "\n";
     const auto with = [this](const std::string& name, const std::string& key,
@@ -417,7 +417,7 @@ TEST_F(TlsBroker, CarriesMessagesComesBackAndTellsTheLastWill) {
     }));
 }
 
-TEST_F(TlsBroker, OrServerThatSpeaksSomethingElseOrNothingIsAFailure) {
+TEST_F(TlsBroker, ConnectingFailsWhereThePeerSpeaksSomethingElseOrNothing) {
     kel::tls::handshakeTime() = std::chrono::seconds(1);
     kel::MqttOptions options = trusting();
     options.connectTimeout = std::chrono::seconds(2);

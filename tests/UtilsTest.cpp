@@ -85,7 +85,7 @@ std::list<std::string> list(const std::string& folder, ListFileType type, const 
 
 }  // namespace
 
-TEST(Json, TextGoesToAnObjectAndBackSortedAndCompact) {
+TEST(Json, TextBecomesAnObjectAndSortedCompactTextAgain) {
     EXPECT_EQ(jsonToString(stringToJson(R"({ "b" : [1, {"z":null, "y":true}], "a" : "\u00e4" })")),
               "{\"a\":\"\u00e4\",\"b\":[1,{\"y\":true,\"z\":null}]}");
     EXPECT_EQ(jsonToString({}), "");
@@ -97,7 +97,7 @@ TEST(Json, TextGoesToAnObjectAndBackSortedAndCompact) {
     }
 }
 
-TEST(Json, TextsOverTheLimitsAreGivenUp) {
+TEST(Json, TextsOverTheLimitsAreRefused) {
     const std::string text = R"({"a":[{},1,2.5],"b":"x"})";
     EXPECT_FALSE(parseJsonObject(text, {24, 3, 6}).isNull());
     for (const JsonLimits& tight : {JsonLimits{23, 3, 6}, {24, 2, 6}, {24, 3, 5}, {24, 3, 1}}) {
@@ -197,7 +197,7 @@ TEST(Ping, WhatCannotBePingedIsLoggedAsGiven) {
     }
 }
 
-TEST(Ping, RunsBesideOneOfASilentHostAlsoWhereOnlyTheUnprivilegedSocketIsAllowed) {
+TEST(Ping, TwoRunSideBySideAlsoWithUnprivilegedSocketsOnly) {
     inOwnNetwork([](const std::string& silentHost) {
         const CapturedLog log;
         const auto bothPings = [&] {
@@ -216,7 +216,7 @@ TEST(Ping, RunsBesideOneOfASilentHostAlsoWhereOnlyTheUnprivilegedSocketIsAllowed
     });
 }
 
-TEST(BrokerHost, IsNamedByWhatTheClientTakes) {
+TEST(BrokerHost, IsReadFromEveryAddressThatTheClientAccepts) {
     const std::vector<std::tuple<std::string, std::string, int>> cases = {
         {"tcp://edge:1884", "edge", 1884}, {"edge:1884", "edge", 1884},
         {"tcp://edge", "edge", 1883},      {"mqtt://u@edge/x", "edge", 1883},
@@ -232,7 +232,7 @@ TEST(BrokerHost, IsNamedByWhatTheClientTakes) {
 }
 
 // As an ordinary user's process, which may not ping at all.
-TEST(BrokerHost, AnswersByItsPortAloneWhereItAcceptsOrRefuses) {
+TEST(BrokerHost, AnswersWithoutAPingWhereItsPortAcceptsOrRefuses) {
     using namespace Poco::Net;
     ServerSocket accepting(SocketAddress("127.0.0.1", 0));
     std::optional<ServerSocket> onIpv6;

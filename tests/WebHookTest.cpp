@@ -51,7 +51,7 @@ TEST(WebHook, ReportsToTheStartedUrlAtOnceAndPeriodically) {
               server.awaitRequests(4));  // 10 s later
 }
 
-TEST(WebHook, HandsObjectsOnAndTakesAllElseAsEmptyAlsoWhenReleasedMeanwhile) {
+TEST(WebHook, HandsOnAReplysObjectOrAnEmptyOneAlsoWhenReleasedMeanwhile) {
     const std::string ok = "HTTP/1.1 200 OK\r\n\r\n";
     std::string manyValues = "{\"a\":[0";
     for (int i = 0; i < 100'000; ++i) manyValues += ",0";
@@ -78,7 +78,7 @@ TEST(WebHook, HandsObjectsOnAndTakesAllElseAsEmptyAlsoWhenReleasedMeanwhile) {
     }
 }
 
-TEST(WebHook, AndAllElseLetTheProcessEndWithRequestsUnderWay) {
+TEST(WebHook, LetsTheProcessEndWhileRequestsAreUnderWayOfHooksClientsAndServers) {
     // Answers byte by byte, without end: no time-out of the client's ever passes.
     ScriptedServer slow([](RawClient& peer) {
         peer.send("HTTP/1.1 200 ");
@@ -114,7 +114,7 @@ TEST(WebHook, AndAllElseLetTheProcessEndWithRequestsUnderWay) {
     ended = true;
 }
 
-TEST(WebHook, LetsAReportOverlapWithTwoEarlierOnesNotMore) {
+TEST(WebHook, LeavesAReportOutWhileTwoEarlierOnesRun) {
     std::mutex mutex;
     std::vector<kel::Keepalive::Ticket> underWay;  // guarded by mutex
     std::atomic<int> reports{0};

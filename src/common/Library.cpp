@@ -39,7 +39,7 @@ constexpr std::chrono::milliseconds kLastLines(2000);
 std::atomic<bool> ending{false};
 
 struct Hooks {
-    std::atomic<unsigned long> process{0};  // whose threads they stop
+    std::atomic<unsigned long> process{0};  // id of the one whose threads they stop
     std::mutex mutex;
     std::map<StopStage, std::vector<void (*)()>> byStage;  // guarded by mutex
 };
@@ -49,16 +49,17 @@ Hooks& hooks() {
     return *instance;
 }
 
-// A forked child has none of our threads: waiting for those of its parent would not end. It may
-// have started its own.
+// A forked child has none of its parent's threads, and a wait for them would not end. It may have
+// started threads of its own.
 bool areOfThisProcess(const Hooks& all) {
     return all.process == platform::currentProcessId();
 }
 
 using StopFunctions = std::vector<void (*)()>;
 
-// Takes the hooks of the first stage from `stage` on out, so that a unit that starts anew registers
-// again; `stage` becomes that one. Nothing once there is none.
+// Removes and returns the stop functions of the first stage that has any, beginning with `stage`,
+// which becomes that one; empty if no stage has any. They are removed because a unit that starts
+// anew registers again.
 std::optional<StopFunctions> takeFrom(StopStage& stage) {
     Hooks& all = hooks();
     const std::lock_guard<std::mutex> lock(all.mutex);

@@ -113,8 +113,9 @@ bool isLeftBehind(ChannelPtr channel) {
            formatter->getProperty(Poco::PatternFormatter::PROP_PATTERN) == kLinePattern;
 }
 
-// Exchanges the channel at every logger where `isOld` holds: a host's loggers below the library's
-// have inherited it. Written to only where it differs: other threads read it without a lock.
+// Gives the channel `next` to every logger whose channel is an old one, since a host's loggers
+// below the library's have inherited it. No other logger is written to, because other threads read
+// a logger's channel without a lock.
 template <typename IsOld>
 void exchangeChannel(const ChannelPtr& next, IsOld&& isOld) {
     std::vector<std::string> names;

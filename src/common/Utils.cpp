@@ -84,7 +84,7 @@ public:
         : _files(files), _type(type), _keyword(keyword) {}
 
     void run(const Poco::Path& directory) {
-        // One that cannot be asked is reported by the iterator.
+        // Where the directory cannot be asked for its identity, the iterator throws.
         const auto identity = platform::directoryIdentity(directory.toString());
         if (identity && !_visited.insert(*identity).second) return;
         const Poco::DirectoryIterator end;

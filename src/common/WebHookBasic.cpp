@@ -58,10 +58,10 @@ void callWithObject(const WebHookBasic::Callback& callback, HTTPStatus status, s
     }
 }
 
-// Those of all hooks, which may be released at any time, also among static destructors.
+// The keep-alives of all hooks. A hook may be released at any time, also by a static destructor.
 struct Keepalives {
     std::mutex mutex;
-    std::set<std::optional<Keepalive>*> all;  // guarded by mutex, as what they point to
+    std::set<std::optional<Keepalive>*> all;  // guarded by mutex, and so is what they point to
 };
 
 Keepalives& keepalives() {
@@ -82,7 +82,7 @@ void request(HttpClient& client, std::string url, WebHookBasic::Callback callbac
                          });
 }
 
-// What this throws ends in POCO's timer, which carries on; the pool has logged a refused request.
+// POCO's timer catches what this throws, and carries on; the pool has logged a refused request.
 void reportKeepalive(HttpClient& client, const Keepalive::Ticket& ticket) {
     static const bool enable = hookEnabled();
     static NeverDestroyed<const std::string> url(startedUrl());
@@ -94,7 +94,7 @@ void reportKeepalive(HttpClient& client, const Keepalive::Ticket& ticket) {
 
 struct WebHookBasic::Inside {
     const std::shared_ptr<HttpClient> client = HttpClient::createInstance();
-    std::optional<Keepalive> keepalive;  // guarded by the mutex of all
+    std::optional<Keepalive> keepalive;  // guarded by keepalives().mutex
 
     Inside() {
         const std::lock_guard<std::mutex> lock(keepalives().mutex);

@@ -8,7 +8,7 @@ namespace kel {
 
 Poco::Util::JSONConfiguration& configStore() {
     using Store = Poco::Util::JSONConfiguration;
-    // On the heap, since a host may share the ownership of what POCO counts the references of.
+    // The store is on the heap, because POCO counts the references to it and a host may hold one.
     static NeverDestroyed<Poco::AutoPtr<Store>> store(new Store);
     return **store;
 }

@@ -15,7 +15,7 @@ namespace {
 
 constexpr UnitLog log("src/common/Logger");
 
-// Where the line begins that byte `position` of the block belongs to.
+// The beginning of the line that holds the byte at `position` of the block.
 std::size_t lineStart(const LineBlock& block, std::size_t position) {
     std::size_t start = 0;
     for (const auto& line : block.lines) {

@@ -13,8 +13,8 @@ namespace kel {
 /// @throws Poco::SyntaxException  `text` is nothing of that kind.
 std::string hostOfServerUri(const std::string& text);
 
-/// The port in the same, or where none is given the scheme's own: 8883 for "ssl" and "mqtts", 80
-/// and 443 for "ws" and "wss", else 1883.
+/// The port in such a text. Where none is given, it is that of the scheme: 8883 for "ssl" and
+/// "mqtts", 80 and 443 for "ws" and "wss", else 1883.
 /// @throws Poco::SyntaxException  `text` is nothing of that kind.
 std::uint16_t portOfServerUri(const std::string& text);
 

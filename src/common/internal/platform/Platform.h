@@ -10,9 +10,9 @@
 #include <utility>
 #include <vector>
 
-// Our only door to the system: Platform_posix.cpp and Platform_windows.cpp implement it, CMake
-// compiles one of them. It depends on nothing but the system and the standard library. Paths and
-// names are UTF-8. All functions may be called from any thread.
+// All that the library asks of the system. Platform_posix.cpp and Platform_windows.cpp implement
+// it, and CMake compiles one of the two. It depends on nothing but the system and the standard
+// library. Paths and names are UTF-8. All functions may be called from any thread.
 namespace kel::platform {
 
 /// Full path of the running executable.

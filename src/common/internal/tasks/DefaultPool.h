@@ -4,7 +4,7 @@
 
 namespace kel {
 
-/// Those of ThreadPool::defaultPool(); zeros until somebody has used it. Starts nothing.
+/// The figures of ThreadPool::defaultPool(); zeros until somebody has used it. Starts nothing.
 /// Threads: any.
 PoolStatistics defaultPoolStatistics();
 
