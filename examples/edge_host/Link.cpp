@@ -5,10 +5,9 @@
 
 #include <Poco/Clock.h>
 #include <Poco/Format.h>
+#include <common/Logger.h>
 #include <common/Statistics.h>
 #include <status_page/Disclosure.h>
-
-#include "Log.h"
 
 namespace edge {
 
@@ -36,11 +35,11 @@ void Link::close() {
     _closing = true;
     _client->Disconnect();
     const kel::MqttStatistics mqtt = kel::statistics().mqtt;  // of the process's only connection
-    poco_notice(hostLog(),
-                Poco::format("published: QoS 0 %Lu, QoS 1 %Lu, QoS 2 %Lu; confirmed %Lu; "
-                             "refused %Lu; connection lost %u times",
-                             mqtt.published[0], mqtt.published[1], mqtt.published[2],
-                             mqtt.confirmed, mqtt.refused, _losses.load()));
+    kel::logLine(Poco::Message::PRIO_NOTICE,
+                 Poco::format("published: QoS 0 %Lu, QoS 1 %Lu, QoS 2 %Lu; confirmed %Lu; "
+                              "refused %Lu; connection lost %u times",
+                              mqtt.published[0], mqtt.published[1], mqtt.published[2],
+                              mqtt.confirmed, mqtt.refused, _losses.load()));
 }
 
 Poco::JSON::Object::Ptr Link::state() const {
@@ -54,18 +53,20 @@ Poco::JSON::Object::Ptr Link::state() const {
 // True asks for another attempt in 4 seconds.
 bool Link::connected(int code) {
     if (code != 0) {
-        poco_warning(hostLog(), Poco::format("no connection to %s, code %d", _address, code));
+        kel::logLine(Poco::Message::PRIO_WARNING,
+                     Poco::format("no connection to %s, code %d", _address, code));
         return !_closing;
     }
     _up = true;
     _onConnected();
     const Poco::Int64 lostAt = _lostAt.exchange(0);
     if (lostAt == 0) {
-        poco_notice(hostLog(), "connected to " + _address);
+        kel::logLine(Poco::Message::PRIO_NOTICE, "connected to " + _address);
     } else {
         const double seconds = static_cast<double>(Poco::Clock().microseconds() - lostAt) / 1e6;
-        poco_notice(hostLog(), Poco::format("outage %u is over: connected to %s again after %.1f s",
-                                            _losses.load(), _address, seconds));
+        kel::logLine(Poco::Message::PRIO_NOTICE,
+                     Poco::format("outage %u is over: connected to %s again after %.1f s",
+                                  _losses.load(), _address, seconds));
     }
     return true;
 }
@@ -74,8 +75,9 @@ bool Link::connected(int code) {
 bool Link::lost(const std::string& cause) {
     _up = false;
     _lostAt = Poco::Clock().microseconds();
-    poco_warning(hostLog(), Poco::format("outage %u: lost the broker (%s)", ++_losses,
-                                         cause.empty() ? std::string("no cause given") : cause));
+    kel::logLine(Poco::Message::PRIO_WARNING,
+                 Poco::format("outage %u: lost the broker (%s)", ++_losses,
+                              cause.empty() ? std::string("no cause given") : cause));
     return !_closing;
 }
 

@@ -3,9 +3,8 @@
 #include "Node.h"
 
 #include <Poco/Format.h>
+#include <common/Logger.h>
 #include <common/Utils.h>
-
-#include "Log.h"
 
 namespace edge {
 
@@ -38,9 +37,9 @@ void Node::subscribeAll() {
 
 void Node::stop() {
     _link->close();
-    poco_notice(hostLog(),
-                Poco::format("asked %d times, answered %d times; state %s", _asked.load(),
-                             _answered.load(), kel::jsonToString(counters())));
+    kel::logLine(Poco::Message::PRIO_NOTICE,
+                 Poco::format("asked %d times, answered %d times; state %s", _asked.load(),
+                              _answered.load(), kel::jsonToString(counters())));
 }
 
 void Node::askPeer() {
@@ -89,7 +88,8 @@ bool Node::isBusTopic(const std::string& topic) const {
 void Node::onRequest(const Poco::JSON::Object& request, const std::string&) {
     const std::string replyTo = request.optValue<std::string>("replyTo", "");
     if (!isBusTopic(replyTo)) {
-        poco_warning(hostLog(), "request without a usable \"replyTo\": " + quoted(replyTo));
+        kel::logLine(Poco::Message::PRIO_WARNING,
+                     "request without a usable \"replyTo\": " + quoted(replyTo));
         return;
     }
     Poco::JSON::Object::Ptr answer(new Poco::JSON::Object);
@@ -106,9 +106,9 @@ void Node::onRequest(const Poco::JSON::Object& request, const std::string&) {
 
 void Node::onAnswer(const Poco::JSON::Object& answer, const std::string&) {
     ++_answered;
-    poco_information(hostLog(), "answer from " + quoted(answer.optValue<std::string>("from", "")) +
-                                    " to request " +
-                                    std::to_string(answer.optValue<Poco::Int64>("id", 0)));
+    kel::logLine(Poco::Message::PRIO_INFORMATION,
+                 "answer from " + quoted(answer.optValue<std::string>("from", "")) +
+                     " to request " + std::to_string(answer.optValue<Poco::Int64>("id", 0)));
 }
 
 }  // namespace edge

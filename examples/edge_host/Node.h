@@ -1,6 +1,7 @@
 #pragma once
 
 #include <Poco/JSON/Object.h>
+#include <Poco/JSONString.h>
 #include <status_page/Host.h>
 
 #include <atomic>
@@ -54,6 +55,10 @@ protected:
             },
             topic, qos);
     }
+
+    /// Text that came over the network, escaped, so that it cannot forge lines of the log or
+    /// colours.
+    static std::string quoted(const std::string& text) { return Poco::toJSON(text); }
 
     bool send(const Poco::JSON::Object::Ptr& message, const std::string& topic, int qos);
 

@@ -2,10 +2,9 @@
 
 #include <Poco/Format.h>
 #include <Poco/NumberFormatter.h>
+#include <common/Logger.h>
 
 #include <sstream>
-
-#include "Log.h"
 
 namespace edge {
 
@@ -60,15 +59,17 @@ void Server::onTelemetry(const Poco::JSON::Object& reading, const std::string& t
     if (!isName(sensor) || !isNumber(value)) {
         ++_odd;
         const char* missing = isName(sensor) ? "value" : "sensor";
-        poco_warning(hostLog(), Poco::format("odd reading %s: no usable %s", label(reading),
-                                             std::string(missing)));
+        kel::logLine(
+            Poco::Message::PRIO_WARNING,
+            Poco::format("odd reading %s: no usable %s", label(reading), std::string(missing)));
         return;
     }
     ++_readings;
     const double number = value.convert<double>();
     const std::string name = sensor.toString();
-    poco_information(hostLog(), "reading " + label(reading) + " " + quoted(name) + " = " +
-                                    Poco::NumberFormatter::format(number));
+    kel::logLine(Poco::Message::PRIO_INFORMATION, "reading " + label(reading) + " " + quoted(name) +
+                                                      " = " +
+                                                      Poco::NumberFormatter::format(number));
     if (number > _settings.alarmLimit) raiseAlarm(name, number);
 }
 
@@ -80,7 +81,7 @@ void Server::raiseAlarm(const std::string& sensor, double value) {
     alarm->set("limit", _settings.alarmLimit);
     if (!send(alarm, _settings.alarmTopic, 1)) return;
     ++_alarms;
-    poco_notice(hostLog(), "raising an alarm for " + quoted(sensor));
+    kel::logLine(Poco::Message::PRIO_NOTICE, "raising an alarm for " + quoted(sensor));
 }
 
 void Microservice::subscribe() {
@@ -98,7 +99,7 @@ void Microservice::onAlarm(const Poco::JSON::Object& alarm, const std::string&) 
     ++_alarms;
     std::ostringstream text;
     alarm.stringify(text);
-    poco_warning(hostLog(), "alarm " + text.str());
+    kel::logLine(Poco::Message::PRIO_WARNING, "alarm " + text.str());
 }
 
 std::shared_ptr<Node> makeNode(const Settings& settings) {

@@ -21,7 +21,6 @@
 #include <iostream>
 #include <map>
 
-#include "Log.h"
 #include "Roles.h"
 #include "Settings.h"
 
@@ -129,9 +128,9 @@ void serve(Settings settings) {
     kel::WebHookBasic::defaultWebHook()->reportServerKeepalive();  // the first report at once
     kel::TaskManager tasks;
     if (settings.askEvery > 0) tasks.start(new AskPeer(node, settings.askEvery));
-    poco_notice(hostLog(), settings.role + " is up");
+    kel::logLine(Poco::Message::PRIO_NOTICE, settings.role + " is up");
     kel::waitForTerminationRequest();
-    poco_notice(hostLog(), settings.role + " is shutting down");
+    kel::logLine(Poco::Message::PRIO_NOTICE, settings.role + " is shutting down");
     web->stop();
     tasks.cancelAll();
     tasks.joinAll();
@@ -152,7 +151,7 @@ int EdgeHost::main(const std::vector<std::string>& arguments) {
     } catch (const std::exception& exc) {
         const auto* poco = dynamic_cast<const Poco::Exception*>(&exc);
         const std::string reason = poco ? poco->displayText() : exc.what();
-        poco_fatal(hostLog(), reason);
+        kel::logLine(Poco::Message::PRIO_FATAL, reason);
         result = fail(EXIT_CONFIG, reason);
     }
     kel::stopLibrary();
