@@ -1,7 +1,11 @@
 // WebHookBasic.cpp - reports to the management endpoint.
 //
-// A tick of the keep-alive only submits a request; requests hold nothing of the hook. Whoever ends
-// a keep-alive waits for a tick in progress, which in turn never waits for the lock held meanwhile.
+//   state                        who may touch it     lock
+//   keep-alives of all hooks     any thread           Keepalives::mutex
+//   hook settings                any thread           none: read once, then never changed
+//
+// Whoever ends a keep-alive holds that lock and waits for a tick in progress. A tick therefore
+// never takes it: it only submits a request, and requests use nothing of the hook.
 
 #include "WebHookBasic.h"
 
