@@ -1,8 +1,8 @@
-// A host of the family, to copy from. It shows the order in which a process starts the library's
+// A host of the family, to copy from. It shows in which order a process starts the library's
 // services and stops them again:
 //
-//   loadLogging, the defaults on the empty store, loadConfig, then the services;
-//   web API, tasks, connections, saveConfig where settings changed, stopLibrary, deleteLogger.
+//   start: loadLogging, the defaults on the empty store, loadConfig, addMissingDefaults, services;
+//   stop:  web API, tasks, connections, stopLibrary, deleteLogger.
 
 #include <Poco/Task.h>
 #include <Poco/Util/HelpFormatter.h>
@@ -116,7 +116,7 @@ void keepKeys(const StatusPage& page) {
 }
 
 void serve(Settings settings) {
-    // First of all: with its port taken everything else is in vain, and the file stays as it is.
+    // Comes first: with its port taken everything else is in vain, and the file stays as it is.
     const auto sockets = StatusPage::listen(settings.page);
     kel::addMissingDefaults();  // to the file of an older release
     const bool hasNewKeys = settings.page.makeKeys();
