@@ -1,23 +1,19 @@
 // SoakHost MODULE STATE WAY BROKER   enters the state, and ends in the given way.
 
 #include <dlfcn.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <string>
 
+using Call = void(const char*, const char*);
+
 int main(int argc, char** argv) {
     void* module = argc == 5 ? ::dlopen(argv[1], RTLD_NOW) : nullptr;
     if (!module) return 2;
     const std::string way = argv[3];
-    sigset_t terminate;
-    ::sigemptyset(&terminate);
-    ::sigaddset(&terminate, SIGTERM);
-    ::pthread_sigmask(SIG_BLOCK, &terminate, nullptr);
-    reinterpret_cast<void (*)(const char*, const char*)>(::dlsym(module, "enter"))(argv[2],
-                                                                                   argv[4]);
+    reinterpret_cast<Call*>(::dlsym(module, "enter"))(argv[2], argv[4]);
     if (way == "return") return 0;
     if (way == "exit") std::exit(0);
     if (way == "fork") {
@@ -26,11 +22,6 @@ int main(int argc, char** argv) {
         ::wait(&status);
         return WIFEXITED(status) && WEXITSTATUS(status) == 3 ? 0 : 1;
     }
-    if (way == "SIGTERM") {
-        ::kill(::getpid(), SIGTERM);
-        int signal = 0;
-        ::sigwait(&terminate, &signal);
-    }
-    reinterpret_cast<void (*)(bool)>(::dlsym(module, "leave"))(way != "release");
+    reinterpret_cast<Call*>(::dlsym(module, "leave"))(argv[3], "");
     return way == "dlclose" ? ::dlclose(module) : 0;
 }
