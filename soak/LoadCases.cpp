@@ -107,12 +107,13 @@ TEST(Load, Requests) {
     Watch watch(each * kConnections);
     std::atomic<long> answered{0};
     api->start(socket);
-    onThreads(kConnections, [&](int) {
-        EXPECT_NO_THROW(for (long i = 0; i < each; i += kBlock) {
+    const auto sendBlocks = [&] {
+        for (long i = 0; i < each; i += kBlock) {
             sendRequests(socket.address().port(), kBlock);
             watch.at(answered += kBlock);
-        });
-    });
+        }
+    };
+    onThreads(kConnections, [&](int) { EXPECT_NO_THROW(sendBlocks()); });
     api->stop();
     const long unanswered = each * kConnections - answered;
     EXPECT_EQ(0, unanswered);
@@ -148,7 +149,6 @@ TEST(Load, Clients) {
     constexpr int kAtATime = 100;  // each is a background thread, which ends a minute later
     const long total = scaled(10'000);
     Broker broker;
-    connected(broker.address(), "first");  // what the first one starts stays
     std::atomic<long> done{0}, next{0};
     Watch watch(total);
     onThreads(kAtATime, [&](int) {
@@ -164,8 +164,6 @@ TEST(Load, Clients) {
 // Many clients at once, since each waits for seconds before it connects again.
 TEST(Load, BrokerRestarts) {
     constexpr int kPairs = 40;  // each makes a background thread connect and one close
-    Broker broker;
-    connected(broker.address(), "first");  // what the first one starts stays
     const long each = std::max(2L, scaled(2000) / kPairs);
     Watch watch(each * kPairs);
     std::atomic<long> ends{0}, confirmed{0};

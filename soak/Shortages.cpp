@@ -13,8 +13,8 @@ std::atomic<long> untilFailure{0};  // so many further allocations by `new`; 0: 
 std::atomic<bool> threadsRefused{false};
 
 void* operator new(std::size_t size) {
-    if (untilFailure > 0 && --untilFailure == 0) throw std::bad_alloc();
-    void* const memory = std::malloc(size == 0 ? 1 : size);
+    const bool fails = untilFailure > 0 && --untilFailure == 0;
+    void* const memory = fails ? nullptr : std::malloc(size == 0 ? 1 : size);
     if (!memory) throw std::bad_alloc();
     return memory;
 }

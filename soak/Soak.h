@@ -35,12 +35,18 @@
 /// Adds to what the row says of what happened; the parts as a stream writes them.
 template <typename... Parts>
 void row(const Parts&... parts) {
-    (std::cout << "row: " << ... << parts) << std::endl;
+    ((std::cout << "row: ") << ... << parts) << std::endl;
 }
 
 /// The short form's part of a full count, or all of it; 10 at least.
 inline long scaled(long full) {
     return std::max(10L, full / std::stol(Poco::Environment::get("KEL_SOAK_SHORTER", "1")));
+}
+
+/// How many files and folders are in a folder.
+inline long entries(const std::string& folder) {
+    const std::filesystem::directory_iterator all(folder);
+    return std::distance(begin(all), end(all));
 }
 
 /// Memory, threads and descriptors of this process at its construction.
@@ -51,11 +57,6 @@ struct Footprint {
         long size = 0;
         std::ifstream("/proc/self/statm") >> size >> resident;
         resident *= ::sysconf(_SC_PAGESIZE) / 1024;
-    }
-
-    static long entries(const char* folder) {
-        const std::filesystem::directory_iterator all(folder);
-        return std::distance(begin(all), end(all));
     }
 
     long heap = 0, resident = 0;  // KiB
