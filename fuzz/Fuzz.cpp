@@ -198,10 +198,8 @@ void peer(const std::string& input) {
                 converse(RawClient(server.acceptConnection()), input, sends);
     });
     const auto client = std::make_shared<Client>();
-    {
-        const kel::ConnectTurn turn(0, [] { return running.stopped(); });
-        rc = connection->connect(options, client);
-    }
+    const kel::ConnectTurn turn(0, [] { return running.stopped(); });
+    rc = connection->connect(options, client);
     check(rc == 0 || input != std::string(1, kAccepts), "no connection at all");
     if (rc != 0) return;
     if (sends) connection->publish("{}", "topic", 2, 0);

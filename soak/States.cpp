@@ -22,8 +22,6 @@
 #include "common/WebApiBasic.h"
 #include "common/WebHookBasic.h"
 
-using namespace std::literals;
-
 namespace {
 
 // What a host would hold; never destroyed, so that the process ends with it in use.
@@ -127,15 +125,16 @@ extern "C" void enter(const char* state, const char* broker) {
 }
 
 // Releases everything in the middle of its work, and may stop the library.
-extern "C" void leave(const char* way, const char* /*broker*/) {
-    if (way == "SIGTERM"sv) {
+extern "C" void leave(const char* given, const char* /*broker*/) {
+    const std::string_view way = given;
+    if (way == "SIGTERM") {
         ::raise(SIGTERM);
         kel::waitForTerminationRequest();
     }
     held.client.reset();
     held.hook.reset();
     kel::WebApiBasic::instance()->stop();
-    if (way == "release"sv) return;
+    if (way == "release") return;
     kel::stopLibrary();
     kel::deleteLogger();
 }
