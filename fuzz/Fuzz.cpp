@@ -6,7 +6,6 @@
 #include <Poco/Environment.h>
 #include <Poco/Exception.h>
 #include <Poco/Logger.h>
-#include <Poco/Net/ServerSocket.h>
 #include <Poco/NullChannel.h>
 
 #include <algorithm>
@@ -18,11 +17,11 @@
 #include <iostream>
 #include <iterator>
 #include <map>
-#include <mutex>
 #include <set>
 #include <sstream>
 #include <thread>
 
+#include "RawHttp.h"
 #include "Sandbox.h"
 #include "common/Config.h"
 #include "common/Utils.h"
@@ -44,20 +43,13 @@ void check(bool right, const char* what) {
     std::abort();
 }
 
-void receive(Poco::Net::StreamSocket& peer) {
-    char block[4096];
-    peer.receiveBytes(block, sizeof block);
-}
-
 // To the end of the connection, which comes: the peer knows that nothing more will be sent.
-void sendAndReadAll(Poco::Net::StreamSocket& peer, const std::string& bytes) {
+void sendAndReadAll(RawClient peer, const std::string& bytes) {
     char block[4096];
     try {
-        peer.sendBytes(bytes.data(), static_cast<int>(bytes.size()));
-        peer.shutdownSend();
+        peer.send(bytes).shutdownSend();
         while (peer.receiveBytes(block, sizeof block) > 0) continue;
-    } catch (const Poco::IOException&) {
-        // The other side has closed already.
+    } catch (const Poco::IOException&) {  // the other side has closed already
     }
 }
 
@@ -102,35 +94,33 @@ void configuration(const std::string& input) {
 }
 
 // A message on its way to its handlers. The first byte is the length of the topic.
+void readRaw(MQTTClient_message* message, const std::string& topic) {
+    const std::string payload(static_cast<const char*>(message->payload),
+                              static_cast<std::size_t>(message->payloadlen));
+    check(kel::stringToJson(payload), "a handler gets what is no object");
+    if (topic.size() % 2 == 0) std::free(std::exchange(message->payload, nullptr));
+}
+
 std::shared_ptr<kel::Subscriptions> handlers() {
-    auto all = std::make_shared<kel::Subscriptions>();
-    const auto add = [&](const char* filter, kel::SubscribedHandler handler) {
-        all->set(filter, std::make_shared<const kel::SubscribedHandler>(std::move(handler)));
+    const auto write = [](const Poco::JSON::Object& object, const auto&) {
+        kel::jsonToString(new Poco::JSON::Object(object));
     };
-    add("/kelbus/#", {nullptr, [](const Poco::JSON::Object& object, const std::string&) {
-                          kel::jsonToString(new Poco::JSON::Object(object));
-                      }});
-    add("raw", {[](MQTTClient_message* message, const std::string& topic) {
-                    const auto* payload = static_cast<const char*>(message->payload);
-                    const std::string text(payload, static_cast<std::size_t>(message->payloadlen));
-                    check(kel::stringToJson(text), "a handler gets what is no object");
-                    if (topic.size() % 2 == 0) std::free(std::exchange(message->payload, nullptr));
-                },
-                nullptr});
-    add("throws", {nullptr, [](const auto&, const auto&) { throw Poco::Exception("handler"); }});
-    add("none", {});
+    const auto fail = [](const auto&, const auto&) { throw Poco::Exception("handler"); };
+    const std::map<std::string, kel::SubscribedHandler> each = {
+        {"/kelbus/#", {{}, write}}, {"raw", {readRaw, {}}}, {"throws", {{}, fail}}, {"none", {}}};
+    auto all = std::make_shared<kel::Subscriptions>();
+    for (const auto& [filter, handler] : each)
+        all->set(filter, std::make_shared<const kel::SubscribedHandler>(handler));
     return all;
 }
 
 void dispatch(const std::string& input) {
     static const auto subscriptions = handlers();
     if (input.empty()) return;
-    const std::string topic = input.substr(1, static_cast<unsigned char>(input[0]));
-    const std::string payload = input.substr(1 + topic.size());
     kel::Message message;
-    message.topic = topic;
-    message.payload = kel::Message::copyOf(payload.data(), payload.size());
-    message.length = payload.size();
+    message.topic = input.substr(1, static_cast<unsigned char>(input[0]));
+    message.length = input.size() - 1 - message.topic.size();
+    message.payload = kel::Message::copyOf(&input[1 + message.topic.size()], message.length);
     kel::Messaging& messaging = kel::Messaging::instance();
     std::make_shared<kel::Delivery>(messaging, subscriptions, std::move(message))->handOut();
     while (messaging.handlers().statistics().used > 0) std::this_thread::yield();
@@ -138,17 +128,13 @@ void dispatch(const std::string& input) {
 
 // What a management endpoint sends in reply to a hook. The hook's callback is called in any case.
 void hookReply(const std::string& input) {
-    static Poco::Net::ServerSocket server(Poco::Net::SocketAddress("127.0.0.1", 0));
     static const auto hook = kel::WebHookBasic::createInstance();
+    const ScriptedServer endpoint(input);
     const auto called = std::make_shared<std::promise<void>>();
-    hook->doHttpRequest("http://" + server.address().toString() + "/",
-                        [called](auto, Poco::JSON::Object& reply) {
-                            kel::jsonToString(new Poco::JSON::Object(reply));
-                            called->set_value();  // throws when it is called twice
-                        });
-    Poco::Net::StreamSocket peer = server.acceptConnection();
-    receive(peer);
-    sendAndReadAll(peer, input);
+    hook->doHttpRequest(endpoint.url(), [called](auto, Poco::JSON::Object& reply) {
+        kel::jsonToString(new Poco::JSON::Object(reply));
+        called->set_value();  // throws when it is called twice
+    });
     const auto end = called->get_future().wait_for(std::chrono::seconds(30));
     check(end == std::future_status::ready, "the callback is not called");
 }
@@ -169,7 +155,7 @@ void json(const std::string& input) {
 
 // Bytes from a broker to a client that connects, and may publish; one client for all inputs. The
 // first byte says whether the broker accepts the connection before it sends the rest and closes,
-// and whether the client sends something meanwhile.
+// and whether it waits for the client's message before that.
 constexpr int kAccepts = 1;
 constexpr int kClientSends = 3;
 
@@ -180,74 +166,49 @@ struct Client : kel::ConnectionEvents {
     void messageDelivered(int) override {}
     void sessionLost(const std::string&) override { lost.set_value(); }
     std::promise<void> lost;
-    bool sends = false;
 };
 
-// Each connection gets the same: a refused client may try again with an older protocol.
-class Broker {
-public:
-    std::string address() const { return "tcp://" + _server.address().toString(); }
-
-    void say(const std::string& bytes) {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        _bytes = bytes;
-    }
-
-private:
-    [[noreturn]] void serve() {
-        for (;;) {
-            Poco::Net::StreamSocket peer = _server.acceptConnection();
-            receive(peer);
-            std::unique_lock<std::mutex> lock(_mutex);
-            const std::string bytes = _bytes;
-            lock.unlock();
-            const std::string first = (bytes[0] & kAccepts) != 0 ? kConnack : "";
-            if ((bytes[0] & kClientSends) == kClientSends) {
-                peer.sendBytes(first.data(), static_cast<int>(first.size()));
-                receive(peer);
-                sendAndReadAll(peer, bytes.substr(1));
-            } else {
-                sendAndReadAll(peer, first + bytes.substr(1));
-            }
-        }
-    }
-
-    const std::string kConnack{"\x20\x02\x00\x00", 4};
-    Poco::Net::ServerSocket _server{Poco::Net::SocketAddress("127.0.0.1", 0)};
-    std::mutex _mutex;
-    std::string _bytes;  // guarded by _mutex
-    std::thread _thread{&Broker::serve, this};
-};
-
-int connectTo(Broker& broker, const std::shared_ptr<Client>& client) {
-    static kel::Messaging& running = kel::Messaging::instance();
-    static int rc = 0;
-    kel::ConnectOptions options;
-    options.address = broker.address();
-    options.clientId = "fuzz";
-    static const auto connection = kel::Connection::create(options, rc);
-    const kel::ConnectTurn turn(0, [] { return running.stopped(); });
-    rc = connection->connect(options, client);
-    if (rc == 0 && client->sends) connection->publish("{}", "topic", 2, 0);
-    return rc;
+// What an earlier broker sent too much may have told the client that it is accepted, so that its
+// message comes together with its CONNECT.
+void converse(RawClient client, const std::string& input, bool awaitsMessage) {
+    const std::string connack("\x20\x02\x00\x00", (input[0] & kAccepts) != 0 ? 4 : 0);
+    char block[4096] = {};
+    int received = client.receiveBytes(block, sizeof block);
+    const int connect = 2 + block[1];
+    if (!awaitsMessage) return sendAndReadAll(client, connack + input.substr(1));
+    client.send(connack);
+    for (int more = 1; more > 0 && received <= connect; received += more)
+        more = client.receiveBytes(block, sizeof block);
+    sendAndReadAll(client, input.substr(1));
 }
 
 void peer(const std::string& input) {
-    static Broker& broker = *new Broker;  // its thread never ends
+    static Poco::Net::ServerSocket server(Poco::Net::SocketAddress("127.0.0.1", 0));
+    static kel::Messaging& running = kel::Messaging::instance();
+    static const kel::ConnectOptions options{
+        "tcp://" + server.address().toString(), "fuzz", "", "", {}};
+    static int rc = 0;
+    static const auto connection = kel::Connection::create(options, rc);
     if (input.empty()) return;
-    broker.say(input);
+    const bool sends = (input[0] & kClientSends) == kClientSends;
+    // Each connection gets the same: a refused client may try again with an older protocol.
+    const std::jthread broker([&](const std::stop_token& stop) {
+        while (!stop.stop_requested())
+            if (server.poll({0, 1000}, Poco::Net::Socket::SELECT_READ))
+                converse(RawClient(server.acceptConnection()), input, sends);
+    });
     const auto client = std::make_shared<Client>();
-    client->sends = (input[0] & kClientSends) == kClientSends;
-    if (connectTo(broker, client) != 0) {
-        check(input != std::string(1, kAccepts), "no connection at all");
-        return;
-    }
+    const kel::ConnectTurn turn(0, [] { return running.stopped(); });
+    rc = connection->connect(options, client);
+    check(rc == 0 || input != std::string(1, kAccepts), "no connection at all");
+    if (rc != 0) return;
+    if (sends) connection->publish("{}", "topic", 2, 0);
     const auto end = client->lost.get_future().wait_for(std::chrono::seconds(30));
     check(end == std::future_status::ready, "the loss is not told");
 }
 
 // Bytes that a client sends to the web API. The server must answer or close; it goes on.
-Poco::Net::SocketAddress serve() {
+Poco::UInt16 serve() {
     const Poco::Net::ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", 0));
     const auto api = kel::WebApiBasic::instance();
     api->apiRegist("/plain", [](auto& request, auto& response, const auto& params) {
@@ -260,14 +221,12 @@ Poco::Net::SocketAddress serve() {
         result.set("size", body.size());
     });
     api->start(socket);
-    return socket.address();
+    return socket.address().port();
 }
 
-void request(const std::string& input) {
-    static const Poco::Net::SocketAddress address = serve();
-    Poco::Net::StreamSocket peer(address);
-    peer.setReceiveTimeout(Poco::Timespan(30, 0));  // beyond it: an exception nobody catches
-    sendAndReadAll(peer, input);
+void requests(const std::string& input) {
+    static const Poco::UInt16 port = serve();
+    sendAndReadAll(RawClient(port), input);
 }
 
 // Filters and topics, a line each: the first line is a topic, the others are filters.
@@ -300,7 +259,7 @@ const std::map<std::string, void (*)(const std::string& input)> kTargets = {
     {"Address", address},   {"Config", configuration},
     {"Dispatch", dispatch}, {"HookReply", hookReply},
     {"Json", json},         {"Peer", peer},
-    {"Request", request},   {"Topics", topics}};
+    {"Request", requests},  {"Topics", topics}};
 
 // Home folders of the process's own, and lines that are formatted and then dropped.
 struct Surroundings {

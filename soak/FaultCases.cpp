@@ -1,113 +1,90 @@
-// Faults of the broker, the network, the disk and the clock: what was logged, and what went on.
+// Faults of the broker, the network, the disk and the clock; an allocator that fails the n-th time,
+// for every n that a path reaches; limits that are reached while a broker is away. scripts/soak
+// runs what spoils the network or the disk in namespaces that it has made.
 
-#include <Poco/Environment.h>
-#include <sched.h>
+#include <sys/resource.h>
 
 #include <ctime>
-#include <filesystem>
 
 #include "Broker.h"
 #include "Command.h"
-#include "LogLines.h"
 #include "ScriptedBroker.h"
-#include "Traffic.h"
+#include "Soak.h"
 #include "common/Config.h"
-#include "common/Logger.h"
+#include "common/HttpClient.h"
+#include "common/WebApiBasic.h"
 
-namespace soak {
+// See Shortages.cpp.
+extern std::atomic<long> untilFailure;
+extern std::atomic<bool> threadsRefused;
 
 namespace {
 
-namespace fs = std::filesystem;
+using Manner = ScriptedBroker::Manner;
 
 constexpr std::chrono::seconds kAFewSeconds(3);  // that a fault lasts
 
-void pause() {
-    std::this_thread::sleep_for(kAFewSeconds);
-}
-
-using Manner = ScriptedBroker::Manner;
-
-const std::pair<const char*, Manner> kBadManners[] = {
-    {"broker closes at once", Manner::kClosesAtOnce},
-    {"broker answers garbage", Manner::kSendsGarbage},
-    {"broker sends half a packet", Manner::kSendsHalfAPacket},
-    {"broker is mute", Manner::kMute},
-    {"broker never acknowledges", Manner::kAccepts},
-    {"broker acknowledges twice", Manner::kAcknowledgesTwice}};
-
-Result badBroker(Manner manner) {
+void outlives(Manner manner) {
     ScriptedBroker broker(Manner::kAcknowledges);
     Traffic traffic(broker.address());
-    return survives(traffic, [&] {
+    expectGoesOn(traffic, [&] {
         const int before = broker.sessions();
         broker.behave(manner);
         broker.drop();
-        if (!await([&] { return broker.sessions() > before; }, std::chrono::seconds(60)))
-            throw std::runtime_error("the broker met nobody");
-        traffic.publishFor(kAFewSeconds, 5);
+        EXPECT_TRUE(await([&] { return broker.sessions() > before; }, std::chrono::seconds(60)));
+        traffic.publish(5, kAFewSeconds);
         broker.behave(Manner::kAcknowledges);
         broker.drop();
     });
 }
 
-Result realBroker(const std::function<void(Broker&)>& fault) {
+using Change = std::function<void(Broker&)>;
+
+void outlives(const Change& spoil, const Change& mend) {
     Broker broker;
     Traffic traffic(broker.address());
-    return survives(traffic, [&] { fault(broker); });
-}
-
-// A fault that two shell lines make and mend, in a namespace of this process's own; `prepare` runs
-// there first. @return why this machine cannot show it, or an empty text.
-std::string enter(int kind, const std::string& prepare) {
-    if (::unshare(kind) != 0) return "this user may not make a namespace";
-    try {
-        shell(prepare);
-        return "";
-    } catch (const std::exception& exc) {
-        const std::string why = exc.what();  // the command, and what it said
-        return why.substr(why.find('\n') + 1, why.size() - why.find('\n') - 2);
-    }
-}
-
-Result network(const std::string& spoil, const std::string& mend) {
-    const std::string why = enter(CLONE_NEWNET, "ip link set lo up; " + spoil + " && " + mend);
-    if (!why.empty()) return Result::leftOut(why);
-    return realBroker([&](Broker&) {
-        shell(spoil);
-        pause();
-        shell(mend);
+    expectGoesOn(traffic, [&] {
+        spoil(broker);
+        std::this_thread::sleep_for(kAFewSeconds);
+        mend(broker);
     });
 }
 
-// A file system of a megabyte where the library writes.
-std::string enterSmallDisk() {
-    return enter(CLONE_NEWNS, "mount --make-rprivate /; mkdir " + homeFolder() +
-                                  "; mount -t tmpfs -o size=1m none " + homeFolder());
+// Shell lines that spoil the network and mend it.
+void outlivesNetwork(const std::string& spoil, const std::string& mend) {
+    outlives([&](Broker&) { shell(spoil); }, [&](Broker&) { shell(mend); });
 }
 
-Result spoiltConfig(const std::string& spoil, const std::string& mend) {
+// Shell lines in the folder of the configuration, which spoil it and mend it.
+void keepsConfig(const std::string& spoil, const std::string& mend) {
     const CapturedLog log;
-    const std::string why = enterSmallDisk();
-    if (!why.empty()) return Result::leftOut(why);
     kel::initHttpOption();
     kel::loadConfig();
     const std::string before = contentOf(kel::configPath());
     shell("cd " + homeFolder() + "; " + spoil);
     kel::configInstance().setString("big", std::string(8192, 'y'));
     kel::saveConfig();
-    const bool told = !kel::lastConfigError().empty();
-    const bool kept = contentOf(kel::configPath()) == before && !before.empty();
+    ASSERT_NE("", kel::lastConfigError());
+    ASSERT_TRUE(!before.empty() && before == contentOf(kel::configPath())) << "the file changed";
     shell("cd " + homeFolder() + "; " + mend);
     kel::saveConfig();
-    const bool saved = contentOf(kel::configPath()).find("yyyy") != std::string::npos;
-    return {told && kept && saved, errorIn(log) + (kept ? "; the old file stays" : "; it is gone") +
-                                       (saved ? "; the next save succeeds" : "; the next fails")};
+    ASSERT_NE(std::string::npos, contentOf(kel::configPath()).find("yyyy"));
+    row(errorIn(log), "; the old file stays; the next save succeeds");
 }
 
-Result fullUnderLog() {
-    const std::string why = enterSmallDisk();
-    if (!why.empty()) return Result::leftOut(why);
+void folderRemoved() {
+    const CapturedLog log;
+    kel::loadConfig();
+    std::filesystem::remove_all(homeFolder());
+    kel::saveConfig();
+    ASSERT_NE("", kel::lastConfigError());
+    std::filesystem::create_directory(homeFolder());
+    kel::saveConfig();
+    ASSERT_NE("", contentOf(kel::configPath()));
+    row(errorIn(log), "; a save succeeds once the folder is there again");
+}
+
+void diskFullUnderLog() {
     silenceConsole();
     kel::loadLogging();
     LogLines lines(1);
@@ -117,7 +94,7 @@ Result fullUnderLog() {
     shell("rm " + homeFolder() + "/filler");
     lines.log(0, 1);
     kel::deleteLogger();
-    return {lines.allFound(), lines.missing() + " once there is room again"};
+    lines.expectAllFound();
 }
 
 // libfaketime looks at this variable whenever the time is asked for.
@@ -125,64 +102,188 @@ void setClock(const char* offset) {
     Poco::Environment::set("FAKETIME", offset);
 }
 
-// The clock set forward by a day and back again, each with the set-up that comes every minute.
-Result clockJumps() {
+// Each jump is followed by the set-up that comes every minute.
+void clockJumps() {
     const std::time_t now = std::time(nullptr);
     setClock("+1d");
-    if (std::time(nullptr) < now + 80'000) return Result::leftOut("libfaketime is not installed");
-    setClock("+0");
+    ASSERT_GT(std::time(nullptr), now + 80'000);
     silenceConsole();
     ScriptedBroker broker(Manner::kAcknowledges);
     Traffic traffic(broker.address());
-    bool flows = traffic.flows();
     LogLines lines(3);
     for (const auto& [run, offset] : {std::pair{0, "+0"}, {1, "+1d"}, {2, "+0"}}) {
         setClock(offset);
         kel::loadLogging();
         lines.log(run, 500);
-        flows = traffic.flows() && flows;
+        ASSERT_TRUE(traffic.flows());
     }
     kel::deleteLogger();
-    const fs::directory_iterator folder(homeFolder());
-    const auto files = std::distance(begin(folder), end(folder));
-    return {lines.allFound() && files == 2 && flows,
-            lines.missing() + ", in " + std::to_string(files) + " dated files; MQTT " +
-                (flows ? "goes on" : "does NOT")};
+    lines.expectAllFound();
+    ASSERT_EQ(2, entries(homeFolder()));
+    row("two dated files; MQTT goes on");
 }
+
+// For each n: `action` while the n-th allocation fails, then `works` with all of them.
+// `action` returns once it is done, or the failure has come and `action` waits for nothing more.
+void failEach(const std::function<void()>& action, const std::function<bool()>& works) {
+    constexpr long kMost = 3000;
+    const CapturedLog log;
+    long n = 1, thrown = 0;
+    ASSERT_TRUE(works()) << "without a failure";
+    for (int spared = 0; spared < 3; ++n) {
+        ASSERT_LE(n, kMost) << "allocations without end";
+        untilFailure = n;
+        try {
+            action();
+        } catch (const std::exception&) {
+            ++thrown;
+        }
+        spared = untilFailure.exchange(0) > 0 ? spared + 1 : 0;
+        ASSERT_TRUE(works()) << "after allocation " << n << "; " << errorIn(log);
+    }
+    row(n - 4, " places, ", thrown, " exceptions to the caller; ", errorIn(log),
+        "; went on each time");
+}
+
+void failInPublishAndDispatch() {
+    Broker broker;
+    Traffic traffic(broker.address());
+    std::atomic<int> arrived{0};
+    traffic.client->Subscribe([&](const Poco::JSON::Object&, const std::string&) { ++arrived; },
+                              "t", 1);
+    const auto action = [&] {
+        const int before = arrived;
+        traffic.publish();
+        await([&] { return arrived > before || untilFailure == 0; }, std::chrono::seconds(1));
+    };
+    failEach(action, [&] {
+        const int before = arrived;
+        return await([&] {
+            traffic.publish();
+            return arrived > before;
+        });
+    });
+}
+
+void failInRequestAndReply() {
+    const auto api = kel::WebApiBasic::instance();
+    api->apiRegist("/echo", [](auto&, auto&, const auto&, auto& result, const auto& body) {
+        result.set("size", body.size());
+    });
+    const Poco::Net::ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", 0));
+    api->start(socket);
+    const std::string url = "http://" + socket.address().toString() + "/echo";
+    int status = 0;
+    const auto action = [&] {
+        status = 0;
+        kel::HttpClient::defaultHttpClient()->doHttpRequestSync(
+            url, R"({"a":1})", [&](auto answer, auto&) { status = answer; });
+    };
+    failEach(action, [&] {
+        action();
+        return status == 200;
+    });
+    api->stop();
+}
+
+void failInLogLine() {
+    silenceConsole();
+    kel::loadLogging();
+    const auto file = std::filesystem::directory_iterator(homeFolder())->path();
+    LogLines lines(1);
+    const auto logOne = [&](bool mayFail) {
+        const auto before = std::filesystem::file_size(file);
+        lines.log(0, 1);
+        return await([&] {
+            return (mayFail && untilFailure == 0) || std::filesystem::file_size(file) > before;
+        });
+    };
+    failEach([&] { logOne(true); }, [&] { return logOne(false); });
+    kel::deleteLogger();
+    lines.expectAllFound();
+}
+
+void failInSaveConfig() {
+    kel::initHttpOption();
+    kel::loadConfig();
+    const std::string whole = contentOf(kel::configPath());
+    failEach(kel::saveConfig, [&] {
+        const bool kept = contentOf(kel::configPath()) == whole;
+        kel::saveConfig();
+        return kept && kel::lastConfigError().empty();
+    });
+}
+
+// What runs out does so while the broker is away; afterwards both are there again.
+void outlivesLack(const std::function<void(bool out)>& change) {
+    Broker broker;
+    Traffic traffic(broker.address());
+    expectGoesOn(traffic, [&] {
+        change(true);
+        broker.kill();
+        traffic.publish(1'000'000, kAFewSeconds);
+        change(false);
+        broker.start();
+    });
+}
+
+void outlivesLimit(__rlimit_resource resource, const std::function<::rlim_t()>& few) {
+    outlivesLack([&](bool out) {
+        ::rlimit limit{};
+        ::getrlimit(resource, &limit);
+        limit.rlim_cur = out ? few() : limit.rlim_max;
+        ::setrlimit(resource, &limit);
+    });
+}
+
+::rlim_t memoryInUse() {
+    ::rlim_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return pages * static_cast<::rlim_t>(::sysconf(_SC_PAGESIZE));
+}
+
+struct Fault {
+    const char* name;
+    std::function<void()> run;
+};
+
+const Fault kFaults[] = {
+    {"broker_closes_at_once", [] { outlives(Manner::kClosesAtOnce); }},
+    {"broker_answers_garbage", [] { outlives(Manner::kSendsGarbage); }},
+    {"broker_sends_half_a_packet", [] { outlives(Manner::kSendsHalfAPacket); }},
+    {"broker_is_mute", [] { outlives(Manner::kMute); }},
+    {"broker_never_acknowledges", [] { outlives(Manner::kAccepts); }},
+    {"broker_acknowledges_twice", [] { outlives(Manner::kAcknowledgesTwice); }},
+    {"broker_killed_and_started_again", [] { outlives(&Broker::kill, &Broker::start); }},
+    {"broker_stopped_for_3_s", [] { outlives(&Broker::suspend, &Broker::resume); }},
+    {"network_cut_for_3_s", [] { outlivesNetwork("ip link set lo down", "ip link set lo up"); }},
+    {"network_slow_and_lossy_for_3_s",
+     [] {
+         const std::string root = " dev lo root ";
+         outlivesNetwork("tc qdisc add" + root + "netem delay 50ms loss 5%", "tc qdisc del" + root);
+     }},
+    {"disk_full_under_saveConfig",
+     [] { keepsConfig("cat /dev/zero >filler || true", "rm filler"); }},
+    {"read_only_under_saveConfig",
+     [] { keepsConfig("mount -o remount,ro ..", "mount -o remount,rw .."); }},
+    {"folder_removed_under_saveConfig", folderRemoved},
+    {"disk_full_under_the_log", diskFullUnderLog},
+    {"clock_a_day_forward_and_back", clockJumps},
+    {"allocation_fails_in_publish_and_dispatch", failInPublishAndDispatch},
+    {"allocation_fails_in_request_and_reply", failInRequestAndReply},
+    {"allocation_fails_for_a_log_line", failInLogLine},
+    {"allocation_fails_in_saveConfig", failInSaveConfig},
+    {"no_descriptors_without_broker", [] { outlivesLimit(RLIMIT_NOFILE, [] { return 3; }); }},
+    {"no_memory_without_broker", [] { outlivesLimit(RLIMIT_AS, memoryInUse); }},
+    {"no_threads_without_broker", [] { outlivesLack([](bool out) { threadsRefused = out; }); }}};
+
+class Faults : public ::testing::TestWithParam<Fault> {};
 
 }  // namespace
 
-std::vector<Case> faultCases() {
-    std::vector<Case> all;
-    const auto add = [&](const char* name, std::function<Result()> run) {
-        all.push_back({"faults", name, [run = std::move(run)](double) { return run(); }});
-    };
-    for (const auto& [name, manner] : kBadManners)
-        add(name, [manner = manner] { return badBroker(manner); });
-    add("broker killed, and started again",
-        [] { return realBroker([](Broker& broker) { broker.restart(); }); });
-    add("broker stopped for 3 s", [] {
-        return realBroker([](Broker& broker) {
-            broker.suspend();
-            pause();
-            broker.resume();
-        });
-    });
-    add("network cut for 3 s", [] { return network("ip link set lo down", "ip link set lo up"); });
-    add("network delayed and lossy for 3 s", [] {
-        return network("tc qdisc add dev lo root netem delay 50ms loss 5%",
-                       "tc qdisc del dev lo root");
-    });
-    add("disk full under saveConfig",
-        [] { return spoiltConfig("cat /dev/zero >filler || true", "rm filler"); });
-    add("read-only under saveConfig",
-        [] { return spoiltConfig("mount -o remount,ro .", "mount -o remount,rw ."); });
-    add("disk full under the log", fullUnderLog);
-    add("clock a day forward and back", clockJumps);
-    all.back().environment =
-        "LD_PRELOAD=libfaketimeMT.so.1 LD_LIBRARY_PATH=/usr/lib/x86_64-linux-gnu/faketime "
-        "FAKETIME=+0 FAKETIME_NO_CACHE=1 FAKETIME_DONT_FAKE_MONOTONIC=1";
-    return all;
+TEST_P(Faults, Outlived) {
+    GetParam().run();
 }
 
-}  // namespace soak
+INSTANTIATE_TEST_SUITE_P(, Faults, ::testing::ValuesIn(kFaults),
+                         [](const auto& fault) { return fault.param.name; });

@@ -9,16 +9,12 @@
 #include <cstdlib>
 #include <new>
 
-namespace soak {
-
 std::atomic<long> untilFailure{0};  // so many further allocations by `new`; 0: none fails
 std::atomic<bool> threadsRefused{false};
 
-}  // namespace soak
-
 void* operator new(std::size_t size) {
-    if (soak::untilFailure > 0 && --soak::untilFailure == 0) throw std::bad_alloc();
-    void* const memory = std::malloc(size == 0 ? 1 : size);
+    const bool fails = untilFailure > 0 && --untilFailure == 0;
+    void* const memory = fails ? nullptr : std::malloc(size == 0 ? 1 : size);
     if (!memory) throw std::bad_alloc();
     return memory;
 }
@@ -33,7 +29,7 @@ void operator delete(void* memory, std::size_t) noexcept {
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                               void* (*run)(void*), void* argument) {
-    if (soak::threadsRefused) return EAGAIN;
+    if (threadsRefused) return EAGAIN;
     using Create = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
     static auto* const create = reinterpret_cast<Create*>(::dlsym(RTLD_NEXT, "pthread_create"));
     return create(thread, attributes, run, argument);

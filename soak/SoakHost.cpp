@@ -1,23 +1,25 @@
 // SoakHost MODULE STATE WAY BROKER   enters the state, and ends in the given way.
 
 #include <dlfcn.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
+using Call = void(const char*, const char*);
+
 int main(int argc, char** argv) {
+    const auto threads = [] {
+        const std::filesystem::directory_iterator all("/proc/self/task");
+        return std::distance(begin(all), end(all));
+    };
+    const auto before = threads();
     void* module = argc == 5 ? ::dlopen(argv[1], RTLD_NOW) : nullptr;
     if (!module) return 2;
     const std::string way = argv[3];
-    sigset_t terminate;
-    ::sigemptyset(&terminate);
-    ::sigaddset(&terminate, SIGTERM);
-    ::pthread_sigmask(SIG_BLOCK, &terminate, nullptr);
-    reinterpret_cast<void (*)(const char*, const char*)>(::dlsym(module, "enter"))(argv[2],
-                                                                                   argv[4]);
+    reinterpret_cast<Call*>(::dlsym(module, "enter"))(argv[2], argv[4]);
     if (way == "return") return 0;
     if (way == "exit") std::exit(0);
     if (way == "fork") {
@@ -26,11 +28,8 @@ int main(int argc, char** argv) {
         ::wait(&status);
         return WIFEXITED(status) && WEXITSTATUS(status) == 3 ? 0 : 1;
     }
-    if (way == "SIGTERM") {
-        ::kill(::getpid(), SIGTERM);
-        int signal = 0;
-        ::sigwait(&terminate, &signal);
-    }
-    reinterpret_cast<void (*)(bool)>(::dlsym(module, "leave"))(way != "release");
-    return way == "dlclose" ? ::dlclose(module) : 0;
+    reinterpret_cast<Call*>(::dlsym(module, "leave"))(argv[3], "");
+    if (way != "dlclose") return 0;
+    if (::dlclose(module) != 0) return 4;
+    while (threads() > before) ::usleep(10'000);  // one in what is unloaded crashes before it ends
 }

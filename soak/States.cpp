@@ -1,10 +1,11 @@
 // A module that SoakHost loads: it brings the library into a state, and out of it again.
 
 #include <Poco/Logger.h>
-#include <Poco/Net/ServerSocket.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <string_view>
@@ -12,10 +13,13 @@
 
 #include "common/Config.h"
 #include "common/HttpClient.h"
+#include "common/HttpServer.h"
 #include "common/Library.h"
 #include "common/Logger.h"
 #include "common/MqttClient++.h"
+#include "common/Termination.h"
 #include "common/ThreadPool.h"
+#include "common/WebApiBasic.h"
 #include "common/WebHookBasic.h"
 
 namespace {
@@ -24,15 +28,16 @@ namespace {
 struct Held {
     std::shared_ptr<kel::MqttClient> client;
     std::shared_ptr<kel::WebHookBasic> hook;
-    std::unique_ptr<Poco::Net::ServerSocket> mute;
+    Poco::Net::ServerSocket mute;
+    Poco::Net::StreamSocket peer;
+    std::promise<void> served;
 };
 Held& held = *new Held;
 
 // The address of a peer that accepts and says nothing.
 std::string blackHole() {
-    const Poco::Net::SocketAddress any("127.0.0.1", 0);
-    held.mute = std::make_unique<Poco::Net::ServerSocket>(any);
-    return held.mute->address().toString();
+    held.mute = kel::serverSocket({"127.0.0.1", 0});
+    return held.mute.address().toString();
 }
 
 void connect(const std::string& address) {
@@ -52,6 +57,20 @@ void request(const std::string&) {
     const std::string url = "http://" + blackHole() + "/";
     for (int i = 0; i < 3; ++i)
         kel::HttpClient::defaultHttpClient()->doHttpRequest(url, [](auto, auto&) {});
+}
+
+void serve(const std::string&) {
+    const auto socket = kel::serverSocket({"127.0.0.1", 0});
+    const auto api = kel::WebApiBasic::instance();
+    api->apiRegist("/slow", [](auto&, auto&, const auto&, auto& result) {
+        held.served.set_value();
+        ::usleep(200'000);
+        result.set("late", true);
+    });
+    api->start(socket);
+    held.peer.connect(socket.address());
+    held.peer.sendBytes("GET /slow HTTP/1.1\r\n\r\n", 22);
+    held.served.get_future().wait();
 }
 
 void startTimer(const std::string&) {
@@ -90,6 +109,7 @@ const std::map<std::string_view, State>& states = *new std::map<std::string_view
     {"under traffic", exchangeMessages},
     {"waiting for the broker", [](auto&) { connect("127.0.0.1:1"); }},
     {"requests in flight", request},
+    {"requests being served", serve},
     {"timer running", startTimer},
     {"tasks running", startTasks},
     {"logging flooded", flood},
@@ -98,17 +118,23 @@ const std::map<std::string_view, State>& states = *new std::map<std::string_view
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) void enter(const char* state,
-                                                             const char* broker) {
+extern "C" void enter(const char* state, const char* broker) {
+    kel::catchTerminationRequests();
     if (std::string_view(state).find("sav") != 0) kel::loadLogging();
     states.at(state)(broker);
 }
 
 // Releases everything in the middle of its work, and may stop the library.
-extern "C" __attribute__((visibility("default"))) void leave(bool stop) {
+extern "C" void leave(const char* given, const char* /*broker*/) {
+    const std::string_view way = given;
+    if (way == "SIGTERM") {
+        ::raise(SIGTERM);
+        kel::waitForTerminationRequest();
+    }
     held.client.reset();
     held.hook.reset();
-    if (!stop) return;
+    kel::WebApiBasic::instance()->stop();
+    if (way == "release") return;
     kel::stopLibrary();
     kel::deleteLogger();
 }
