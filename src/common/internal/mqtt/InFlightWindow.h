@@ -77,10 +77,10 @@ private:
     // Guarded by _mutex.
     Session _session = 0;
     bool _open = false;
-    int _taken = 0;   // places whose message has not gone out yet
-    int _sent = 0;    // places whose message has
-    int _atQos0 = 0;  // messages since the last acknowledgement
-    int _paced = 0;   // publishers that wait in pace()
+    int _taken = 0;      // places whose message has not gone out yet
+    int _sent = 0;       // places whose message has
+    int _atQos0 = 0;     // messages since the last acknowledgement
+    int _paced = 0;      // publishers that wait in pace()
     int _gathering = 0;  // publishers that wait in gather()
     std::array<Sent, std::size_t{2} * kPlaces> _messages;  // that have gone out
 };
