@@ -226,6 +226,7 @@ double connectsPerSecond(const Broker& broker, Peer& sender, Connect connect) {
 
 void publishing(const Rounds& rounds, const Broker& broker) {
     const PeerPtr ours = kelClient(broker, "ours"), window = pahoWithWindow(broker, "window"),
+                  atOnce = pahoSendingAtOnce(broker, "at once"),
                   bare = pahoSynchronous(broker, "synchronous"),
                   mosquitto = mosquittoClient(broker, "mosquitto");
     const auto job = [](const PeerPtr& peer, int qos, long messages) {
@@ -234,6 +235,7 @@ void publishing(const Rounds& rounds, const Broker& broker) {
     for (const int qos : {1, 2}) {
         rounds.contest(at(qos) + "until confirmed", {"messages/s"}, job(ours, qos, kMessages),
                        {{"Paho, window of ten", job(window, qos, kMessages), 1.0},
+                        {"the same, Nagle's algorithm off", job(atOnce, qos, kMessages), 0},
                         {"libmosquitto", job(mosquitto, qos, kMessages), qos == 1 ? 0.6 : 0.7},
                         {"Paho, synchronous", job(bare, qos, kSynchronous), 100}});
     }
@@ -243,7 +245,9 @@ void publishing(const Rounds& rounds, const Broker& broker) {
     Subscriber witness(mosquittoClient(broker, "witness"), 0);
     rounds.contest("QoS 0 publish only", {"messages/s"},
                    [&] { return std::vector{publishOnly(*ours, witness)}; },
-                   {{"Paho", [&] { return std::vector{publishOnly(*window, witness)}; }, 0.95}});
+                   {{"Paho", [&] { return std::vector{publishOnly(*window, witness)}; }, 0.95},
+                    {"the same, Nagle's algorithm off",
+                     [&] { return std::vector{publishOnly(*atOnce, witness)}; }, 0}});
 }
 
 void endToEnd(const Rounds& rounds, const Broker& broker) {

@@ -15,6 +15,7 @@
 #include "common/internal/mqtt/ConnectTurn.h"
 #include "common/internal/mqtt/Connection.h"
 #include "common/internal/mqtt/Dispatcher.h"
+#include "common/internal/mqtt/Gathering.h"
 #include "common/internal/mqtt/Messaging.h"
 
 using kel::Connection;
@@ -168,6 +169,32 @@ TEST(InFlightWindow, APlaceBelongsToItsSession) {
     EXPECT_TRUE(window.delivered(7));
     EXPECT_FALSE(window.delivered(7));
     EXPECT_TRUE(window.take(kAtOnce));
+}
+
+TEST(Gathering, LetsAFloodAloneGatherAndThatOnItsOwnConnectionOnly) {
+    const Poco::Net::ServerSocket broker(Poco::Net::SocketAddress("127.0.0.1", 0));
+    Poco::Net::StreamSocket other(broker.address());
+    const auto others = kel::platform::tcpConnectionsTo(broker.address().port());
+    ASSERT_EQ(1u, others.size());
+    Poco::Net::StreamSocket own(broker.address());
+    kel::Gathering gathering;
+    gathering.begin(broker.address().port(), others);
+    EXPECT_TRUE(own.getNoDelay());
+    EXPECT_FALSE(other.getNoDelay());
+    other.setNoDelay(true);
+    const auto flood = [&] {
+        for (int i = 0; i < 1000; ++i) gathering.countAtQos0();
+    };
+    EXPECT_TRUE(await([&] { return flood(), !own.getNoDelay(); }));
+    EXPECT_TRUE(other.getNoDelay());
+    EXPECT_TRUE(await([&] { return gathering.endUnlessFlooded(), own.getNoDelay(); }));
+    const int descriptor = own.impl()->sockfd();
+    own = Poco::Net::StreamSocket();
+    Poco::Net::StreamSocket later(broker.address());
+    ASSERT_EQ(descriptor, later.impl()->sockfd());
+    later.setNoDelay(true);
+    for (int i = 0; i < 100; ++i) flood();
+    EXPECT_TRUE(later.getNoDelay());
 }
 
 TEST(ConnectTurn, GoesToTheClientThatHasFailedLeast) {

@@ -7,10 +7,15 @@
 #include <Poco/Runnable.h>
 #include <Poco/ThreadPool.h>
 #include <mosquitto.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 #include <condition_variable>
+#include <filesystem>
 #include <future>
 #include <mutex>
+#include <set>
 
 #include "Await.h"
 #include "Rounds.h"
@@ -288,6 +293,19 @@ struct MosquittoConnection {
     MosquittoHandle handle;
 };
 
+// The descriptors of this process.
+std::set<int> connectionsTo(int port) {
+    std::set<int> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/fd")) {
+        const int descriptor = std::stoi(entry.path().filename());
+        sockaddr_in peer{};
+        socklen_t length = sizeof peer;
+        const int rc = getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length);
+        if (rc == 0 && ntohs(peer.sin_port) == port) found.insert(descriptor);
+    }
+    return found;
+}
+
 }  // namespace
 
 PeerPtr kelClient(const Broker& broker, const std::string& name, Handing handing) {
@@ -296,6 +314,17 @@ PeerPtr kelClient(const Broker& broker, const std::string& name, Handing handing
 
 PeerPtr pahoWithWindow(const Broker& broker, const std::string& name, Handing handing) {
     return std::make_unique<PahoWindowPeer>(broker, name, handing);
+}
+
+PeerPtr pahoSendingAtOnce(const Broker& broker, const std::string& name) {
+    const std::set<int> before = connectionsTo(broker.port());
+    PeerPtr peer = pahoWithWindow(broker, name);
+    for (const int descriptor : connectionsTo(broker.port())) {
+        if (before.contains(descriptor)) continue;
+        const int on = 1;
+        setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    }
+    return peer;
 }
 
 PeerPtr pahoSynchronous(const Broker& broker, const std::string& name) {

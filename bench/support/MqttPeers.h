@@ -47,6 +47,9 @@ PeerPtr kelClient(const Broker& broker, const std::string& name, Handing handing
 PeerPtr pahoWithWindow(const Broker& broker, const std::string& name,
                        Handing handing = Handing::kJson);
 
+/// As above, with Nagle's algorithm off.
+PeerPtr pahoSendingAtOnce(const Broker& broker, const std::string& name);
+
 /// Bare Paho that waits for the confirmation of each message before the next.
 PeerPtr pahoSynchronous(const Broker& broker, const std::string& name);
 

@@ -374,6 +374,8 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
     endSession();
     if (!ReceiveThread::ensure(libraryStopped)) return MQTTCLIENT_FAILURE;
     LibraryOptions form(options);
+    const std::uint16_t port = portOfServerUri(options.address);
+    const auto others = platform::tcpConnectionsTo(port);
     const std::lock_guard<std::mutex> answer(_answerMutex);
     {
         const std::lock_guard<std::mutex> lock(_mutex);
@@ -383,9 +385,7 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
         _lossTold = false;
     }
     const int rc = tryVersions(*form.get(), options.address);
-    if (rc == 0) {
-        logExceptions(log, [&] { platform::sendAtOnceTo(portOfServerUri(options.address)); });
-    }
+    if (rc == 0) _gathering.begin(port, others);
     const std::lock_guard<std::mutex> lock(_mutex);
     _connecting = {};
     if (rc == 0 && !_lostElsewhere && !_closed) {
@@ -475,9 +475,11 @@ int Connection::publish(const std::string& payload, const std::string& topic, in
     const Call call(*this);
     if (!call) return MQTTCLIENT_DISCONNECTED;
     if (qos == 0) {
+        _gathering.countAtQos0();
         _window.pace();
         return MQTTClient_publishMessage(_handle, topic.c_str(), &message, nullptr);
     }
+    _gathering.endUnlessFlooded();
     const Dispatcher::WaitsForBroker wait;
     InFlightWindow::GiveUp giveUp = wait.giveUp();
     if (receipt) {
@@ -545,6 +547,7 @@ int Connection::messageArrived(char* topic, MQTTClient_message* message) {
         const unsigned clears = _clears;
         const auto events = _events.lock();
         lock.unlock();
+        if (copy.qos > 0) _gathering.endUnlessFlooded();
         if (events && copy.payload) {
             logExceptions(log, [&] { events->messageArrived(std::move(copy), true); });
         }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "ConnectOptions.h"
+#include "Gathering.h"
 #include "InFlightWindow.h"
 #include "Message.h"
 #include "Receipt.h"
@@ -128,6 +129,7 @@ private:
 
     // Own locking.
     InFlightWindow _window;
+    Gathering _gathering;
     std::atomic<bool> _up{false};
     std::atomic<bool> _closed{false};
     std::atomic<int> _calls{0};  // into the library

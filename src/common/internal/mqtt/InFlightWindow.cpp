@@ -10,6 +10,7 @@ namespace {
 constexpr int kMostAtQos0 = 2;
 constexpr auto kPacePatience = std::chrono::milliseconds(10);
 constexpr auto kAskAgain = std::chrono::milliseconds(100);
+constexpr auto kGatherPatience = std::chrono::microseconds(200);
 
 }  // namespace
 
@@ -43,6 +44,7 @@ std::optional<InFlightWindow::Session> InFlightWindow::take(const GiveUp& giveUp
     const Session session = _session;
     const auto ended = [&] { return !_open || _session != session; };
     const auto settled = [&] { return ended() || used() < kPlaces; };
+    if (!settled()) gather(lock);
     if (giveUp) {
         while (!_changed.wait_for(lock, kAskAgain, settled)) {
             if (giveUp()) return {};
@@ -53,6 +55,13 @@ std::optional<InFlightWindow::Session> InFlightWindow::take(const GiveUp& giveUp
     if (ended()) return {};
     ++_taken;
     return session;
+}
+
+// Woken at each acknowledgement, publisher and receive thread would meet at each message.
+void InFlightWindow::gather(std::unique_lock<std::mutex>& lock) {
+    ++_gathering;
+    _halfFree.wait_for(lock, kGatherPatience, [this] { return used() <= kPlaces / 2; });
+    --_gathering;
 }
 
 void InFlightWindow::sent(Session session, int token, std::shared_ptr<Receipt> receipt) {
@@ -70,6 +79,7 @@ void InFlightWindow::giveBack(Session session) {
 }
 
 bool InFlightWindow::delivered(int token) {
+    bool halfFree = false;
     {
         const std::lock_guard<std::mutex> lock(_mutex);
         const auto end = _messages.begin() + _sent;
@@ -81,8 +91,10 @@ bool InFlightWindow::delivered(int token) {
         (end - 1)->receipt.reset();
         --_sent;
         acknowledged();
+        halfFree = _gathering > 0 && used() <= kPlaces / 2;
     }
     // Without the lock, for which a publisher that wakes up would wait at once.
+    if (halfFree) _halfFree.notify_one();
     _changed.notify_one();
     return true;
 }

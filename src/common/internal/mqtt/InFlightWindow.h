@@ -35,8 +35,9 @@ public:
     /// What is in flight will hardly be acknowledged any more: its receipts say so.
     void abandon();
 
-    /// Waits for a free place and takes it. Empty if there is no session, it ends meanwhile, or
-    /// `giveUp`, which is asked ten times a second, says so.
+    /// Waits for a free place and takes it: 0.2 ms at the longest until half of them are free, then
+    /// until one is. Empty if there is no session, it ends meanwhile, or `giveUp`, which is asked
+    /// ten times a second, says so.
     std::optional<Session> take(const GiveUp& giveUp = {});
 
     /// The message of a place that was taken in `session` goes out as `token`. It counts for the
@@ -66,18 +67,21 @@ private:
     };
 
     int used() const { return _taken + _sent; }
+    void gather(std::unique_lock<std::mutex>& lock);
     void acknowledged();
 
     mutable std::mutex _mutex;
     std::condition_variable _changed;
+    std::condition_variable _halfFree;
     std::condition_variable _paceChanged;
     // Guarded by _mutex.
     Session _session = 0;
     bool _open = false;
-    int _taken = 0;   // places whose message has not gone out yet
-    int _sent = 0;    // places whose message has
-    int _atQos0 = 0;  // messages since the last acknowledgement
-    int _paced = 0;   // publishers that wait in pace()
+    int _taken = 0;      // places whose message has not gone out yet
+    int _sent = 0;       // places whose message has
+    int _atQos0 = 0;     // messages since the last acknowledgement
+    int _paced = 0;      // publishers that wait in pace()
+    int _gathering = 0;  // publishers that wait in gather()
     std::array<Sent, std::size_t{2} * kPlaces> _messages;  // that have gone out
 };
 

@@ -134,10 +134,22 @@ struct EchoRequest {
 /// @throws std::system_error  nothing could be sent, for want of the right to or of a route.
 bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& request);
 
-/// Turns Nagle's algorithm off for this process's TCP connections to `port`, so that a small packet
-/// is sent at once and not behind the peer's delayed acknowledgement, some 40 ms later. For a
-/// library that gives no access to its socket. Does nothing on Windows; failures are ignored.
-void sendAtOnceTo(std::uint16_t port);
+/// A TCP connection of this process that a library made which gives no access to it.
+struct TcpConnection {
+    int descriptor;
+    std::uint64_t
+        identity;  // is not the descriptor's any more once that is used for something else
+
+    bool operator==(const TcpConnection&) const = default;
+};
+
+/// Those to `port`. Empty on Windows, and where they cannot be listed.
+std::vector<TcpConnection> tcpConnectionsTo(std::uint16_t port);
+
+/// Turns Nagle's algorithm off, so that a small packet is sent at once and not behind the peer's
+/// delayed acknowledgement, some 40 ms later; or on, so that packets are gathered meanwhile. Does
+/// nothing where the connection is closed.
+void sendAtOnce(const TcpConnection& connection, bool atOnce) noexcept;
 
 /// Whether a listening socket has to reuse its address, so that a host which is started again finds
 /// its port at once. Not on Windows, where that would let two processes share a port.

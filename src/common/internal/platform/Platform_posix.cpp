@@ -331,6 +331,12 @@ std::uint16_t peerPort(int descriptor) {
     return 0;
 }
 
+// The number of a socket, which no other has meanwhile.
+std::uint64_t identityOf(int descriptor) {
+    struct stat status {};
+    return ::fstat(descriptor, &status) == 0 ? status.st_ino : 0;
+}
+
 }  // namespace
 
 std::string executablePath() {
@@ -509,15 +515,21 @@ bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& r
     return false;
 }
 
-void sendAtOnceTo(std::uint16_t port) {
+std::vector<TcpConnection> tcpConnectionsTo(std::uint16_t port) {
+    std::vector<TcpConnection> found;
     std::error_code unreadable;
     for (fs::directory_iterator entry("/dev/fd", unreadable), end; !unreadable && entry != end;
          entry.increment(unreadable)) {
         const int descriptor = std::atoi(entry->path().filename().c_str());
-        if (peerPort(descriptor) != port) continue;
-        const int on = 1;
-        ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        if (peerPort(descriptor) == port) found.push_back({descriptor, identityOf(descriptor)});
     }
+    return found;
+}
+
+void sendAtOnce(const TcpConnection& connection, bool atOnce) noexcept {
+    if (identityOf(connection.descriptor) != connection.identity) return;
+    const int on = atOnce ? 1 : 0;
+    ::setsockopt(connection.descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
 bool reusesListeningAddress() noexcept {

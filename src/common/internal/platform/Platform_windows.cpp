@@ -479,7 +479,11 @@ bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& r
 
 // Sockets can be told from other handles only by calls that wait where a handle is that of a pipe
 // from which another thread is reading.
-void sendAtOnceTo(std::uint16_t) {}
+std::vector<TcpConnection> tcpConnectionsTo(std::uint16_t) {
+    return {};
+}
+
+void sendAtOnce(const TcpConnection&, bool) noexcept {}
 
 bool reusesListeningAddress() noexcept {
     return false;
