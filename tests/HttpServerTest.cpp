@@ -1,4 +1,5 @@
 #include <Poco/Net/HTTPServerParams.h>
+#include <Poco/Net/HTTPServerRequestImpl.h>
 #include <Poco/Net/WebSocket.h>
 #include <Poco/NumberFormatter.h>
 #include <Poco/StreamCopier.h>
@@ -428,7 +429,11 @@ TEST_F(BoundedServer, RefusesConnectionsInExcessAndClosesIdleOnesForThoseThatWai
 
 TEST_F(BoundedServer, HandsAConnectionOverToAWebSocketThatOutlivesTheRequest) {
     std::promise<std::unique_ptr<Poco::Net::WebSocket>> taken;
+    std::vector<Poco::Net::SocketAddress> peers;
     const auto http = kel::HttpServer::createInstance(socket, params, [&](auto& in, auto& out) {
+        auto& served = dynamic_cast<Poco::Net::HTTPServerRequestImpl&>(in);
+        EXPECT_TRUE(served.socket().getNoDelay()) << "a reply in parts waits between them";
+        peers = {in.clientAddress(), in.serverAddress()};
         taken.set_value(std::make_unique<Poco::Net::WebSocket>(in, out));
     });
     http->start();
@@ -439,6 +444,7 @@ TEST_F(BoundedServer, HandsAConnectionOverToAWebSocketThatOutlivesTheRequest) {
         "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: AAAAAAAAAAAAAAAAAAAAAA==\r\n\r\n" +
         frame);  // the first frame comes with the request
     const auto webSocket = taken.get_future().get();
+    EXPECT_EQ((std::vector{client.address(), socket.address()}), peers);
     EXPECT_TRUE(http->stop(kLong)) << "still counts the connection as its own";
     std::string reply;
     for (int round = 0; round < 2; ++round) {

@@ -44,6 +44,19 @@ GuardedSocket::GuardedSocket(const Poco::Net::StreamSocket& accepted,
     reset(inner().sockfd());
     inner().setReceiveTimeout(kSlice);
     inner().setSendTimeout(Poco::Timespan(_state->times.grace.count() * 1000));
+    noteAddresses();
+    // Else the second part of a reply waits for the client's delayed acknowledgement of the first.
+    if (_address.family() != Poco::Net::SocketAddress::UNIX_LOCAL) inner().setNoDelay(true);
+}
+
+// POCO asks for both with each request.
+void GuardedSocket::noteAddresses() {
+    try {
+        _address = inner().address();
+        _peerAddress = inner().peerAddress();
+    } catch (const Poco::Exception&) {
+        // The client has gone; what is left is to notice it by reading.
+    }
 }
 
 // The descriptor is the accepted socket's to close.
@@ -298,6 +311,14 @@ void GuardedSocket::setReceiveTimeout(const Poco::Timespan& timeout) {
 
 Poco::Timespan GuardedSocket::getReceiveTimeout() {
     return _receiveTimeout;
+}
+
+Poco::Net::SocketAddress GuardedSocket::address() {
+    return _address;
+}
+
+Poco::Net::SocketAddress GuardedSocket::peerAddress() {
+    return _peerAddress;
 }
 
 void GuardedSocket::setBlocking(bool flag) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/Net/StreamSocketImpl.h>
 #include <Poco/Timespan.h>
@@ -71,6 +72,8 @@ public:
     bool poll(const Poco::Timespan& timeout, int mode) override;
     void setReceiveTimeout(const Poco::Timespan& timeout) override;
     Poco::Timespan getReceiveTimeout() override;
+    Poco::Net::SocketAddress address() override;
+    Poco::Net::SocketAddress peerAddress() override;
     void setBlocking(bool flag) override;
     bool getBlocking() const override;
     bool secure() const override;
@@ -86,6 +89,7 @@ private:
         std::chrono::milliseconds whenCrowded;
     };
 
+    void noteAddresses();
     void forgetRequest();
     void readHead();
     bool fillBuffer(const Patience& patience);
@@ -101,6 +105,10 @@ private:
 
     Poco::Net::StreamSocket _inner;
     const std::shared_ptr<ServerState> _state;
+
+    // Set at construction.
+    Poco::Net::SocketAddress _address;
+    Poco::Net::SocketAddress _peerAddress;
 
     // The connection's own thread only.
     Poco::Timespan _receiveTimeout{60, 0};
