@@ -91,6 +91,7 @@ private:
 
     void noteAddresses();
     void forgetRequest();
+    void lookOut(Clock::time_point since);
     void readHead();
     bool fillBuffer(const Patience& patience);
     bool findHeadEnd(std::size_t& searched);
@@ -123,6 +124,7 @@ private:
     int _refusedBody = 0;
     bool _sendingFailed = false;
     bool _passThrough = false;
+    Clock::time_point _lookOutFrom;  // for a next request that comes at once
 
     std::atomic<bool> _answering{false};
     std::atomic<Clock::rep> _cutOff{0};  // when a blocking call has taken too long; 0: none runs
