@@ -32,12 +32,6 @@ std::string jsonReply(const std::string& body) {
            Poco::NumberFormatter::formatHex(body.size()) + "\r\n" + body + "\r\n0\r\n\r\n";
 }
 
-std::string repeated(const std::string& text, int times) {
-    std::string all;
-    for (int i = 0; i < times; ++i) all += text;
-    return all;
-}
-
 std::string standardReply(const std::string& body) {
     return "HTTP/1.1 200 OK\r\nDate\r\nConnection: Keep-Alive\r\nContent-Length: " +
            std::to_string(body.size()) + "\r\n\r\n" + body;
@@ -208,11 +202,11 @@ TEST_F(WebApi, RefusesWhatIsNoRequestAndBodiesThatAreNoJsonObject) {
                                              "{}{}",
                                              "{\"b\":\"\xFF",
                                              std::string(100000, '['),
-                                             "{\"b\":[{}" + repeated(",{}", 100'000) + "]}"};
+                                             "{\"b\":" + listOf("{}", 100'000) + "}"};
     for (const auto& body : bodies) requests.push_back(request("POST /body", body));
     for (const auto& bytes : requests) EXPECT_EQ(kFailed, exchange(bytes)) << bytes.substr(0, 80);
     EXPECT_EQ(kFailed, RawClient(port).send(post + "\r\n").read()) << "waits for a body";
-    EXPECT_EQ("", exchange(chunked + "7000000\r\n" + repeated(" ", 0x7000000)));
+    EXPECT_EQ("", exchange(chunked + "7000000\r\n" + std::string(0x7000000, ' ')));
     EXPECT_TRUE(log.await("body is longer than 8 MiB", 2));
     EXPECT_EQ(3 + requests.size() + 4, log.count("")) << "each is one line";
 
