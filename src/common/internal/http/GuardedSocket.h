@@ -124,7 +124,8 @@ private:
     int _refusedBody = 0;
     bool _sendingFailed = false;
     bool _passThrough = false;
-    Clock::time_point _lookOutFrom;  // for a next request that comes at once
+    bool _asksAtOnce = false;        // its last request came right after the reply before
+    Clock::time_point _lookOutFrom;  // for the next one
 
     std::atomic<bool> _answering{false};
     std::atomic<Clock::rep> _cutOff{0};  // when a blocking call has taken too long; 0: none runs
