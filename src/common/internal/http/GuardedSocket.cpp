@@ -53,18 +53,18 @@ GuardedSocket::GuardedSocket(const Poco::Net::StreamSocket& accepted,
     reset(inner().sockfd());
     inner().setReceiveTimeout(kSlice);
     inner().setSendTimeout(Poco::Timespan(_state->times.grace.count() * 1000));
-    noteAddresses();
-    // Else the second part of a reply waits for the client's delayed acknowledgement of the first.
-    if (_address.family() != Poco::Net::SocketAddress::UNIX_LOCAL) inner().setNoDelay(true);
+    prepare();
 }
 
-// POCO asks for both with each request.
-void GuardedSocket::noteAddresses() {
+// POCO asks for both addresses with each request. Without the option, the second part of a reply
+// would wait for the client's delayed acknowledgement of the first.
+void GuardedSocket::prepare() {
     try {
         _address = inner().address();
         _peerAddress = inner().peerAddress();
+        inner().setNoDelay(true);
     } catch (const Poco::Exception&) {
-        // The client has gone; what is left is to notice it by reading.
+        // Not TCP, or the client has gone, which reading will show.
     }
 }
 

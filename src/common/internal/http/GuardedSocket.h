@@ -89,7 +89,7 @@ private:
         std::chrono::milliseconds whenCrowded;
     };
 
-    void noteAddresses();
+    void prepare();
     void forgetRequest();
     void lookOut(Clock::time_point since);
     void readHead();
