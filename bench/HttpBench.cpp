@@ -1,6 +1,6 @@
-// Requests per second: a JSON route and the reply to an unknown path beside a bare POCO server with
-// the same reply and headers, asked by wrk over kept connections; and asynchronous GETs beside
-// sessions made by hand.
+// Requests per second and the processor time for one: a JSON route and the reply to an unknown path
+// beside a bare POCO server with the same reply and headers, asked by wrk over kept connections;
+// and asynchronous GETs beside sessions made by hand.
 
 #include <Poco/Exception.h>
 #include <Poco/JSON/Object.h>
@@ -22,7 +22,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <ctime>
+#include <deque>
 #include <functional>
+#include <mutex>
 #include <semaphore>
 #include <string>
 #include <thread>
@@ -133,7 +137,7 @@ double numberAfter(const std::string& text, const std::string& label) {
 }
 
 // wrk counts those that never got a thread as time-outs; all else is a wrong result.
-double requestsPerSecond(const std::string& url, int connections) {
+std::string reportOfWrk(const std::string& url, int connections) {
     Poco::Pipe out;
     const auto wrk = Poco::Process::launch(
         "wrk", {"-t1", "-d2s", "-c" + std::to_string(connections), url}, nullptr, &out, nullptr);
@@ -142,9 +146,24 @@ double requestsPerSecond(const std::string& url, int connections) {
     Poco::StreamCopier::copyToString(lines, report);
     bench::check(wrk.wait() == 0, "wrk has failed: " + report);
     bench::check(report.find("Non-2xx") == std::string::npos, report);
+    return report;
+}
+
+double requestsPerSecond(const std::string& url, int connections) {
+    const std::string report = reportOfWrk(url, connections);
     const double rate = numberAfter(report, "Requests/sec:");
     bench::check(rate > 0, "no replies: " + report);
     return rate;
+}
+
+// In microseconds, of this process, which is both servers: the other has nothing to do meanwhile.
+double processorTimeOfRequest(const std::string& url) {
+    const std::clock_t begin = std::clock();
+    const std::string report = reportOfWrk(url, 1);
+    const double took = double(std::clock() - begin) / CLOCKS_PER_SEC;
+    const auto count = report.find(" requests in");
+    bench::check(count != std::string::npos, report);
+    return took * 1e6 / std::stod(report.substr(report.rfind('\n', count) + 1));
 }
 
 void serve(const bench::Rounds& rounds) {
@@ -154,15 +173,21 @@ void serve(const bench::Rounds& rounds) {
                                       {"/unknown", "unknown path"}}) {
         bench::check(replyOf(ours.socket, path) == replyOf(bare.socket, path),
                      "the replies differ: " + replyOf(ours.socket, path));
+        const std::string url = urlOf(ours.socket, path), bareUrl = urlOf(bare.socket, path);
         for (const int connections : {1, 8, 64}) {
-            const auto ask = [connections](const std::string& url) {
+            const auto ask = [connections](const std::string& asked) {
                 return bench::Job(
-                    [=] { return std::vector<double>{requestsPerSecond(url, connections)}; });
+                    [=] { return std::vector<double>{requestsPerSecond(asked, connections)}; });
             };
             rounds.contest(title + ", kept connections: " + std::to_string(connections),
-                           {"requests/s"}, ask(urlOf(ours.socket, path)),
-                           {{"POCO's HTTPServer", ask(urlOf(bare.socket, path)), 1.0}});
+                           {"requests/s"}, ask(url), {{"POCO's HTTPServer", ask(bareUrl), 1.0}});
         }
+        const auto cost = [](const std::string& asked) {
+            return bench::Job([=] { return std::vector<double>{processorTimeOfRequest(asked)}; });
+        };
+        rounds.contest(title + ", kept connections: 1", {"us of the server's processor time"},
+                       cost(url), {{"POCO's HTTPServer", cost(bareUrl), 1.0}},
+                       bench::Better::kLower);
     }
 }
 
@@ -185,8 +210,36 @@ double getsPerSecond(const std::function<int()>& getAll) {
     return kGets / took.count();
 }
 
-// kClients requests are under way at a time; whoever submits them sleeps until one has ended.
-int getByClient(const std::string& url) {
+// kClients requests are under way at a time: each callback asks for the next.
+class CallbackChain {
+public:
+    explicit CallbackChain(const std::string& url) : _url(url) {}
+
+    int getAll() {
+        for (int i = 0; i < kClients; ++i) getNext();
+        for (int i = 0; i < kClients; ++i) _ended.acquire();
+        return _succeeded;
+    }
+
+private:
+    void getNext() {
+        if (_begun++ >= kGets) return _ended.release();
+        _client->doHttpRequest(_url, [this](auto status, std::istream& body) {
+            Poco::NullOutputStream none;
+            Poco::StreamCopier::copyStream(body, none);
+            _succeeded += status == HTTPResponse::HTTP_OK;
+            getNext();
+        });
+    }
+
+    const std::string _url;
+    const std::shared_ptr<kel::HttpClient> _client = kel::HttpClient::defaultHttpClient();
+    std::atomic<int> _begun{0}, _succeeded{0};
+    std::counting_semaphore<kClients> _ended{0};
+};
+
+// One thread submits all, and sleeps while kClients are under way.
+int getBySubmitter(const std::string& url) {
     const auto client = kel::HttpClient::defaultHttpClient();
     std::counting_semaphore<kClients> places(kClients);
     std::atomic<int> succeeded{0};
@@ -202,6 +255,55 @@ int getByClient(const std::string& url) {
     for (int i = 0; i < kClients; ++i) places.acquire();
     return succeeded;
 }
+
+// As above, by hand: a queue and kClients threads that take from it.
+class QueueOfGets {
+public:
+    explicit QueueOfGets(const Poco::Net::SocketAddress& address) : _address(address) {}
+
+    int getAll() {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < kClients; ++i) threads.emplace_back([this] { serve(); });
+        for (int i = 0; i < kGets + kClients; ++i) {
+            _places.acquire();
+            submit(i < kGets);
+        }
+        for (std::thread& thread : threads) thread.join();
+        return _succeeded;
+    }
+
+private:
+    void submit(bool isGet) {
+        {
+            const std::lock_guard<std::mutex> lock(_mutex);
+            _queue.push_back(isGet);
+        }
+        _submitted.notify_one();
+    }
+
+    bool take() {
+        std::unique_lock<std::mutex> lock(_mutex);
+        _submitted.wait(lock, [this] { return !_queue.empty(); });
+        const bool isGet = _queue.front();
+        _queue.pop_front();
+        return isGet;
+    }
+
+    void serve() {
+        while (take()) {
+            _succeeded += getByHand(_address);
+            _places.release();
+        }
+        _places.release();
+    }
+
+    const Poco::Net::SocketAddress _address;
+    std::counting_semaphore<kClients> _places{kClients};
+    std::atomic<int> _succeeded{0};
+    std::mutex _mutex;
+    std::condition_variable _submitted;
+    std::deque<bool> _queue;  // guarded by _mutex; false ends a thread
+};
 
 int getBySessions(const Poco::Net::SocketAddress& address) {
     std::atomic<int> begun{0}, succeeded{0};
@@ -221,10 +323,15 @@ void request(const bench::Rounds& rounds) {
     const auto rateOf = [](std::function<int()> getAll) {
         return bench::Job([=] { return std::vector<double>{getsPerSecond(getAll)}; });
     };
-    rounds.contest(
-        "GETs, 8 at a time, a connection each", {"requests/s"},
-        rateOf([url = urlOf(server.socket, "/json")] { return getByClient(url); }),
-        {{"HTTPClientSession on 8 threads", rateOf([&] { return getBySessions(address); }), 1.0}});
+    const std::string url = urlOf(server.socket, "/json");
+    const bench::Rival loops{"HTTPClientSession, 8 threads in loops",
+                             rateOf([&] { return getBySessions(address); }), 1.0};
+    const bench::Rival queue{"HTTPClientSession, 8 threads and a queue",
+                             rateOf([&] { return QueueOfGets(address).getAll(); }), 1.0};
+    rounds.contest("GETs, 8 at a time, each callback asks for the next", {"requests/s"},
+                   rateOf([&] { return CallbackChain(url).getAll(); }), {loops});
+    rounds.contest("GETs, 8 at a time, submitted by one thread", {"requests/s"},
+                   rateOf([&] { return getBySubmitter(url); }), {loops, queue});
 }
 
 }  // namespace

@@ -85,6 +85,7 @@ TEST(HttpClient, HandsRepliesOnAsTheyCameAndMakesOneLineAndOne400OfEachFailure) 
         const std::string shown = kel::withoutControls(url);
         EXPECT_EQ(1u, log.count("requst url '" + shown + "' exception: ")) << shown;
     }
+    EXPECT_EQ(1u, log.count("exception: Timeout: connect timed out: " + full.address().toString()));
     EXPECT_EQ(4 + urls.size(), log.count(""));
     const auto passOn = [](auto, auto&) { throw std::range_error(""); };
     EXPECT_THROW(kel::HttpClient::defaultHttpClient()->doHttpRequestSync(live.url(), "", passOn),

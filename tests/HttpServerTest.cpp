@@ -1,4 +1,5 @@
 #include <Poco/Net/HTTPServerParams.h>
+#include <Poco/Net/HTTPServerRequestImpl.h>
 #include <Poco/Net/WebSocket.h>
 #include <Poco/NumberFormatter.h>
 #include <Poco/StreamCopier.h>
@@ -29,12 +30,6 @@ std::string jsonReply(const std::string& body) {
     return "HTTP/1.1 200 OK\r\nDate\r\nConnection: Keep-Alive\r\nTransfer-Encoding: chunked\r\n"
            "Content-Type: application/json\r\n\r\n" +
            Poco::NumberFormatter::formatHex(body.size()) + "\r\n" + body + "\r\n0\r\n\r\n";
-}
-
-std::string repeated(const std::string& text, int times) {
-    std::string all;
-    for (int i = 0; i < times; ++i) all += text;
-    return all;
 }
 
 std::string standardReply(const std::string& body) {
@@ -207,11 +202,11 @@ TEST_F(WebApi, RefusesWhatIsNoRequestAndBodiesThatAreNoJsonObject) {
                                              "{}{}",
                                              "{\"b\":\"\xFF",
                                              std::string(100000, '['),
-                                             "{\"b\":[{}" + repeated(",{}", 100'000) + "]}"};
+                                             "{\"b\":" + listOf("{}", 100'000) + "}"};
     for (const auto& body : bodies) requests.push_back(request("POST /body", body));
     for (const auto& bytes : requests) EXPECT_EQ(kFailed, exchange(bytes)) << bytes.substr(0, 80);
     EXPECT_EQ(kFailed, RawClient(port).send(post + "\r\n").read()) << "waits for a body";
-    EXPECT_EQ("", exchange(chunked + "7000000\r\n" + repeated(" ", 0x7000000)));
+    EXPECT_EQ("", exchange(chunked + "7000000\r\n" + std::string(0x7000000, ' ')));
     EXPECT_TRUE(log.await("body is longer than 8 MiB", 2));
     EXPECT_EQ(3 + requests.size() + 4, log.count("")) << "each is one line";
 
@@ -428,7 +423,11 @@ TEST_F(BoundedServer, RefusesConnectionsInExcessAndClosesIdleOnesForThoseThatWai
 
 TEST_F(BoundedServer, HandsAConnectionOverToAWebSocketThatOutlivesTheRequest) {
     std::promise<std::unique_ptr<Poco::Net::WebSocket>> taken;
+    std::vector<Poco::Net::SocketAddress> peers;
     const auto http = kel::HttpServer::createInstance(socket, params, [&](auto& in, auto& out) {
+        auto& served = dynamic_cast<Poco::Net::HTTPServerRequestImpl&>(in);
+        EXPECT_TRUE(served.socket().getNoDelay()) << "a reply in parts waits between them";
+        peers = {in.clientAddress(), in.serverAddress()};
         taken.set_value(std::make_unique<Poco::Net::WebSocket>(in, out));
     });
     http->start();
@@ -439,6 +438,7 @@ TEST_F(BoundedServer, HandsAConnectionOverToAWebSocketThatOutlivesTheRequest) {
         "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: AAAAAAAAAAAAAAAAAAAAAA==\r\n\r\n" +
         frame);  // the first frame comes with the request
     const auto webSocket = taken.get_future().get();
+    EXPECT_EQ((std::vector{client.address(), socket.address()}), peers);
     EXPECT_TRUE(http->stop(kLong)) << "still counts the connection as its own";
     std::string reply;
     for (int round = 0; round < 2; ++round) {

@@ -20,6 +20,7 @@
 #include <Poco/Net/HTMLForm.h>
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/StreamSocketImpl.h>
 #include <Poco/NullStream.h>
 #include <Poco/Timespan.h>
 #include <Poco/URI.h>
@@ -33,6 +34,7 @@
 #include "ThreadPool.h"
 #include "internal/http/MaskedUrl.h"
 #include "internal/log/UnitLog.h"
+#include "internal/platform/Platform.h"
 #include "internal/process/LibraryStop.h"
 #include "internal/process/NeverDestroyed.h"
 #include "internal/process/WorkInProgress.h"
@@ -44,6 +46,7 @@ using Poco::Net::HTTPClientSession;
 using Poco::Net::HTTPMessage;
 using Poco::Net::HTTPRequest;
 using Poco::Net::HTTPResponse;
+using Poco::Net::SocketAddress;
 
 namespace {
 
@@ -115,6 +118,30 @@ void submit(std::function<void(const Request&)> task) {
         [task = std::move(task), request = std::make_shared<Request>()] { task(*request); });
 }
 
+// To bound a connect, POCO makes the socket non-blocking, awaits it and makes it blocking again:
+// nine calls into the system more than a connect that the system bounds itself.
+class PlainSocket : public Poco::Net::StreamSocketImpl {
+public:
+    void connect(const SocketAddress& address, const Poco::Timespan& timeout) override {
+        if (!platform::kSendTimeoutBoundsConnect) {
+            return StreamSocketImpl::connect(address, timeout);
+        }
+        if (!initialized()) init(address.af());
+        setSendTimeout(timeout);
+        connectWithin(address);
+    }
+
+private:
+    void connectWithin(const SocketAddress& address) {
+        try {
+            StreamSocketImpl::connect(address);
+        } catch (const Poco::Exception& exc) {
+            if (exc.code() != POCO_EINPROGRESS) throw;
+            throw Poco::TimeoutException("connect timed out", address.toString());
+        }
+    }
+};
+
 // Is on the list before its first byte is sent, the handshake's included.
 class ListedSession : public HTTPClientSession {
 public:
@@ -123,7 +150,7 @@ public:
     ~ListedSession() override { Request::unlist(*this); }
 
 protected:
-    void connect(const Poco::Net::SocketAddress& address) override {
+    void connect(const SocketAddress& address) override {
         HTTPClientSession::connect(address);
         _request.list(*this);
         tls::shakeHands(socket());
@@ -136,7 +163,7 @@ private:
 // The socket decides what is spoken; a body never goes unprotected to a TLS port.
 Poco::Net::StreamSocket socketFor(const Poco::URI& uri) {
     if (uri.getScheme() == "https") return tls::clientSocket(uri.getHost());
-    return Poco::Net::StreamSocket();
+    return Poco::Net::StreamSocket(new PlainSocket);
 }
 
 // Path and query as the request line takes them.

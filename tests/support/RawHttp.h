@@ -51,6 +51,13 @@ inline std::string request(std::string line, std::string body = "", std::string 
            "\r\n\r\n" + body;
 }
 
+/// A JSON list of equal values.
+inline std::string listOf(const std::string& value, int count) {
+    std::string list = "[" + value;
+    for (int i = 1; i < count; ++i) list += "," + value;
+    return list + "]";
+}
+
 /// A server on a loopback port. Its script gets each connection after the request has been read;
 /// the connection is closed when the script returns.
 class ScriptedServer {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/Net/StreamSocketImpl.h>
 #include <Poco/Timespan.h>
@@ -71,6 +72,8 @@ public:
     bool poll(const Poco::Timespan& timeout, int mode) override;
     void setReceiveTimeout(const Poco::Timespan& timeout) override;
     Poco::Timespan getReceiveTimeout() override;
+    Poco::Net::SocketAddress address() override;
+    Poco::Net::SocketAddress peerAddress() override;
     void setBlocking(bool flag) override;
     bool getBlocking() const override;
     bool secure() const override;
@@ -86,7 +89,9 @@ private:
         std::chrono::milliseconds whenCrowded;
     };
 
+    void prepare();
     void forgetRequest();
+    void lookOut(Clock::time_point since);
     void readHead();
     bool fillBuffer(const Patience& patience);
     bool findHeadEnd(std::size_t& searched);
@@ -102,6 +107,10 @@ private:
     Poco::Net::StreamSocket _inner;
     const std::shared_ptr<ServerState> _state;
 
+    // Set at construction.
+    Poco::Net::SocketAddress _address;
+    Poco::Net::SocketAddress _peerAddress;
+
     // The connection's own thread only.
     Poco::Timespan _receiveTimeout{60, 0};
     std::string _buffer;  // received and not yet handed out, from _begin on
@@ -115,6 +124,8 @@ private:
     int _refusedBody = 0;
     bool _sendingFailed = false;
     bool _passThrough = false;
+    bool _asksAtOnce = false;        // its last request came right after the reply before
+    Clock::time_point _lookOutFrom;  // for the next one
 
     std::atomic<bool> _answering{false};
     std::atomic<Clock::rep> _cutOff{0};  // when a blocking call has taken too long; 0: none runs

@@ -159,6 +159,9 @@ bool reusesListeningAddress() noexcept;
 /// only by its time-out, as on Windows, where select() reports a refusal as an exception.
 extern const bool kRefusedConnectIsSlow;
 
+/// Whether a socket's send time-out is also the longest that a blocking connect takes, as on Linux.
+extern const bool kSendTimeoutBoundsConnect;
+
 /// Whether a static destructor may join threads. Not on Windows, where it runs under the loader
 /// lock, which an ending thread needs.
 bool canJoinAtExit() noexcept;

@@ -538,6 +538,8 @@ bool reusesListeningAddress() noexcept {
 
 const bool kRefusedConnectIsSlow = false;
 
+const bool kSendTimeoutBoundsConnect = true;
+
 bool canJoinAtExit() noexcept {
     return true;
 }

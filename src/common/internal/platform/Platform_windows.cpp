@@ -491,6 +491,8 @@ bool reusesListeningAddress() noexcept {
 
 const bool kRefusedConnectIsSlow = true;
 
+const bool kSendTimeoutBoundsConnect = false;
+
 bool canJoinAtExit() noexcept {
     return false;
 }
