@@ -25,32 +25,32 @@
 namespace {
 
 // What a host would hold; never destroyed, so that the process ends with it in use.
-struct Held {
+struct Objects {
     std::shared_ptr<kel::MqttClient> client;
     std::shared_ptr<kel::WebHookBasic> hook;
     Poco::Net::ServerSocket mute;
     Poco::Net::StreamSocket peer;
     std::promise<void> served;
 };
-Held& held = *new Held;
+Objects& objects = *new Objects;
 
 // The address of a peer that accepts and says nothing.
 std::string blackHole() {
-    held.mute = kel::serverSocket({"127.0.0.1", 0});
-    return held.mute.address().toString();
+    objects.mute = kel::serverSocket({"127.0.0.1", 0});
+    return objects.mute.address().toString();
 }
 
 void connect(const std::string& address) {
     const auto always = [](auto&&...) { return true; };
-    held.client = kel::MqttClient::createInstance("tcp://" + address, "ending", "", "");
-    held.client->Connect(always, always);
+    objects.client = kel::MqttClient::createInstance("tcp://" + address, "ending", "", "");
+    objects.client->Connect(always, always);
 }
 
 void exchangeMessages(const std::string& broker) {
     connect(broker);
-    while (!held.client->PublishMessage("{}", "t", 0, 0, 0)) std::this_thread::yield();
-    held.client->Subscribe([](MQTTClient_message*, const std::string&) {}, "t", 1);
-    for (int i = 0; i < 500; ++i) held.client->PublishMessage("{}", "t", i % 3, 0, 0);
+    while (!objects.client->PublishMessage("{}", "t", 0, 0, 0)) std::this_thread::yield();
+    objects.client->Subscribe([](MQTTClient_message*, const std::string&) {}, "t", 1);
+    for (int i = 0; i < 500; ++i) objects.client->PublishMessage("{}", "t", i % 3, 0, 0);
 }
 
 void request(const std::string&) {
@@ -63,20 +63,20 @@ void serve(const std::string&) {
     const auto socket = kel::serverSocket({"127.0.0.1", 0});
     const auto api = kel::WebApiBasic::instance();
     api->apiRegist("/slow", [](auto&, auto&, const auto&, auto& result) {
-        held.served.set_value();
+        objects.served.set_value();
         ::usleep(200'000);
         result.set("late", true);
     });
     api->start(socket);
-    held.peer.connect(socket.address());
-    held.peer.sendBytes("GET /slow HTTP/1.1\r\n\r\n", 22);
-    held.served.get_future().wait();
+    objects.peer.connect(socket.address());
+    objects.peer.sendBytes("GET /slow HTTP/1.1\r\n\r\n", 22);
+    objects.served.get_future().wait();
 }
 
 void startTimer(const std::string&) {
     kel::configInstance().setBool("hook.enable", true);
-    held.hook = kel::WebHookBasic::createInstance();
-    held.hook->reportServerKeepalive();
+    objects.hook = kel::WebHookBasic::createInstance();
+    objects.hook->reportServerKeepalive();
 }
 
 void startTasks(const std::string&) {
@@ -104,7 +104,7 @@ using State = std::function<void(const std::string& broker)>;
 
 const std::map<std::string_view, State>& states = *new std::map<std::string_view, State>{
     {"not connected",
-     [](auto& broker) { held.client = kel::MqttClient::createInstance(broker, "", "", ""); }},
+     [](auto& broker) { objects.client = kel::MqttClient::createInstance(broker, "", "", ""); }},
     {"connecting to a black hole", [](auto&) { connect(blackHole()); }},
     {"under traffic", exchangeMessages},
     {"waiting for the broker", [](auto&) { connect("127.0.0.1:1"); }},
@@ -131,8 +131,8 @@ extern "C" void leave(const char* given, const char* /*broker*/) {
         ::raise(SIGTERM);
         kel::waitForTerminationRequest();
     }
-    held.client.reset();
-    held.hook.reset();
+    objects.client.reset();
+    objects.hook.reset();
     kel::WebApiBasic::instance()->stop();
     if (way == "release") return;
     kel::stopLibrary();

@@ -127,7 +127,7 @@ TEST(HttpClient, IsCutOffByAStopOfTheLibraryAndBeginsAnewAfterwards) {
     }
 }
 
-TEST(HttpClient, MayGoWhileItsRequestsRunOfWhichThePoolTakesSoMany) {
+TEST(HttpClient, CanBeDestroyedWhileRequestsRunWhichThePoolBounds) {
     std::promise<void> release;
     ScriptedServer server([released = release.get_future().share()](RawClient& peer) {
         released.wait();

@@ -308,7 +308,7 @@ TEST_F(WebApi, IsSafeToChangeUnderLoad) {
     }
 }
 
-TEST_F(WebApi, LetsGoWhatCallbacksCapturedAtOnceAndWithNoLockHeld) {
+TEST_F(WebApi, DestroysWhatCallbacksCapturedAtOnceWithoutALock) {
     const auto whenGone = [](std::function<void()> stop) {
         return [held = std::shared_ptr<void>(nullptr, std::bind(stop))](auto&&...) {};
     };
@@ -385,7 +385,7 @@ TEST_F(BoundedServer, RefusesARequestThatTwoReadersCouldTakeForTwo) {
     EXPECT_EQ(37u, numbers.requests);
 }
 
-TEST_F(BoundedServer, PutsUpWithASlowClientForSoLong) {
+TEST_F(BoundedServer, ClosesTheConnectionOfAClientThatIsTooSlow) {
     kel::ServerTimes times;
     times.head = times.grace = std::chrono::milliseconds(300);
     start(times);

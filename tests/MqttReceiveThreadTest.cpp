@@ -67,7 +67,7 @@ protected:
 }  // namespace
 
 // Two of them would free each other's memory.
-TEST_F(MqttReceiveThreadTest, IsAwaitedWhereItBeginsLate) {
+TEST_F(MqttReceiveThreadTest, ALateBeginningIsAwaited) {
     lateNow = true;
     const ClientPtr first = connected("edge-1"), second = connected("edge-2");
     EXPECT_FALSE(lateNow);
@@ -76,7 +76,7 @@ TEST_F(MqttReceiveThreadTest, IsAwaitedWhereItBeginsLate) {
 }
 
 // A connect that has just begun would wait for nobody.
-TEST_F(MqttReceiveThreadTest, StaysWhereTheLastSessionEnds) {
+TEST_F(MqttReceiveThreadTest, OutlivesTheLastSession) {
     const Broker otherBroker;
     const ClientPtr client = connected("edge-1");
     const ClientPtr other =

@@ -94,7 +94,7 @@ public:
     }
 
     /// @throws Poco::IllegalStateException  it was begun before a stop, or as the process ends.
-    void list(HTTPClientSession& session) const {
+    void addSession(HTTPClientSession& session) const {
         const std::lock_guard<std::mutex> lock(requests().mutex);
         if (_refused) throw Poco::IllegalStateException("the process is ending");
         if (_stops != requests().stops)
@@ -102,7 +102,7 @@ public:
         requests().connected.insert(&session);
     }
 
-    static void unlist(HTTPClientSession& session) {
+    static void removeSession(HTTPClientSession& session) {
         const std::lock_guard<std::mutex> lock(requests().mutex);
         requests().connected.erase(&session);
     }
@@ -147,12 +147,12 @@ class ListedSession : public HTTPClientSession {
 public:
     ListedSession(const Request& request, const Poco::Net::StreamSocket& socket)
         : HTTPClientSession(socket), _request(request) {}
-    ~ListedSession() override { Request::unlist(*this); }
+    ~ListedSession() override { Request::removeSession(*this); }
 
 protected:
     void connect(const SocketAddress& address) override {
         HTTPClientSession::connect(address);
-        _request.list(*this);
+        _request.addSession(*this);
         tls::shakeHands(socket());
     }
 

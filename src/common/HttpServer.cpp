@@ -42,12 +42,12 @@ Servers& servers() {
     return *instance;
 }
 
-// To be let go without the lock.
+// The result is to be destroyed without the lock.
 std::list<std::shared_ptr<ConnectionServer>> startedServers(bool take = false) {
     std::list<std::shared_ptr<ConnectionServer>> started;
     const std::lock_guard<std::mutex> lock(servers().mutex);
-    for (const auto& held : servers().all) {
-        if (auto server = held.lock()) started.push_back(std::move(server));
+    for (const auto& server : servers().all) {
+        if (auto running = server.lock()) started.push_back(std::move(running));
     }
     if (take) servers().all.clear();
     return started;

@@ -248,9 +248,9 @@ void ConnectionServer::serve(Sockets& accepted) {
         ConnectionServer& server;
         GuardedSocket& socket;
         Listed(ConnectionServer& its, GuardedSocket& listed) : server(its), socket(listed) {
-            server.list(socket);
+            server.addConnection(socket);
         }
-        ~Listed() { server.unlist(socket); }
+        ~Listed() { server.removeConnection(socket); }
     };
     const Serving serving(*this);
     HttpConnection connection(accepted.front(), _state, _params, *_callback);
@@ -272,12 +272,12 @@ void ConnectionServer::end() {
     _ended.notify_all();
 }
 
-void ConnectionServer::list(GuardedSocket& connection) {
+void ConnectionServer::addConnection(GuardedSocket& connection) {
     const std::lock_guard<std::mutex> lock(_mutex);
     _open.insert(&connection);
 }
 
-void ConnectionServer::unlist(GuardedSocket& connection) {
+void ConnectionServer::removeConnection(GuardedSocket& connection) {
     const std::lock_guard<std::mutex> lock(_mutex);
     _open.erase(&connection);
 }

@@ -71,8 +71,8 @@ private:
     void serve(Sockets& accepted);
     void begin();
     void end();
-    void list(GuardedSocket& connection);
-    void unlist(GuardedSocket& connection);
+    void addConnection(GuardedSocket& connection);
+    void removeConnection(GuardedSocket& connection);
     void noteCrowd();
 
     const Poco::AutoPtr<Poco::Net::HTTPServerParams> _params;
