@@ -147,6 +147,10 @@ bool reusesListeningAddress() noexcept;
 /// only by its time-out, as on Windows, where select() reports a refusal as an exception.
 extern const bool kRefusedConnectIsSlow;
 
+/// The certificates of the authorities that the system trusts to tell servers, in DER, where it
+/// keeps them in a store of its own, as Windows does. None elsewhere.
+std::vector<std::string> trustedAuthorities();
+
 /// Whether a static destructor may join threads. Not on Windows, where it runs under the loader
 /// lock, which an ending thread needs.
 bool canJoinAtExit() noexcept;

@@ -41,6 +41,12 @@ struct MqttSecurity {
     bool checkServerName = true;
 };
 
+/// The authorities that the system trusts as a PEM file, for the MQTT library, which reads files
+/// only. Empty where OpenSSL itself knows the system's file. On Windows, where a store has them,
+/// they are written to a file among the application's data; again where the store has changed.
+/// @throws std::system_error  that file cannot be written.
+std::string systemAuthoritiesFile();
+
 /// Why a connection to the broker fails, in words, and naming the file where one is at fault: makes
 /// one with the same settings and ends it. The MQTT library itself only says that it failed. Takes
 /// 10 s and a little at the longest.
