@@ -173,7 +173,10 @@ void Tls::asServer(const Case& one) {
 
 void Tls::asClient(const Case& one) const {
     configure("client", one);
-    Background server(serverWith(one.certificate));
+    const bool named = one.host == "localhost";  // whoever does not say so is shown another one
+    Background server(serverWith(named ? "stranger" : one.certificate) +
+                      " -servername localhost -cert2 " + files[one.certificate + ".pem"] +
+                      " -key2 " + files["good.key"]);
     const std::string address = server.lineAfter("ACCEPT ");
     const std::string url = "https://" + one.host + address.substr(address.find(':')) + "/";
     EXPECT_EQ(one.reason.empty() ? "200 page" : "400", get(url));
@@ -350,7 +353,6 @@ TEST_F(Tls, BrokerCarriesMessagesComesBackAndTellsTheLastWill) {
     Secured broker(files, "good");
     MqttOptions options = trusting();
     options.will = kel::MqttWill{"will", R"({"gone":true})", 1, true};
-    options.applicationProtocols = {"mqtt"};
     const Inbox inbox;
     const auto connected = [&](const std::string& id, const MqttOptions& with) {
         const auto client =
@@ -376,6 +378,15 @@ TEST_F(Tls, BrokerCarriesMessagesComesBackAndTellsTheLastWill) {
     EXPECT_TRUE(await([&] {
         return other->PublishMessage("{}", "bulk", 1, 0, 0) && inbox.count("bulk {}") > 0;
     }));
+}
+
+TEST_F(Tls, BrokerIsOfferedTheProtocolsThatAreNamed) {
+    Background server("stdbuf -oL " + serverWith("good") + " -alpn mqtt");
+    MqttOptions options = trusting();
+    options.connectTimeout = std::chrono::seconds(1);
+    options.applicationProtocols = {"other", "mqtt"};
+    EXPECT_NE(0, attempt("ssl://" + server.lineAfter("ACCEPT "), options));
+    EXPECT_EQ("other, mqtt", server.lineAfter("ALPN protocols advertised by the client: "));
 }
 
 TEST_F(Tls, BrokerOrServerThatSpeaksSomethingElseOrNothingIsAFailure) {
