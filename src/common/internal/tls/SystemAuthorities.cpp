@@ -1,6 +1,7 @@
 #include "SystemAuthorities.h"
 
 #include <Poco/File.h>
+#include <Poco/Net/SSLException.h>
 #include <Poco/Path.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -9,6 +10,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "../platform/Paths.h"
@@ -22,6 +24,14 @@ namespace {
 
 using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;
 using Bio = std::unique_ptr<BIO, decltype(&BIO_free)>;
+
+std::vector<std::string> trustedAuthorities() {
+    try {
+        return platform::trustedAuthorities();
+    } catch (const std::system_error& exc) {
+        throw Poco::Net::SSLException("the system's authorities", exc.what());
+    }
+}
 
 Certificate certificateFrom(const std::string& der) {
     auto data = reinterpret_cast<const unsigned char*>(der.data());
@@ -55,7 +65,7 @@ struct Written {
 }  // namespace
 
 void addSystemAuthorities(X509_STORE* store) {
-    const std::vector<std::string> authorities = platform::trustedAuthorities();
+    const std::vector<std::string> authorities = trustedAuthorities();
     if (authorities.empty()) X509_STORE_set_default_paths(store);
     for (const std::string& der : authorities) {
         const Certificate certificate = certificateFrom(der);
@@ -66,9 +76,10 @@ void addSystemAuthorities(X509_STORE* store) {
 
 std::string systemAuthoritiesFile() {
     static NeverDestroyed<Written> written;
-    const std::vector<std::string> authorities = platform::trustedAuthorities();
+    const std::vector<std::string> authorities = trustedAuthorities();
     if (authorities.empty()) return {};
-    const std::string content = asPem(authorities), file = authoritiesFile();
+    const std::string content = asPem(authorities);
+    std::string file = authoritiesFile();
     const std::lock_guard<std::mutex> lock(written->mutex);
     if (content != written->content || !Poco::File(file).exists()) {
         platform::replaceFileContent(file, content);

@@ -44,6 +44,7 @@ struct MqttSecurity {
 /// The authorities that the system trusts as a PEM file, for the MQTT library, which reads files
 /// only. Empty where OpenSSL itself knows the system's file. On Windows, where a store has them,
 /// they are written to a file among the application's data; again where the store has changed.
+/// @throws Poco::Net::SSLException  the store cannot be read.
 /// @throws std::system_error  that file cannot be written.
 std::string systemAuthoritiesFile();
 
