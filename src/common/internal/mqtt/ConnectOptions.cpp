@@ -3,9 +3,11 @@
 #include <Poco/Exception.h>
 
 #include <filesystem>
+#include <system_error>
 
 #include "../log/UnitLog.h"
 #include "../net/ServerUri.h"
+#include "../platform/Paths.h"
 #include "Topics.h"
 
 namespace kel {
@@ -94,10 +96,15 @@ void LibraryOptions::addSecurity(const MqttOptions& options) {
     const auto orNone = [](const std::string& text) {
         return text.empty() ? nullptr : text.c_str();
     };
+    _authorities = options.authorities;
+    if (_authorities.empty()) {
+        logExceptions(log, [this] { _authorities = tls::systemAuthoritiesFile(); });
+    }
     std::error_code unreadable;  // the attempt then fails, and the reason names the path
-    const bool folder = std::filesystem::is_directory(options.authorities, unreadable);
-    _security.trustStore = folder ? nullptr : orNone(options.authorities);
-    _security.CApath = folder ? options.authorities.c_str() : nullptr;
+    const bool folder =
+        std::filesystem::is_directory(paths::forStandardLibrary(_authorities), unreadable);
+    _security.trustStore = folder ? nullptr : orNone(_authorities);
+    _security.CApath = folder ? _authorities.c_str() : nullptr;
     _security.keyStore = orNone(options.certificate);
     _security.privateKey = orNone(options.privateKey);
     // Also where it is empty: OpenSSL would ask for a missing one at the console.

@@ -41,7 +41,8 @@ private:
     MQTTClient_connectOptions _form = MQTTClient_connectOptions_initializer;
     MQTTClient_willOptions _will = MQTTClient_willOptions_initializer;
     MQTTClient_SSLOptions _security = MQTTClient_SSLOptions_initializer;
-    std::string _protocols;  // as they stand on the wire
+    std::string _authorities;  // file or folder
+    std::string _protocols;    // as they stand on the wire
 };
 
 /// Why an attempt with `options` came to the library's code `rc`, for a line in the log. Where that

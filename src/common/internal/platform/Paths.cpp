@@ -12,4 +12,8 @@ Poco::Path applicationDirectory(const std::string& home) {
     return Poco::Path::forDirectory(home).pushDirectory("kelhost");
 }
 
+std::filesystem::path forStandardLibrary(const std::string& path) {
+    return std::u8string(path.begin(), path.end());
+}
+
 }  // namespace kel::paths

@@ -162,6 +162,10 @@ extern const bool kRefusedConnectIsSlow;
 /// Whether a socket's send time-out is also the longest that a blocking connect takes, as on Linux.
 extern const bool kSendTimeoutBoundsConnect;
 
+/// The certificates of the authorities that the system trusts to tell servers, in DER, where it
+/// keeps them in a store of its own, as Windows does. None elsewhere.
+std::vector<std::string> trustedAuthorities();
+
 /// Whether a static destructor may join threads. Not on Windows, where it runs under the loader
 /// lock, which an ending thread needs.
 bool canJoinAtExit() noexcept;

@@ -540,6 +540,10 @@ const bool kRefusedConnectIsSlow = false;
 
 const bool kSendTimeoutBoundsConnect = true;
 
+std::vector<std::string> trustedAuthorities() {
+    return {};
+}
+
 bool canJoinAtExit() noexcept {
     return true;
 }

@@ -15,6 +15,7 @@
 // Need windows.h before them.
 #include <ipexport.h>
 #include <tlhelp32.h>
+#include <wincrypt.h>
 // Needs ipexport.h before it.
 #include <icmpapi.h>
 
@@ -281,6 +282,20 @@ bool wasSent(DWORD status) {
     return status == IP_SUCCESS || (status > IP_STATUS_BASE && status < IP_GENERAL_FAILURE);
 }
 
+// A certificate may be trusted for other purposes alone, such as signed mail.
+bool isTrustedForServers(PCCERT_CONTEXT certificate) {
+    alignas(CERT_ENHKEY_USAGE) std::array<std::byte, 4096> buffer;
+    auto* const usage = reinterpret_cast<CERT_ENHKEY_USAGE*>(buffer.data());
+    DWORD size = buffer.size();
+    if (!::CertGetEnhancedKeyUsage(certificate, 0, usage, &size)) return false;
+    if (usage->cUsageIdentifier == 0) {  // for all purposes, or for none
+        return static_cast<HRESULT>(::GetLastError()) == CRYPT_E_NOT_FOUND;
+    }
+    const std::vector<std::string> purposes(usage->rgpszUsageIdentifier,
+                                            usage->rgpszUsageIdentifier + usage->cUsageIdentifier);
+    return std::ranges::count(purposes, szOID_PKIX_KP_SERVER_AUTH) > 0;
+}
+
 }  // namespace
 
 std::string executablePath() {
@@ -492,6 +507,20 @@ bool reusesListeningAddress() noexcept {
 const bool kRefusedConnectIsSlow = true;
 
 const bool kSendTimeoutBoundsConnect = false;
+
+std::vector<std::string> trustedAuthorities() {
+    const HCERTSTORE store = ::CertOpenSystemStoreW(0, L"ROOT");
+    if (!store) fail("open the store of authorities", "ROOT");
+    std::vector<std::string> authorities;
+    PCCERT_CONTEXT certificate = nullptr;
+    while ((certificate = ::CertEnumCertificatesInStore(store, certificate))) {
+        if (!isTrustedForServers(certificate)) continue;
+        authorities.emplace_back(reinterpret_cast<const char*>(certificate->pbCertEncoded),
+                                 certificate->cbCertEncoded);
+    }
+    ::CertCloseStore(store, 0);
+    return authorities;
+}
 
 bool canJoinAtExit() noexcept {
     return false;

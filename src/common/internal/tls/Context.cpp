@@ -31,8 +31,10 @@
 #include <vector>
 
 #include "../log/UnitLog.h"
+#include "../platform/Paths.h"
 #include "../process/NeverDestroyed.h"
 #include "ShippedDefaults.h"
+#include "SystemAuthorities.h"
 
 namespace fs = std::filesystem;
 
@@ -90,7 +92,8 @@ std::string opensslReason() {
 
 void checkReadable(const std::string& what, const std::string& file) {
     errno = 0;
-    if (!std::ifstream(file)) refuseFile(what, file, std::strerror(errno ? errno : ENOENT));
+    if (!std::ifstream(paths::forStandardLibrary(file)))
+        refuseFile(what, file, std::strerror(errno ? errno : ENOENT));
 }
 
 std::string passphraseOf(const Settings& settings) {
@@ -163,7 +166,8 @@ void useKeyAndCertificate(SSL_CTX* context, const Settings& settings) {
 // A text that is another one when any of the files has changed.
 std::string stampOfFiles(const std::vector<std::string>& files) {
     std::string stamp;
-    for (const std::string& file : files) {
+    for (const std::string& name : files) {
+        const fs::path file = paths::forStandardLibrary(name);
         std::error_code missing;
         const auto written = fs::last_write_time(file, missing).time_since_epoch().count();
         stamp += std::to_string(written) + ' ' + std::to_string(fs::file_size(file, missing)) + '|';
@@ -177,11 +181,11 @@ std::string stampOf(const Settings& settings) {
 }
 
 void addAuthorities(X509_STORE* store, const Settings& settings) {
-    if (settings.systemAuthorities) X509_STORE_set_default_paths(store);
+    if (settings.systemAuthorities) addSystemAuthorities(store);
     if (settings.authorities.empty()) return;
     const std::string what = settings.origin + "authorities";
     checkReadable(what, settings.authorities);
-    const bool folder = fs::is_directory(settings.authorities);
+    const bool folder = fs::is_directory(paths::forStandardLibrary(settings.authorities));
     const char* const path = settings.authorities.c_str();
     if (X509_STORE_load_locations(store, folder ? nullptr : path, folder ? path : nullptr) != 1) {
         refuseFile(what, settings.authorities, opensslReason());
@@ -242,7 +246,7 @@ void useAuthorities(SSL_CTX* context, const Settings& settings) {
         X509_VERIFY_PARAM_set_flags(SSL_CTX_get0_param(context), X509_V_FLAG_CRL_CHECK);
     }
     // A server tells its clients from which authorities their certificates may come.
-    if (settings.server && fs::is_regular_file(settings.authorities)) {
+    if (settings.server && fs::is_regular_file(paths::forStandardLibrary(settings.authorities))) {
         SSL_CTX_set_client_CA_list(context, SSL_load_client_CA_file(settings.authorities.c_str()));
     }
 }

@@ -42,6 +42,13 @@ struct MqttSecurity {
     bool checkServerName = true;
 };
 
+/// The authorities that the system trusts as a PEM file, for the MQTT library, which reads files
+/// only. Empty where OpenSSL itself knows the system's file. On Windows, where a store has them,
+/// they are written to a file among the application's data; again where the store has changed.
+/// @throws Poco::Net::SSLException  the store cannot be read.
+/// @throws std::system_error  that file cannot be written.
+std::string systemAuthoritiesFile();
+
 /// Finds out why a connection to the broker fails, since the MQTT library only says that it does:
 /// makes one with the same settings and ends it. Takes little more than 10 s at the longest.
 /// @return the reason in words, with the file's name where a file is at fault; empty if nothing is

@@ -42,6 +42,10 @@ Poco::Net::StreamSocket clientSocket(const std::string&) {
 
 void shakeHands(const Poco::Net::StreamSocket&) {}
 
+std::string systemAuthoritiesFile() {
+    return {};
+}
+
 std::string explainFailure(const MqttSecurity&, const std::string&, unsigned short) {
     return kWithout;
 }
