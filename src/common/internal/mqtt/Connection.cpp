@@ -2,14 +2,14 @@
 //
 //   state                    touched by                                        under
 //   handle, ticket           everybody; constant from create() to the end      -
-//   window                   publishers, the receive thread                    its own lock
+//   window, gathering        publishers, the receive thread                    their own locks
 //   events, arrived, spent,  the receive thread, whoever ends a session,       _mutex
 //   callbacks, connecting    connect(), close()
 //
 //   connect, (un)subscribe   one at a time                                     _answerMutex
 //
-//   lock order: _answerMutex, the library's own, _mutex or the window's. Nothing calls into the
-//   library with one of the last two held.
+//   lock order: _answerMutex, the library's own, then one of _mutex, the window's, the gathering's.
+//   Nothing calls into the library with one of the last three held.
 //
 // The library's threads are one receive thread for the whole process (msgarrvd without its lock;
 // delivered with it) and one short-lived for each lost session (connlost, while another thread
@@ -21,7 +21,8 @@
 // look at callbacks in progress. So that no message is touched or freed at the wrong moment, a
 // handle is given a message store of our own, which stores nothing but is called with the library's
 // lock held:
-//   put "q-..."     a message enters the queue: it is copied here.
+//   put "q-..."     a message enters the queue: it is copied here. It is being acknowledged, as is
+//   put "r-..."     one at QoS 2 that is not complete yet.
 //   remove "q-..."  the receive thread is back from the callback: the message is freed here.
 //   clear, close    the queue is about to be emptied: the library frees what is in it.
 //   put "s-..."     a message of a publisher goes out, and this is its token.
@@ -39,6 +40,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
@@ -213,8 +215,12 @@ struct Connection::Hooks {
     static int put(void* store, char* key, int count, char* buffers[], int lengths[]) {
         auto& connection = *static_cast<Connection*>(store);
         const std::string_view name(key);
-        if (name.starts_with("q")) {
-            connection.queued(copyOf(count, buffers, lengths));
+        if (name.starts_with("r")) {
+            connection._gathering.end();
+        } else if (name.starts_with("q")) {
+            Message message = copyOf(count, buffers, lengths);
+            if (message.qos > 0) connection._gathering.end();
+            connection.queued(std::move(message));
         } else if (name.starts_with("s-") && outgoing.connection == &connection) {
             // Only the first time; the library's retry comes here too, on its own thread.
             connection._window.sent(outgoing.session, std::atoi(key + 2), *outgoing.receipt);
@@ -374,8 +380,13 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
     endSession();
     if (!ReceiveThread::ensure(libraryStopped)) return MQTTCLIENT_FAILURE;
     LibraryOptions form(options);
-    const std::uint16_t port = portOfServerUri(options.address);
-    const auto others = platform::tcpConnectionsTo(port);
+    std::optional<std::uint16_t> port;  // unknown where the library reads the address differently
+    std::vector<platform::TcpConnection> others;
+    logExceptions(log, [&] {
+        const std::uint16_t named = portOfServerUri(options.address);
+        others = platform::tcpConnectionsTo(named);
+        port = named;
+    });
     const std::lock_guard<std::mutex> answer(_answerMutex);
     {
         const std::lock_guard<std::mutex> lock(_mutex);
@@ -385,7 +396,7 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
         _lossTold = false;
     }
     const int rc = tryVersions(*form.get(), options.address);
-    if (rc == 0) _gathering.begin(port, others);
+    if (rc == 0 && port) _gathering.begin(*port, others);
     const std::lock_guard<std::mutex> lock(_mutex);
     _connecting = {};
     if (rc == 0 && !_lostElsewhere && !_closed) {
@@ -474,12 +485,13 @@ int Connection::publish(const std::string& payload, const std::string& topic, in
     message.retained = retained;
     const Call call(*this);
     if (!call) return MQTTCLIENT_DISCONNECTED;
-    if (qos == 0) {
-        _gathering.countAtQos0();
-        _window.pace();
-        return MQTTClient_publishMessage(_handle, topic.c_str(), &message, nullptr);
+    const bool mayBeLate = !receipt && (qos > 0 || _window.pace());
+    if (mayBeLate) {
+        _gathering.count();
+    } else {
+        _gathering.end();
     }
-    _gathering.endUnlessFlooded();
+    if (qos == 0) return MQTTClient_publishMessage(_handle, topic.c_str(), &message, nullptr);
     const Dispatcher::WaitsForBroker wait;
     InFlightWindow::GiveUp giveUp = wait.giveUp();
     if (receipt) {
@@ -505,6 +517,7 @@ int Connection::subscribe(const std::vector<std::string>& filters, std::vector<i
     std::vector<char*> names;
     names.reserve(filters.size());
     for (const std::string& filter : filters) names.push_back(const_cast<char*>(filter.c_str()));
+    _gathering.end();
     const Dispatcher::WaitsForBroker wait;
     const std::lock_guard<std::mutex> answer(_answerMutex);
     return MQTTClient_subscribeMany(_handle, static_cast<int>(names.size()), names.data(),
@@ -515,6 +528,7 @@ int Connection::unsubscribe(const std::string& filter) {
     if (inDeliveryCallback) return MQTTCLIENT_FAILURE;
     const Call call(*this);
     if (!call) return MQTTCLIENT_DISCONNECTED;
+    _gathering.end();
     const Dispatcher::WaitsForBroker wait;
     const std::lock_guard<std::mutex> answer(_answerMutex);
     return MQTTClient_unsubscribe(_handle, filter.c_str());
@@ -547,7 +561,6 @@ int Connection::messageArrived(char* topic, MQTTClient_message* message) {
         const unsigned clears = _clears;
         const auto events = _events.lock();
         lock.unlock();
-        if (copy.qos > 0) _gathering.endUnlessFlooded();
         if (events && copy.payload) {
             logExceptions(log, [&] { events->messageArrived(std::move(copy), true); });
         }

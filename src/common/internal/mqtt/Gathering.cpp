@@ -10,7 +10,8 @@ namespace {
 
 constexpr UnitLog log("src/common/MqttClient++");
 
-constexpr int kFlood = 20;
+constexpr int kManyMessages = 20;
+constexpr int kManyMilliseconds = 5;
 
 }  // namespace
 
@@ -25,30 +26,33 @@ void Gathering::begin(std::uint16_t port, const std::vector<platform::TcpConnect
     const std::lock_guard<std::mutex> lock(_mutex);
     _connection.swap(made);
     _on = false;
+    _flooded = 0;
 }
 
-void Gathering::countAtQos0() {
-    const std::int64_t now = millisecond();
-    if (_millisecond.exchange(now) == now) {
-        if (++_inMillisecond == kFlood) gather(true);
-    } else if (_inMillisecond.exchange(1) < kFlood) {
-        gather(false);
+void Gathering::count() {
+    const auto now = std::chrono::duration_cast<Milliseconds>(
+        std::chrono::steady_clock::now().time_since_epoch());
+    const std::lock_guard<std::mutex> lock(_mutex);
+    if (now != _millisecond) {
+        const bool goesOn = now == _millisecond + Milliseconds(1) && _messages >= kManyMessages;
+        _flooded = goesOn ? _flooded + 1 : 0;
+        _millisecond = now;
+        _messages = 0;
+        gather(_flooded >= kManyMilliseconds);
     }
+    ++_messages;
 }
 
-void Gathering::endUnlessFlooded() {
-    if (_on && _millisecond != millisecond()) gather(false);
+void Gathering::end() {
+    if (!_on) return;
+    const std::lock_guard<std::mutex> lock(_mutex);
+    _flooded = 0;
+    gather(false);
 }
 
 void Gathering::gather(bool on) {
     if (_on.exchange(on) == on) return;
-    const std::lock_guard<std::mutex> lock(_mutex);
     for (const auto& connection : _connection) platform::sendAtOnce(connection, !on);
-}
-
-std::int64_t Gathering::millisecond() {
-    const auto sinceStart = std::chrono::steady_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(sinceStart).count();
 }
 
 }  // namespace kel

@@ -12,32 +12,34 @@ namespace kel {
 
 /// Whether the small packets of a session go out one by one, or TCP gathers them while the broker
 /// has not acknowledged what went before. One by one is the rule, since it spares a message up to
-/// 40 ms. A flood of messages at QoS 0, twenty within a millisecond, is gathered, which takes a
-/// third of the processor time; its last messages may then be late by those 40 ms, unless another
-/// one follows. Threads: any.
+/// 40 ms. A flood, at least twenty messages in each of five milliseconds, is gathered, which takes
+/// up to two thirds of the processor time off; its last messages may then be late by those 40 ms,
+/// once, unless more follow. Threads: any.
 class Gathering {
 public:
     /// A session has begun, over the connection to `port` that is not among `others`. Where it
     /// cannot be told, nothing is gathered.
     void begin(std::uint16_t port, const std::vector<platform::TcpConnection>& others);
 
-    /// To be called before each publish at QoS 0.
-    void countAtQos0();
+    /// To be called before a publish.
+    void count();
 
-    /// To be called before what must not be late: a publish at QoS 1 or 2, an acknowledgement.
-    void endUnlessFlooded();
+    /// To be called where what goes out must not be late, just before or just after. Ends a flood.
+    void end();
 
 private:
-    static std::int64_t millisecond();
+    using Milliseconds = std::chrono::milliseconds;
+
     void gather(bool on);
 
-    // The flood is told by these two alone; that they are not changed together costs a miscount.
-    std::atomic<std::int64_t> _millisecond{0};  // of the last message at QoS 0
-    std::atomic<int> _inMillisecond{0};         // messages in it
-    std::atomic<bool> _on{false};
+    std::atomic<bool> _on{false};  // changed under _mutex
 
     std::mutex _mutex;
-    std::vector<platform::TcpConnection> _connection;  // one or none; guarded by _mutex
+    // Guarded by _mutex.
+    std::vector<platform::TcpConnection> _connection;  // one or none
+    Milliseconds _millisecond{0};                      // of the last message
+    int _messages = 0;                                 // in it
+    int _flooded = 0;                                  // milliseconds before it, without a gap
 };
 
 }  // namespace kel

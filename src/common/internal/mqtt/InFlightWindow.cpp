@@ -10,7 +10,7 @@ namespace {
 constexpr int kMostAtQos0 = 2;
 constexpr auto kPacePatience = std::chrono::milliseconds(10);
 constexpr auto kAskAgain = std::chrono::milliseconds(100);
-constexpr auto kGatherPatience = std::chrono::microseconds(200);
+constexpr auto kHalfPatience = std::chrono::microseconds(200);
 
 }  // namespace
 
@@ -44,7 +44,7 @@ std::optional<InFlightWindow::Session> InFlightWindow::take(const GiveUp& giveUp
     const Session session = _session;
     const auto ended = [&] { return !_open || _session != session; };
     const auto settled = [&] { return ended() || used() < kPlaces; };
-    if (!settled()) gather(lock);
+    if (!settled()) awaitHalf(lock);
     if (giveUp) {
         while (!_changed.wait_for(lock, kAskAgain, settled)) {
             if (giveUp()) return {};
@@ -58,10 +58,10 @@ std::optional<InFlightWindow::Session> InFlightWindow::take(const GiveUp& giveUp
 }
 
 // Woken at each acknowledgement, publisher and receive thread would meet at each message.
-void InFlightWindow::gather(std::unique_lock<std::mutex>& lock) {
-    ++_gathering;
-    _halfFree.wait_for(lock, kGatherPatience, [this] { return used() <= kPlaces / 2; });
-    --_gathering;
+void InFlightWindow::awaitHalf(std::unique_lock<std::mutex>& lock) {
+    ++_awaitingHalf;
+    _halfFree.wait_for(lock, kHalfPatience, [this] { return used() <= kPlaces / 2; });
+    --_awaitingHalf;
 }
 
 void InFlightWindow::sent(Session session, int token, std::shared_ptr<Receipt> receipt) {
@@ -91,7 +91,7 @@ bool InFlightWindow::delivered(int token) {
         (end - 1)->receipt.reset();
         --_sent;
         acknowledged();
-        halfFree = _gathering > 0 && used() <= kPlaces / 2;
+        halfFree = _awaitingHalf > 0 && used() <= kPlaces / 2;
     }
     // Without the lock, for which a publisher that wakes up would wait at once.
     if (halfFree) _halfFree.notify_one();
@@ -104,13 +104,14 @@ void InFlightWindow::acknowledged() {
     if (_paced > 0) _paceChanged.notify_all();
 }
 
-void InFlightWindow::pace() {
+bool InFlightWindow::pace() {
     std::unique_lock<std::mutex> lock(_mutex);
     const auto mayGo = [this] { return _sent == 0 || _atQos0 < kMostAtQos0 || !_open; };
     ++_paced;
     if (!mayGo()) _paceChanged.wait_for(lock, kPacePatience, mayGo);
     --_paced;
     ++_atQos0;
+    return _sent == 0;
 }
 
 bool InFlightWindow::isOpen() const {

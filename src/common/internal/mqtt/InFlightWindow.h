@@ -49,7 +49,8 @@ public:
     /// out at once, a further one waits for the next acknowledgement, 10 ms at the longest.
     /// Otherwise they fill the way to the broker, and each acknowledgement comes behind all of
     /// them.
-    void pace();
+    /// @return whether nothing is in flight.
+    bool pace();
 
     /// Gives back a place whose message was not sent; of an earlier session it counts for nothing.
     void giveBack(Session session);
@@ -67,7 +68,7 @@ private:
     };
 
     int used() const { return _taken + _sent; }
-    void gather(std::unique_lock<std::mutex>& lock);
+    void awaitHalf(std::unique_lock<std::mutex>& lock);
     void acknowledged();
 
     mutable std::mutex _mutex;
@@ -77,11 +78,11 @@ private:
     // Guarded by _mutex.
     Session _session = 0;
     bool _open = false;
-    int _taken = 0;      // places whose message has not gone out yet
-    int _sent = 0;       // places whose message has
-    int _atQos0 = 0;     // messages since the last acknowledgement
-    int _paced = 0;      // publishers that wait in pace()
-    int _gathering = 0;  // publishers that wait in gather()
+    int _taken = 0;         // places whose message has not gone out yet
+    int _sent = 0;          // places whose message has
+    int _atQos0 = 0;        // messages since the last acknowledgement
+    int _paced = 0;         // publishers that wait in pace()
+    int _awaitingHalf = 0;  // publishers that wait in awaitHalf()
     std::array<Sent, std::size_t{2} * kPlaces> _messages;  // that have gone out
 };
 

@@ -137,8 +137,8 @@ bool answersEcho(const std::vector<std::string>& addresses, const EchoRequest& r
 /// A TCP connection of this process that a library made which gives no access to it.
 struct TcpConnection {
     int descriptor;
-    std::uint64_t
-        identity;  // is not the descriptor's any more once that is used for something else
+    /// Tells this connection from a later one with the same descriptor.
+    std::uint64_t identity;
 
     bool operator==(const TcpConnection&) const = default;
 };
