@@ -136,7 +136,8 @@ private:
         try {
             StreamSocketImpl::connect(address);
         } catch (const Poco::Exception& exc) {
-            if (exc.code() != POCO_EINPROGRESS) throw;
+            // The latter where a signal has interrupted the wait, which POCO then begins again.
+            if (exc.code() != POCO_EINPROGRESS && exc.code() != POCO_EALREADY) throw;
             throw Poco::TimeoutException("connect timed out", address.toString());
         }
     }

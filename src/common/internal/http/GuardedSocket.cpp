@@ -11,8 +11,8 @@
 //
 // A thread that sleeps is awake again only 20 to 30 us after its client has asked, which is more
 // than a small request takes. A client that asks again as soon as it has its reply is therefore
-// looked out for, for a moment, before this thread sleeps; one that does so no more costs it one
-// such moment.
+// looked out for, for a moment, before this thread sleeps. If it does not ask, the thread looks out
+// again a second later at the earliest.
 
 #include "GuardedSocket.h"
 
@@ -50,10 +50,11 @@ constexpr std::size_t kMaxLingerBytes = 1 << 20;
 GuardedSocket::GuardedSocket(const Poco::Net::StreamSocket& accepted,
                              std::shared_ptr<ServerState> state)
     : _inner(accepted), _state(std::move(state)) {
-    reset(inner().sockfd());
     inner().setReceiveTimeout(kSlice);
     inner().setSendTimeout(Poco::Timespan(_state->times.grace.count() * 1000));
     prepare();
+    // Last, since the base would close it if anything above threw.
+    reset(inner().sockfd());
 }
 
 // POCO asks for both addresses with each request. Without the option, the second part of a reply
@@ -342,7 +343,7 @@ Poco::Net::SocketAddress GuardedSocket::address() {
 }
 
 Poco::Net::SocketAddress GuardedSocket::peerAddress() {
-    return _peerAddress;
+    return _peerAddress ? *_peerAddress : inner().peerAddress();
 }
 
 void GuardedSocket::setBlocking(bool flag) {

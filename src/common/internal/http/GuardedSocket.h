@@ -9,6 +9,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -109,7 +110,7 @@ private:
 
     // Set at construction.
     Poco::Net::SocketAddress _address;
-    Poco::Net::SocketAddress _peerAddress;
+    std::optional<Poco::Net::SocketAddress> _peerAddress;  // none where the client has gone
 
     // The connection's own thread only.
     Poco::Timespan _receiveTimeout{60, 0};

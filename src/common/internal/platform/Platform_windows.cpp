@@ -286,7 +286,7 @@ bool wasSent(DWORD status) {
 bool isTrustedForServers(PCCERT_CONTEXT certificate) {
     alignas(CERT_ENHKEY_USAGE) std::array<std::byte, 4096> buffer;
     auto* const usage = reinterpret_cast<CERT_ENHKEY_USAGE*>(buffer.data());
-    DWORD size = buffer.size();
+    auto size = static_cast<DWORD>(buffer.size());
     if (!::CertGetEnhancedKeyUsage(certificate, 0, usage, &size)) return false;
     if (usage->cUsageIdentifier == 0) {  // for all purposes, or for none
         return static_cast<HRESULT>(::GetLastError()) == CRYPT_E_NOT_FOUND;

@@ -92,8 +92,10 @@ std::string opensslReason() {
 
 void checkReadable(const std::string& what, const std::string& file) {
     errno = 0;
-    if (!std::ifstream(paths::forStandardLibrary(file)))
-        refuseFile(what, file, std::strerror(errno ? errno : ENOENT));
+    const fs::path path = paths::forStandardLibrary(file);
+    std::error_code unknown;
+    if (fs::is_directory(path, unknown)) return;  // which Windows opens no stream on
+    if (!std::ifstream(path)) refuseFile(what, file, std::strerror(errno ? errno : ENOENT));
 }
 
 std::string passphraseOf(const Settings& settings) {
