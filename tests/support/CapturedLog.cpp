@@ -50,8 +50,8 @@ std::size_t CapturedLog::count(const std::string& text) const {
     return _collector->matching(text).size();
 }
 
-Poco::Message CapturedLog::find(const std::string& text) const {
+Poco::Message CapturedLog::find(const std::string& text, std::size_t earlier) const {
     const std::lock_guard<std::mutex> lock(_collector->mutex);
     const auto found = _collector->matching(text);
-    return found.empty() ? Poco::Message() : found.front();
+    return found.size() <= earlier ? Poco::Message() : found[earlier];
 }

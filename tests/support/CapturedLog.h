@@ -24,8 +24,9 @@ public:
     /// Lines so far that contain `text` ("" for all).
     std::size_t count(const std::string& text) const;
 
-    /// The first message so far whose text contains `text`; an empty one if there is none.
-    Poco::Message find(const std::string& text) const;
+    /// The first message so far whose text contains `text`, but for `earlier` ones; an empty one if
+    /// there is none.
+    Poco::Message find(const std::string& text, std::size_t earlier = 0) const;
 
 private:
     struct Collector;
