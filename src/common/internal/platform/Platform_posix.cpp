@@ -331,10 +331,12 @@ std::uint16_t peerPort(int descriptor) {
     return 0;
 }
 
-// The number of a socket, which no other has meanwhile.
+// A number that no other socket ever has.
 std::uint64_t identityOf(int descriptor) {
-    struct stat status {};
-    return ::fstat(descriptor, &status) == 0 ? status.st_ino : 0;
+    std::uint64_t cookie = 0;
+    socklen_t length = sizeof cookie;
+    const int rc = ::getsockopt(descriptor, SOL_SOCKET, SO_COOKIE, &cookie, &length);
+    return rc == 0 ? cookie : 0;
 }
 
 }  // namespace
