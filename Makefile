@@ -9,7 +9,7 @@ help:
 	@echo "make test          build, run all tests; PRESET=debug|bench|asan|tsan|clang|notls"
 	@echo "make test-browser  build, use the status page in a headless Chromium (100 MB to install)"
 	@echo "make test-windows  run the Windows platform file under Wine; PREFIX=<POCO, Paho> all else too"
-	@echo "make bench         measure beside other libraries; AREA=mqtt|pool|logging|tls, all without"
+	@echo "make bench         measure beside other libraries; AREA=mqtt|pool|logging|http|tls, all without"
 	@echo "make soak          load, faults and exits, as a table; SHORT=1 for a few minutes"
 	@echo "make fuzz          fuzz what comes from outside, 10 minutes a target; SECONDS=... for less"
 	@echo "make check         all checks, as CI runs them"

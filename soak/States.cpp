@@ -96,7 +96,8 @@ void save(const std::string& value) {
     kel::saveConfig();
 }
 
-[[noreturn]] void saveForEver(const std::string&) {
+[[noreturn]] void saveUntilKilled(const std::string&) {
+    ::alarm(60);  // where nobody is left to kill it
     for (auto generation = ::getpid() * 1000L;; ++generation) save(std::to_string(generation));
 }
 
@@ -113,7 +114,7 @@ const std::map<std::string_view, State>& states = *new std::map<std::string_view
     {"timer running", startTimer},
     {"tasks running", startTasks},
     {"logging flooded", flood},
-    {"saving", saveForEver},
+    {"saving", saveUntilKilled},
     {"saved once", save}};
 
 }  // namespace

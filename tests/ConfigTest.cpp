@@ -193,7 +193,8 @@ TEST_F(Config, AKilledSaveLeavesACompleteFileAndTheNextOneCleansUp) {
     for (int round = 0; round < 5; ++round) {
         const ::pid_t child = ::fork();
         if (child == 0) {
-            for (int i = 0;; i = 1 - i) saved(values[i]);  // until it is killed
+            ::alarm(60);  // where nobody is left to kill it
+            for (int i = 0;; i = 1 - i) saved(values[i]);
         }
         int looks = 0;  // the child is killed where a file is seen half written
         while (looks < 1'000'000 && isComplete(neighbour) && isComplete(_file)) ++looks;

@@ -419,6 +419,7 @@ TEST(EdgeHost, AnswersAtOnceWhileTheBrokerAcknowledgesNothing) {
     broker.suspend();
     int taken = 0;
     while (taken < 1000 && publish() == "202") ++taken;
+    EXPECT_EQ("503", publish());
     EXPECT_LE(taken, 10 + 1 + 32);  // on the way, in the publisher's hands, waiting
     EXPECT_EQ("200", host.ask("GET /index/api/state").substr(9, 3));
     broker.resume();

@@ -1,4 +1,4 @@
-// The smallest host that uses every part of the library. It greets itself over the broker and
+// The smallest host that uses the main parts of the library. It greets itself over the broker and
 // reports to its own web API that it has started.
 #include <Poco/Event.h>
 #include <Poco/Logger.h>

@@ -88,7 +88,8 @@ public:
 
     /// Ends the session at the broker; waits up to 2 s for unacknowledged messages. The
     /// subscriptions are kept for a later Connect(), and what has arrived is still handed on. From
-    /// the delivery callback it takes effect shortly after its return.
+    /// the delivery callback it takes effect shortly after its return. Where an attempt to connect
+    /// is under way, it waits for its end first.
     void Disconnect();
 
     /// Has `handler` called for each message on `topic`, replacing an earlier handler of exactly
@@ -119,9 +120,9 @@ public:
     /// @param retained  1: the broker keeps it for later subscribers; else 0.
     /// @param token     ignored.
     /// @return whether the library accepted it. At QoS 1 and 2 the delivery callback tells when it
-    ///         has been delivered; if the connection goes first, it may be lost. Always false (with
-    ///         the library's code for too many messages in flight) in a delivery callback, and in
-    ///         an inline handler that would have to wait while its queue is full twice over.
+    ///         has been delivered; if the connection is lost first, it may be too. Always false
+    ///         (with the library's code for too many messages in flight) in a delivery callback,
+    ///         and in an inline handler that would have to wait while its queue is full twice over.
     bool PublishMessage(std::string payload, std::string topic, int qos, int retained, int token);
 
     /// As PublishMessage(), and waits until the broker has confirmed the message.
@@ -129,7 +130,7 @@ public:
     ///        and for the confirmation together; the first may overrun it by 100 ms.
     /// @return whether it has been confirmed; at QoS 0, which knows no confirmation, whether it has
     ///         been accepted. False at once where PublishMessage() is refused; also when the
-    ///         connection goes, and when `deadline` passes: the message may still arrive then.
+    ///         connection is lost, and when `deadline` passes: the message may still arrive then.
     /// May be called wherever PublishMessage() may, from handlers too. The delivery callback is
     /// told as well.
     bool PublishAndWait(std::string payload, std::string topic, int qos, int retained,

@@ -39,7 +39,7 @@ public:
     ThreadPool(const std::string& name, int minCapacity, int maxCapacity, int idleTime,
                int stackSize);
 
-    /// Calls stop().
+    /// Calls stop(). What runs on threads of the base class is then awaited, up to 10 s for each.
     ~ThreadPool();
 
     ThreadPool(const ThreadPool&) = delete;

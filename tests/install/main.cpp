@@ -7,7 +7,10 @@
 #include <common/Logger.h>
 #include <common/MqttClient++.h>
 #include <common/NotificationCenter.h>
+#include <common/Statistics.h>
+#include <common/Termination.h>
 #include <common/ThreadPool.h>
+#include <common/Tls.h>
 #include <common/Utils.h>
 #include <common/Version.h>
 #include <common/WebApiBasic.h>
@@ -50,6 +53,9 @@ int main() {
     const auto client = kel::MqttClient::createInstance("tcp://127.0.0.1:1", "me", "", "");
     expect(client->getstation() == "me", "MQTT client");
     expect(kel::ThreadPool::defaultPool().capacity() == 32, "thread pool");
+    expect(kel::statistics().mqtt.published[0] == 0, "statistics");
+    kel::catchTerminationRequests();
+    expect(!kel::serverCertificateFile().empty(), "certificate");
     expect(makeJsonDefault(0, "ok") == R"({"code":0,"msg":"ok"})", "JSON");
     kel::stopLibrary();
     kel::deleteLogger();

@@ -8,8 +8,8 @@
 //
 //   connect, (un)subscribe   one at a time                                     _answerMutex
 //
-//   lock order: _answerMutex, the library's own, then one of _mutex, the window's, the gathering's.
-//   Nothing calls into the library with one of the last three held.
+//   lock order: _answerMutex, the library's own, _mutex, the window's, the dispatcher's; the
+//   gathering's alone. Nothing calls into the library with one of the last four held.
 //
 // The library's threads are one receive thread for the whole process (msgarrvd without its lock;
 // delivered with it) and one short-lived for each lost session (connlost, while another thread
@@ -378,6 +378,7 @@ int Connection::connect(const ConnectOptions& options, std::weak_ptr<ConnectionE
     if (!call) return MQTTCLIENT_DISCONNECTED;
     // A second connect on a connected handle would leave the first connection's socket behind.
     endSession();
+    _window.forget();
     if (!ReceiveThread::ensure(libraryStopped)) return MQTTCLIENT_FAILURE;
     LibraryOptions form(options);
     std::optional<std::uint16_t> port;  // unknown where the library reads the address differently
@@ -434,6 +435,7 @@ int Connection::endSession() {
     _up = false;
     _lossUntold = false;
     _window.close();
+    _gathering.end();
     if (!MQTTClient_isConnected(_handle)) return 0;
     const Dispatcher::WaitsForBroker wait;
     holdBack();
@@ -485,8 +487,8 @@ int Connection::publish(const std::string& payload, const std::string& topic, in
     message.retained = retained;
     const Call call(*this);
     if (!call) return MQTTCLIENT_DISCONNECTED;
-    const bool mayBeLate = !receipt && (qos > 0 || _window.pace());
-    if (mayBeLate) {
+    const bool noneBeside = qos > 0 || _window.pace();
+    if (noneBeside && !receipt) {
         _gathering.count();
     } else {
         _gathering.end();
@@ -501,6 +503,7 @@ int Connection::publish(const std::string& payload, const std::string& topic, in
     if (!session) {
         return _window.isOpen() ? MQTTCLIENT_MAX_MESSAGES_INFLIGHT : MQTTCLIENT_DISCONNECTED;
     }
+    if (receipt) _gathering.end();  // which another publisher may have begun meanwhile
     outgoing = {this, *session, &receipt};
     // Asked for the token, the library reads it after the acknowledgement may have freed it.
     const int rc = MQTTClient_publishMessage(_handle, topic.c_str(), &message, nullptr);

@@ -37,7 +37,7 @@ public:
 };
 
 /// One handle of the MQTT library with its sessions, their in-flight window and their callbacks.
-/// The only caller of MQTTClient_*.
+/// Beside ReceiveThread, which has a handle of its own, the only caller of MQTTClient_*.
 /// Threads: any, except that in the delivery callback the library holds its lock, so that close()
 /// alone is possible there.
 class Connection : public std::enable_shared_from_this<Connection> {

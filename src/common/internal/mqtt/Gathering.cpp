@@ -44,9 +44,9 @@ void Gathering::count() {
 }
 
 void Gathering::end() {
+    _flooded = 0;
     if (!_on) return;
     const std::lock_guard<std::mutex> lock(_mutex);
-    _flooded = 0;
     gather(false);
 }
 

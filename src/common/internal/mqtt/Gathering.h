@@ -33,13 +33,13 @@ private:
     void gather(bool on);
 
     std::atomic<bool> _on{false};  // changed under _mutex
+    std::atomic<int> _flooded{0};  // milliseconds with many messages so far, without a gap
 
     std::mutex _mutex;
     // Guarded by _mutex.
     std::vector<platform::TcpConnection> _connection;  // one or none
     Milliseconds _millisecond{0};                      // of the last message
     int _messages = 0;                                 // in it
-    int _flooded = 0;                                  // milliseconds before it, without a gap
 };
 
 }  // namespace kel

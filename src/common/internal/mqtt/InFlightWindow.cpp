@@ -14,13 +14,17 @@ constexpr auto kHalfPatience = std::chrono::microseconds(200);
 
 }  // namespace
 
-void InFlightWindow::open() {
+void InFlightWindow::forget() {
     abandon();
+    const std::lock_guard<std::mutex> lock(_mutex);
+    _sent = 0;
+}
+
+void InFlightWindow::open() {
     const std::lock_guard<std::mutex> lock(_mutex);
     ++_session;
     _open = true;
     _taken = 0;
-    _sent = 0;
     _changed.notify_all();
 }
 

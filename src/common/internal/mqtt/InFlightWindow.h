@@ -13,8 +13,8 @@
 namespace kel {
 
 /// Places for the messages of one MQTT session that the broker has not acknowledged yet. Publishers
-/// wait here and go on as soon as an acknowledgement comes; the MQTT library has a wait of its own,
-/// which polls ten times a second and is never reached. Threads: any.
+/// wait here and go on as acknowledgements come; the MQTT library has a wait of its own, which
+/// polls ten times a second and is reached only where the socket takes no more. Threads: any.
 class InFlightWindow {
 public:
     static constexpr int kPlaces = 10;
@@ -25,7 +25,10 @@ public:
     /// Asked while a publisher waits; true ends its wait without a place.
     using GiveUp = std::function<bool()>;
 
-    /// A session begins, with all places free.
+    /// Before a session is made: what was in flight in the last one will not be acknowledged.
+    void forget();
+
+    /// A session has begun. All places are free, but for messages that have gone out in it already.
     void open();
 
     /// The session admits no further message; waiting publishers return. What is in flight can
