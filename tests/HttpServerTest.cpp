@@ -206,7 +206,7 @@ TEST_F(WebApi, RefusesWhatIsNoRequestAndBodiesThatAreNoJsonObject) {
     for (const auto& body : bodies) requests.push_back(request("POST /body", body));
     for (const auto& bytes : requests) EXPECT_EQ(kFailed, exchange(bytes)) << bytes.substr(0, 80);
     EXPECT_EQ(kFailed, RawClient(port).send(post + "\r\n").read()) << "waits for a body";
-    EXPECT_EQ("", exchange(chunked + "7000000\r\n" + std::string(0x7000000, ' ')));
+    EXPECT_EQ("", exchange(chunked + "7000000\r\n" + std::string().append(0x7000000, ' ')));
     EXPECT_TRUE(log.await("body is longer than 8 MiB", 2));
     EXPECT_EQ(3 + requests.size() + 4, log.count("")) << "each is one line";
 

@@ -28,6 +28,7 @@ static void expect(bool holds, const char* what) {
 int main() {
     kel::loadLogging();
     kel::initHttpOption();
+    kel::initSSLOption();
     kel::loadConfig();
     expect(kel::configInstance().getInt(kel::http::kPort) == 9528, "configuration");
     expect(kel::configPath().find("uses_kelcommon.json") != std::string::npos, "path");
