@@ -28,7 +28,6 @@ static void expect(bool holds, const char* what) {
 int main() {
     kel::loadLogging();
     kel::initHttpOption();
-    kel::initSSLOption();
     kel::loadConfig();
     expect(kel::configInstance().getInt(kel::http::kPort) == 9528, "configuration");
     expect(kel::configPath().find("uses_kelcommon.json") != std::string::npos, "path");
@@ -56,7 +55,8 @@ int main() {
     expect(kel::ThreadPool::defaultPool().capacity() == 32, "thread pool");
     expect(kel::statistics().mqtt.published[0] == 0, "statistics");
     kel::catchTerminationRequests();
-    expect(!kel::serverCertificateFile().empty(), "certificate");
+    kel::configInstance().setString("openSSL.server.certificateFile", "here.pem");
+    expect(kel::serverCertificateFile() == "here.pem", "certificate");
     expect(makeJsonDefault(0, "ok") == R"({"code":0,"msg":"ok"})", "JSON");
     kel::stopLibrary();
     kel::deleteLogger();
